@@ -1,0 +1,231 @@
+// Library frame: instance registry and handles, load and discovery, shared
+// database and semaphores, extended-ioctl channel, and the leaf vxapi_
+// operations. Internal: nothing here is exported.
+#pragma once
+
+#include <sysfs/dlist.h>
+
+#include <cstddef>
+#include <cstdint>
+
+// Port record feature bits (vxapi_priv_database::features).
+inline constexpr uint32_t VX_FEAT_IOCTL_NODE = 0x0001;   // own extended-ioctl node
+inline constexpr uint32_t VX_FEAT_NEW_IOCTL = 0x0002;    // newer EXT_IOCTL generation
+inline constexpr uint32_t VX_FEAT_PROPS_READ = 0x0004;   // properties read at discovery
+inline constexpr uint32_t VX_FEAT_EVENTS = 0x0010;       // events enabled on the port
+inline constexpr uint32_t VX_FEAT_SYSFS = 0x0020;        // sysfs + bsg + netlink channel
+inline constexpr uint32_t VX_FEAT_DRV_CAP4 = 0x0040;     // driver capability bit 0x04
+inline constexpr uint32_t VX_FEAT_PARTIAL_FLASH = 0x0080;  // driver accepts partial flash commands
+inline constexpr uint32_t VX_FEAT_DRV_CAP8 = 0x0100;     // driver capability bit 0x08
+inline constexpr uint32_t VX_FEAT_NL_VENDOR = 0x0200;    // vendor netlink socket open
+inline constexpr uint32_t VX_FEAT_NL_SCSI = 0x0400;      // FC transport netlink socket open
+inline constexpr uint32_t VX_FEAT_AEN_FETCHED = 0x0800;  // event fetch operation ran
+inline constexpr uint32_t VX_FEAT_BSG = 0x1000;          // bsg requests usable
+
+inline constexpr uint32_t VX_IFTYPE_PHYSICAL = 1;
+inline constexpr uint32_t VX_IFTYPE_VIRTUAL = 3;
+
+struct INT_OPT_ROM_LAYOUT;
+
+// One registered port-event callback of the Common HBA API client.
+struct vxapi_hbapt_reg_cb_t {
+    void (*cb_hba_port_event)(void* userdata, uint64_t port_wwn, uint32_t event_type,
+                              uint32_t fabric_port_id);
+    void* hba_port_userdata;
+    uint32_t hba_port_buf_len;
+    void* prmcb_handle;
+};
+
+// Per-port event-callback table, allocated zeroed with each port record.
+struct vxapi_aen_callback_table {
+    vxapi_hbapt_reg_cb_t hbapt;
+};
+
+// One physical adapter function, shared by its physical port and its virtual
+// ports. Its size depends on the pointer width (320 bytes on 32-bit hosts).
+struct vxapi_phy_info {
+    uint8_t model[16];
+    uint16_t vendor_id;
+    uint16_t device_id;
+    uint16_t ssvendor_id;
+    uint16_t ssdevice_id;
+    uint8_t serial_num[128];
+    uint16_t pci_domain;
+    uint16_t pci_bus;
+    uint16_t pci_dev_func;
+    uint16_t max_vports;
+    INT_OPT_ROM_LAYOUT* pflt_layout;
+    uint32_t fcoe_valid;
+    uint8_t mpi_running_ver[8];
+    uint8_t edc_running_ver[8];
+    uint8_t mpi_flash_ver[8];
+    uint8_t edc_flash_ver[8];
+    uint8_t nic_bios_ver[8];
+    uint8_t nic_fcode_ver[8];
+    uint8_t nic_efi_ver[8];
+    uint8_t vp_map[64];
+    uint32_t vp_inuse;
+    uint8_t port_number;
+    uint8_t active_image;
+    uint64_t new_fw_attributes;
+    uint64_t running_fw_attributes;
+    uint32_t outage;
+    uint8_t reserved[2];
+};
+static_assert(offsetof(vxapi_phy_info, serial_num) == 24);
+static_assert(offsetof(vxapi_phy_info, pci_domain) == 152);
+static_assert(offsetof(vxapi_phy_info, pflt_layout) == 160);
+static_assert(sizeof(void*) != 8 || sizeof(vxapi_phy_info) == 328);
+static_assert(sizeof(void*) != 4 || sizeof(vxapi_phy_info) == 320);
+
+// One port instance (physical or virtual). List position is the user
+// instance; the handle is position + 1.
+struct vxapi_priv_database {
+    uint8_t phys_path[256];
+    int32_t oshandle;
+    uint32_t apihandle;
+    uint32_t open_cnt;
+    uint32_t drvr_inst;
+    uint32_t host_no;
+    uint32_t drvr_attr;
+    uint8_t wwnn[8];
+    uint8_t wwpn[8];
+    uint8_t port_id[4];
+    uint32_t interface_type;
+    uint32_t vp_idx;
+    uint32_t features;
+    uint32_t port_flags;
+    uint16_t topology;
+    uint16_t state;
+    vxapi_phy_info* phy_info;
+    vxapi_priv_database* parent;
+    vxapi_aen_callback_table* api_event_cbs;
+    uint8_t reserved[168];
+};
+static_assert(offsetof(vxapi_priv_database, oshandle) == 256);
+static_assert(offsetof(vxapi_priv_database, wwnn) == 280);
+static_assert(offsetof(vxapi_priv_database, port_id) == 296);
+static_assert(offsetof(vxapi_priv_database, features) == 308);
+static_assert(offsetof(vxapi_priv_database, topology) == 316);
+static_assert(offsetof(vxapi_priv_database, phy_info) == 320);
+static_assert(sizeof(vxapi_priv_database) == 320 + 3 * sizeof(void*) + 168);  // 500 on 32-bit
+
+// Row of the older fixed instance table.
+struct vxapi_priv_db_t {
+    char phys_path[80];
+    char model[16];
+    int oshandle;
+    uint32_t apihandle;
+    uint32_t open_cnt;
+    uint16_t drvr_inst;
+    uint16_t host_no;
+    uint32_t drvr_attr;
+    uint8_t wwnn[8];
+    uint8_t wwpn[8];
+    uint8_t port_id[4];
+    uint32_t port_cnt;
+    uint32_t features;
+    uint16_t vendor_id;
+    uint16_t device_id;
+    uint16_t ssvendor_id;
+    uint16_t ssdevice_id;
+    char serial_num[32];
+};
+static_assert(sizeof(vxapi_priv_db_t) == 184);
+static_assert(offsetof(vxapi_priv_db_t, apihandle) == 100);
+static_assert(offsetof(vxapi_priv_db_t, serial_num) == 152);
+
+inline constexpr int VX_MAX_LEGACY_INSTANCES = 32;
+
+// ---- Registry globals ----
+extern Dlist* api_priv_database;
+extern Dlist* api_phy_info;
+extern vxapi_priv_db_t api_priv_data[VX_MAX_LEGACY_INSTANCES];
+extern vxapi_priv_database* current_priv_inst;
+extern vxapi_phy_info* current_phy_info_inst;
+
+// ---- Shared database globals (the database itself lives in vx_core_db) ----
+extern uint32_t api_library_instance;  // this process's slot 0-7; 8 or more: none
+extern uint8_t api_use_database;       // 1 until the host proves to have no System V IPC
+extern int api_shm_fildes;             // -1 when closed
+extern void* api_shared_data;          // the mapping, null when none
+extern int api_dbupdate_sem_id;        // key 829
+extern int api_thread_sem_id;          // key 1054
+extern int api_flash_sem_id;           // key 980
+extern int api_dbg_sem_id;             // key 819
+
+inline constexpr int VX_SEM_KEY_DBUPDATE = 829;
+inline constexpr int VX_SEM_KEY_THREAD = 1054;
+inline constexpr int VX_SEM_KEY_FLASH = 980;
+inline constexpr int VX_SEM_KEY_DEBUG = 819;
+
+// ---- Handles ----
+uint32_t vxapi_create_apihandle(uint32_t instance);
+vxapi_priv_database* check_handle(uint32_t handle);
+int vxapi_get_api_inst_by_handle(uint32_t handle, int* index);
+
+// ---- Look-ups ----
+vxapi_priv_database* vxapi_get_api_priv_inst_from_user_instance(uint32_t instance);
+int vxapi_get_instance_from_api_priv_inst(const vxapi_priv_database* record, uint32_t* instance);
+vxapi_priv_database* vxapi_get_api_priv_inst_from_adaptername(const char* name);
+int vxapi_get_host_no_by_handle(uint32_t handle, uint32_t* host_no);
+uint32_t vxapi_get_open_adapter_count();
+int vxapi_is_host_no_present(uint32_t host_no);
+vxapi_priv_database* vxapi_get_phy_port_from_vport(const vxapi_priv_database* vport);
+vxapi_priv_database* vxapi_get_vport_from_wwn(const vxapi_priv_database* parent, const uint8_t* wwnn,
+                                              const uint8_t* wwpn);
+vxapi_priv_database* vxapi_get_vport_from_vport_id(const vxapi_priv_database* parent, uint32_t vp_idx);
+// PCI location: domain, bus and (device << 3 | function) of the given record.
+vxapi_phy_info* vxapi_get_api_phy_info_inst(const vxapi_phy_info* pci);
+
+// ---- Bookkeeping ----
+void vxapi_fill_phy_port_number(vxapi_priv_database* record);
+uint32_t vxapi_get_total_libinst_count();
+uint32_t vxapi_get_number_of_bits_set(uint32_t value);
+
+// ---- Making and freeing records ----
+int vxapi_alloc_api_priv_data_mem(uint32_t* err);
+int vxapi_alloc_api_phy_info_mem(uint32_t* err);
+void vxapi_free_api_priv_data_element(vxapi_priv_database* record);
+void vxapi_free_api_phy_info_element(vxapi_phy_info* record);
+void vxapi_free_api_priv_data_mem();
+void vxapi_free_api_phy_info_mem();
+
+// ---- Open and close ----
+int vxapi_open_adapter(vxapi_priv_database* record, uint32_t* handle, uint32_t* status);
+int vxapi_close_adapter(vxapi_priv_database* record, uint32_t* status);
+
+// ---- System V semaphores (each a set of one semaphore used as a lock) ----
+int vxapi_sem_get(int key);
+void vxapi_sem_wait(int id);
+void vxapi_sem_signal(int id);
+int vxapi_sem_del(int id);
+
+// Holds a semaphore for one scope; a no-op for id -1.
+class vxapi_sem_hold {
+public:
+    explicit vxapi_sem_hold(int id) : id_(id) {
+        if (id_ != -1)
+            vxapi_sem_wait(id_);
+    }
+    ~vxapi_sem_hold() {
+        if (id_ != -1)
+            vxapi_sem_signal(id_);
+    }
+    vxapi_sem_hold(const vxapi_sem_hold&) = delete;
+    vxapi_sem_hold& operator=(const vxapi_sem_hold&) = delete;
+
+private:
+    int id_;
+};
+
+// Walks a dlist without its shared marker, so that several threads may walk
+// the same list at once (the event thread walks the port list too).
+template <typename T, typename F>
+void vx_dlist_each(Dlist* list, F&& fn) {
+    if (!list)
+        return;
+    for (DL_node* node = list->head->next; node != list->head; node = node->next)
+        if (!fn(static_cast<T*>(node->data)))
+            return;
+}
