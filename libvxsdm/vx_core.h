@@ -5,6 +5,8 @@
 
 #include <sysfs/dlist.h>
 
+#include "exioct.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -137,6 +139,51 @@ static_assert(offsetof(vxapi_priv_db_t, serial_num) == 152);
 
 inline constexpr int VX_MAX_LEGACY_INSTANCES = 32;
 
+// ---- Shared database layout (the mapped file shared by every process) ----
+inline constexpr uint32_t VX_SHARED_FILE_SIZE = 262144;
+inline constexpr uint32_t VX_LIBINST_SLOTS = 8;
+inline constexpr uint32_t VX_EVQ_ENTRIES = 1024;
+inline constexpr uint32_t VX_FLASH_TOKENS = 32;
+
+// Slot flag bits of libinst_flags.
+inline constexpr uint32_t VX_LIBINST_HELD = 0x01;
+inline constexpr uint32_t VX_LIBINST_CLAIMED = 0x04;
+inline constexpr uint32_t VX_LIBINST_RESERVED = 0x08;
+
+struct vxapi_hbaptevq_t {
+    EXT_ASYNC_EVENT eventbuf[VX_EVQ_ENTRIES];
+    uint16_t q_head;
+    uint16_t q_tail;
+    uint8_t rsvd[16];
+};
+static_assert(sizeof(vxapi_hbaptevq_t) == 16404);
+static_assert(offsetof(vxapi_hbaptevq_t, q_head) == 16384);
+static_assert(offsetof(vxapi_hbaptevq_t, q_tail) == 16386);
+static_assert(offsetof(vxapi_hbaptevq_t, rsvd) == 16388);
+
+#pragma pack(push, 1)
+struct vxapi_flash_update_token {
+    int32_t token;
+    char serial_num[128];
+    uint64_t valid_time;  // unaligned on purpose: the record is packed
+    uint8_t reserved[116];
+};
+#pragma pack(pop)
+static_assert(sizeof(vxapi_flash_update_token) == 256);
+static_assert(offsetof(vxapi_flash_update_token, valid_time) == 132);
+static_assert(offsetof(vxapi_flash_update_token, reserved) == 140);
+
+struct vxapi_shared_t {
+    uint32_t libinst_flags[VX_LIBINST_SLOTS];
+    vxapi_hbaptevq_t hbaptevq[VX_LIBINST_SLOTS];
+    vxapi_flash_update_token fut[VX_FLASH_TOKENS];
+    uint8_t reserved[122688];
+};
+static_assert(offsetof(vxapi_shared_t, hbaptevq) == 32);
+static_assert(offsetof(vxapi_shared_t, fut) == 131264);
+static_assert(offsetof(vxapi_shared_t, reserved) == 139456);
+static_assert(sizeof(vxapi_shared_t) == VX_SHARED_FILE_SIZE);
+
 // ---- Registry globals ----
 extern Dlist* api_priv_database;
 extern Dlist* api_phy_info;
@@ -148,7 +195,7 @@ extern vxapi_phy_info* current_phy_info_inst;
 extern uint32_t api_library_instance;  // this process's slot 0-7; 8 or more: none
 extern uint8_t api_use_database;       // 1 until the host proves to have no System V IPC
 extern int api_shm_fildes;             // -1 when closed
-extern void* api_shared_data;          // the mapping, null when none
+extern vxapi_shared_t* api_shared_data;  // the mapping, null when none
 extern int api_dbupdate_sem_id;        // key 829
 extern int api_thread_sem_id;          // key 1054
 extern int api_flash_sem_id;           // key 980
