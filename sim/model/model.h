@@ -86,6 +86,8 @@ struct FlashVersions {
     std::string firmware = "8.05.63";  // firmware image version (major.minor.sub)
     std::string mpi = "2.1.4";     // multi-processor families
     std::string pep = "1.0.9";
+    std::string edc = "1.2.7";     // families with a separate management processor
+    std::string nic = "3.1.2";     // NIC boot code on the same families
 };
 
 // One adapter board: one flash, one serial number, one or more PCI functions.
