@@ -78,4 +78,6 @@ VXSD_API SD_UINT32 SDGetVersion(char* buf);
 }
 #endif
 
+#include "vsdmgtln.h"
+
 #endif /* VSDMGT_H */

@@ -1,0 +1,249 @@
+/* Records of the SD management interface and the calls that fill them.
+ * Included by vsdmgt.h. Every record is the caller's, of fixed size; the
+ * library writes only the fields a call fills and never clears the rest.
+ */
+#ifndef VSDMGTLN_H
+#define VSDMGTLN_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define VXSD_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define VXSD_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+
+/* BIValid bits of DEVICENODEPROPERTY. */
+#define SDM_BI_FW_VALID 0x01u
+#define SDM_BI_EFI_VALID 0x02u
+#define SDM_BI_FCODE_VALID 0x04u
+#define SDM_BI_MPI_VALID 0x20u
+#define SDM_BI_PEP_VALID 0x40u
+
+typedef struct {
+    SD_UINT8 WWN[8];
+    char Manufacturer[80];
+    char Model[32];
+    SD_UINT8 SerialNumber[32];
+    char DriverVersion[32];
+    char FirmwareVersion[32];
+    char OptionRomVersion[32];
+    SD_UINT16 NumberOfPorts;
+    SD_UINT16 InterfaceType;
+    SD_UINT32 DriverAttributes;
+    SD_UINT32 FirmwareAttributes;
+    SD_UINT32 BIValid;
+    SD_UINT8 BIFwVersion[4];
+    SD_UINT8 BIEfiVersion[4];
+    SD_UINT8 BIFCodeVersion[4];
+    SD_UINT8 MpiFwVersion[4];
+    SD_UINT8 PepFwVersion[4];
+    SD_UINT8 BIMpiFwVersion[4];
+    SD_UINT8 BIPepFwVersion[4];
+    SD_UINT32 Reserved[24];
+} DEVICENODEPROPERTY;
+VXSD_STATIC_ASSERT(sizeof(DEVICENODEPROPERTY) == 388, "DEVICENODEPROPERTY size");
+VXSD_STATIC_ASSERT(offsetof(DEVICENODEPROPERTY, Model) == 88, "DEVICENODEPROPERTY.Model");
+VXSD_STATIC_ASSERT(offsetof(DEVICENODEPROPERTY, SerialNumber) == 120, "DEVICENODEPROPERTY.SerialNumber");
+VXSD_STATIC_ASSERT(offsetof(DEVICENODEPROPERTY, NumberOfPorts) == 248, "DEVICENODEPROPERTY.NumberOfPorts");
+VXSD_STATIC_ASSERT(offsetof(DEVICENODEPROPERTY, BIValid) == 260, "DEVICENODEPROPERTY.BIValid");
+VXSD_STATIC_ASSERT(offsetof(DEVICENODEPROPERTY, BIPepFwVersion) == 288, "DEVICENODEPROPERTY.BIPepFwVersion");
+VXSD_STATIC_ASSERT(offsetof(DEVICENODEPROPERTY, Reserved) == 292, "DEVICENODEPROPERTY.Reserved");
+
+typedef struct {
+    SD_UINT8 WWN[8];
+    SD_UINT8 PortID[3];
+    SD_UINT8 PortType;
+    SD_UINT8 PortState;
+    SD_UINT8 ConnectionMode;
+    SD_UINT16 DiscPortCount;
+    SD_UINT16 DiscTargetCount;
+    char DeviceName[32];
+    SD_UINT32 PortSpeed;
+    SD_UINT16 LinkState1;
+    SD_UINT16 LinkState2;
+    SD_UINT16 LinkState3;
+    SD_UINT16 LinkState6;
+    SD_UINT32 Reserved[21];
+} DEVICEPORTPROPERTY;
+VXSD_STATIC_ASSERT(sizeof(DEVICEPORTPROPERTY) == 148, "DEVICEPORTPROPERTY size");
+VXSD_STATIC_ASSERT(offsetof(DEVICEPORTPROPERTY, PortType) == 11, "DEVICEPORTPROPERTY.PortType");
+VXSD_STATIC_ASSERT(offsetof(DEVICEPORTPROPERTY, DiscPortCount) == 14, "DEVICEPORTPROPERTY.DiscPortCount");
+VXSD_STATIC_ASSERT(offsetof(DEVICEPORTPROPERTY, DeviceName) == 18, "DEVICEPORTPROPERTY.DeviceName");
+VXSD_STATIC_ASSERT(offsetof(DEVICEPORTPROPERTY, PortSpeed) == 52, "DEVICEPORTPROPERTY.PortSpeed");
+VXSD_STATIC_ASSERT(offsetof(DEVICEPORTPROPERTY, LinkState6) == 62, "DEVICEPORTPROPERTY.LinkState6");
+
+typedef struct {
+    SD_UINT16 VendorID;
+    SD_UINT16 DeviceID;
+    SD_UINT16 SubVendorID;
+    SD_UINT16 SubSystemID;
+    SD_UINT16 PciBusNumber;
+    SD_UINT16 PciSlotNumber;
+    SD_UINT32 IoAddress;
+    SD_UINT32 IoAddressLength;
+    SD_UINT32 MemoryAddress;
+    SD_UINT32 MemoryAddressLength;
+    SD_UINT16 ChipType;
+    SD_UINT16 InterruptLevel;
+    SD_UINT16 OutMbx[8];
+    SD_UINT16 DomainNr;
+    SD_UINT16 PcieLinkCap;
+    SD_UINT16 PcieLinkStat;
+    SD_UINT8 PortNumber;
+    SD_UINT8 Reserved1;
+    SD_UINT32 Reserved[6];
+} CHIPPROPERTY;
+VXSD_STATIC_ASSERT(sizeof(CHIPPROPERTY) == 80, "CHIPPROPERTY size");
+VXSD_STATIC_ASSERT(offsetof(CHIPPROPERTY, IoAddress) == 12, "CHIPPROPERTY.IoAddress");
+VXSD_STATIC_ASSERT(offsetof(CHIPPROPERTY, ChipType) == 28, "CHIPPROPERTY.ChipType");
+VXSD_STATIC_ASSERT(offsetof(CHIPPROPERTY, DomainNr) == 48, "CHIPPROPERTY.DomainNr");
+VXSD_STATIC_ASSERT(offsetof(CHIPPROPERTY, PortNumber) == 54, "CHIPPROPERTY.PortNumber");
+VXSD_STATIC_ASSERT(offsetof(CHIPPROPERTY, Reserved) == 56, "CHIPPROPERTY.Reserved");
+
+typedef struct {
+    SD_UINT8 Version[32];
+    SD_UINT16 NumberOfBus;
+    SD_UINT16 TargetsPerBus;
+    SD_UINT16 LunsPerTarget;
+    SD_UINT32 MaximumTransferLen;
+    SD_UINT32 MaximumDataSegments;
+    SD_UINT16 DmaBitAddresses;
+    SD_UINT16 IoMapType;
+    SD_UINT32 Attributes;
+    SD_UINT32 InternalFlags[4];
+    SD_UINT32 Reserved[8];
+} DRIVERPROPERTY;
+VXSD_STATIC_ASSERT(sizeof(DRIVERPROPERTY) == 104, "DRIVERPROPERTY size");
+VXSD_STATIC_ASSERT(offsetof(DRIVERPROPERTY, MaximumTransferLen) == 40, "DRIVERPROPERTY.MaximumTransferLen");
+VXSD_STATIC_ASSERT(offsetof(DRIVERPROPERTY, DmaBitAddresses) == 48, "DRIVERPROPERTY.DmaBitAddresses");
+VXSD_STATIC_ASSERT(offsetof(DRIVERPROPERTY, InternalFlags) == 56, "DRIVERPROPERTY.InternalFlags");
+
+typedef struct {
+    SD_UINT8 Version[32];
+    SD_UINT32 Attributes;
+    SD_UINT32 AttributesExtended;
+    SD_UINT16 Reserved[31];
+} FIRMWAREPROPERTY;
+VXSD_STATIC_ASSERT(sizeof(FIRMWAREPROPERTY) == 104, "FIRMWAREPROPERTY size");
+VXSD_STATIC_ASSERT(offsetof(FIRMWAREPROPERTY, AttributesExtended) == 36, "FIRMWAREPROPERTY.AttributesExtended");
+
+typedef struct {
+    SD_UINT16 VLanId;
+    SD_UINT8 VNPortMACAddress[6];
+    SD_UINT16 FabricParam;
+    SD_UINT16 Reserved0;
+    SD_UINT32 Reserved[29];
+} CNAPORTPROPERTY;
+VXSD_STATIC_ASSERT(sizeof(CNAPORTPROPERTY) == 128, "CNAPORTPROPERTY size");
+VXSD_STATIC_ASSERT(offsetof(CNAPORTPROPERTY, FabricParam) == 8, "CNAPORTPROPERTY.FabricParam");
+
+/* SDGetCnaPortData operations. */
+#define SDM_CNA_PORT_DATA 1u
+#define SDM_CNA_DCBX_PARAMS 2u
+#define SDM_CNA_FCOE_VERSIONS 3u
+
+typedef struct {
+    SD_UINT16 Region;
+    SD_UINT16 SubRegion;
+    SD_UINT16 Location;
+    SD_UINT16 VersionLength;
+    SD_UINT8 Version[8];
+    SD_UINT8 Reserved[8];
+} REGIONVERSION;
+VXSD_STATIC_ASSERT(sizeof(REGIONVERSION) == 24, "REGIONVERSION size");
+
+typedef struct {
+    SD_UINT32 Length;
+    SD_UINT32 Reserved;
+    REGIONVERSION RegionVersion[1];
+} ADAPTERREGIONVERSION;
+VXSD_STATIC_ASSERT(offsetof(ADAPTERREGIONVERSION, RegionVersion) == 8, "ADAPTERREGIONVERSION header");
+
+/* Discovered ports and targets share one layout. */
+typedef struct {
+    SD_UINT8 NodeWWN[8];
+    SD_UINT8 PortWWN[8];
+    SD_UINT8 PortID[3];
+    SD_UINT8 Pad0;
+    SD_UINT16 BusNumber;
+    SD_UINT16 TargetID;
+    SD_UINT8 PortType;
+    SD_UINT8 PortState;
+    SD_UINT8 Local;
+    SD_UINT8 ReservedByte[1];
+    SD_UINT16 LoopID;
+    SD_UINT16 Pad1;
+    SD_UINT32 Reserved[31];
+} DISCPORTPROPERTY;
+typedef DISCPORTPROPERTY DISCTARGETPROPERTY;
+VXSD_STATIC_ASSERT(sizeof(DISCPORTPROPERTY) == 156, "DISCPORTPROPERTY size");
+VXSD_STATIC_ASSERT(offsetof(DISCPORTPROPERTY, BusNumber) == 20, "DISCPORTPROPERTY.BusNumber");
+VXSD_STATIC_ASSERT(offsetof(DISCPORTPROPERTY, PortType) == 24, "DISCPORTPROPERTY.PortType");
+VXSD_STATIC_ASSERT(offsetof(DISCPORTPROPERTY, LoopID) == 28, "DISCPORTPROPERTY.LoopID");
+VXSD_STATIC_ASSERT(offsetof(DISCPORTPROPERTY, Reserved) == 32, "DISCPORTPROPERTY.Reserved");
+
+typedef struct {
+    SD_UINT16 BusNumber;
+    SD_UINT16 TargetID;
+    SD_UINT16 LUN;
+    SD_UINT16 Pad;
+    SD_UINT32 Reserved[32];
+} TARGETINFORMATION;
+VXSD_STATIC_ASSERT(sizeof(TARGETINFORMATION) == 136, "TARGETINFORMATION size");
+
+typedef struct {
+    SD_UINT8 NodeWWN[8];
+    SD_UINT8 PortWWN[8];
+    SD_UINT8 PortID[3];
+    SD_UINT8 ControlFlags;
+    TARGETINFORMATION TargetAddress;
+    SD_UINT32 DeviceFlags;
+    SD_UINT16 LoopID;
+    SD_UINT16 BaseLunNumber;
+    SD_UINT32 Reserved[32];
+} DEVICEINFOENTRY;
+VXSD_STATIC_ASSERT(sizeof(DEVICEINFOENTRY) == 292, "DEVICEINFOENTRY size");
+VXSD_STATIC_ASSERT(offsetof(DEVICEINFOENTRY, TargetAddress) == 20, "DEVICEINFOENTRY.TargetAddress");
+VXSD_STATIC_ASSERT(offsetof(DEVICEINFOENTRY, DeviceFlags) == 156, "DEVICEINFOENTRY.DeviceFlags");
+VXSD_STATIC_ASSERT(offsetof(DEVICEINFOENTRY, LoopID) == 160, "DEVICEINFOENTRY.LoopID");
+VXSD_STATIC_ASSERT(offsetof(DEVICEINFOENTRY, Reserved) == 164, "DEVICEINFOENTRY.Reserved");
+
+/* A port database: the header, then ReturnListEntryCount entries. A buffer
+ * of 300 bytes holds one entry; each further entry needs 292 bytes. */
+typedef struct {
+    SD_UINT32 TotalDevices;
+    SD_UINT32 ReturnListEntryCount;
+    DEVICEINFOENTRY EntryList[1];
+} DEVICEINFO;
+VXSD_STATIC_ASSERT(sizeof(DEVICEINFO) == 300, "DEVICEINFO with one entry");
+
+/* TypeMode bits of SDGetPortDatabase that reach the driver. */
+#define SDM_PORTDB_TYPE_MASK 0x101Fu
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+VXSD_API SD_UINT32 SDGetHbaDeviceNodeProperty(int Device, DEVICENODEPROPERTY* pNodeProperty);
+VXSD_API SD_UINT32 SDGetHbaDevicePortProperty(int Device, SD_UINT16 HbaDevPortNum,
+                                              DEVICEPORTPROPERTY* pPortProperty);
+VXSD_API SD_UINT32 SDGetHbaDeviceChipProperty(int Device, CHIPPROPERTY* pChipProperty);
+VXSD_API SD_UINT32 SDGetHbaDeviceDriverProperty(int Device, DRIVERPROPERTY* pDriverProperty);
+VXSD_API SD_UINT32 SDGetHbaDeviceFirmwareProperty(int Device, FIRMWAREPROPERTY* pFirmwareProperty);
+VXSD_API SD_UINT32 SDGetCnaPortData(int Device, SD_UINT16 CnaDevPortNum, SD_UINT32 Operation,
+                                    SD_UINT8* pCnaPortData, SD_UINT32* pCnaPortDataSize);
+
+VXSD_API SD_UINT32 SDGetDiscPortProperty(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32 DiscPortNum,
+                                         SD_UINT32 GetType, DISCPORTPROPERTY* pDiscPortProperty);
+VXSD_API SD_UINT32 SDGetDiscTargetProperty(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32 DiscTargetNum,
+                                           SD_UINT32 GetType, DISCTARGETPROPERTY* pDiscTargetProperty);
+VXSD_API SD_UINT32 SDGetPortDatabase(int Device, SD_UINT16 TypeMode, DEVICEINFO* pDeviceInfo,
+                                     SD_UINT32 DeviceInfoSize);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VSDMGTLN_H */
