@@ -60,11 +60,13 @@ TEST(AdapterTable, FamilyMarksAreConsistent) {
                                 row.family == vx_family::Crane;
         EXPECT_EQ((row.marks & VX_MARK_FLT) != 0, flt_family) << row.model;
         // Every FLT family is of the newer generation.
-        if (flt_family || row.family == vx_family::Swift)
+        if (flt_family || row.family == vx_family::Swift) {
             EXPECT_NE(row.marks & VX_MARK_NEWER, 0u) << row.model;
+        }
         // The MPI/PEP ids and the boot-image refresh ids are different sets of converged ids.
-        if (row.marks & (VX_MARK_MPI_PEP | VX_MARK_FLASH_BI_REFRESH))
+        if (row.marks & (VX_MARK_MPI_PEP | VX_MARK_FLASH_BI_REFRESH)) {
             EXPECT_NE(row.marks & VX_MARK_CNA, 0u) << row.model;
+        }
         EXPECT_FALSE((row.marks & VX_MARK_MPI_PEP) && (row.marks & VX_MARK_FLASH_BI_REFRESH)) << row.model;
     }
 }
