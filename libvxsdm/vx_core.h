@@ -276,3 +276,24 @@ void vx_dlist_each(Dlist* list, F&& fn) {
         if (!fn(static_cast<T*>(node->data)))
             return;
 }
+
+// ---- Extended-ioctl channel: framing and the common send path ----
+struct EXT_IOCTL;
+struct EXT_IOCTL_O;
+uint64_t vxapi_ptr_to_64bit(const void* ptr);
+void* vxapi_64bit_to_ptr(uint64_t value);
+// Fill a request record (zeroed first); non-zero only when pext is null (or,
+// older generation, when a buffer lies above 4 GiB).
+int vxapi_init_ext_ioctl_n(uint16_t subcmd, uint16_t inst, const void* req_ptr, uint32_t req_len, void* resp_ptr,
+                           uint32_t resp_len, const vxapi_priv_database* record, EXT_IOCTL* pext);
+int vxapi_init_ext_ioctl_o(uint16_t subcmd, uint16_t inst, const void* req_ptr, uint32_t req_len, void* resp_ptr,
+                           uint32_t resp_len, const vxapi_priv_database* record, EXT_IOCTL_O* pext);
+uint32_t convert_ioctl(uint32_t code);
+// ioctl(fd, req, pext), the number converted for ports without VX_FEAT_NEW_IOCTL.
+int sdm_ioctl(int fd, uint32_t req, void* pext, const vxapi_priv_database* record);
+// One request on an ioctl port, in the port's record generation. Returns the
+// ioctl result (0, or -1 with errno) or 1 when the request could not be
+// framed; the driver's Status and DetailStatus go to the out-pointers.
+int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
+                         uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
+                         uint32_t* pext_stat, uint32_t* pext_dstat);
