@@ -61,7 +61,8 @@ int vxapi_init_ext_ioctl_o(uint16_t subcmd, uint16_t inst, const void* req_ptr, 
     return 0;
 }
 
-uint32_t convert_ioctl(uint32_t code) { return (code & 0xFFFFu) | EXT_IOCTL_BASE_O; }
+// Keeps type and number; the size field becomes the 4 bytes older drivers register.
+uint32_t convert_ioctl(uint32_t code) { return (code & 0xFFFFu) | 0xC0040000u; }
 
 int sdm_ioctl(int fd, uint32_t req, void* pext, const vxapi_priv_database* record) {
     if (!record || !(record->features & VX_FEAT_NEW_IOCTL))
