@@ -1,0 +1,28 @@
+#include "desc.h"
+
+namespace vxsim::drv {
+
+const char* node_kind_name(NodeKind k) {
+    switch (k) {
+    case NodeKind::Ioctl: return "ioctl";
+    case NodeKind::Control: return "control";
+    case NodeKind::Legacy: return "legacy";
+    case NodeKind::BsgHost: return "bsg_host";
+    case NodeKind::BsgRport: return "bsg_rport";
+    case NodeKind::Attr: return "attr";
+    case NodeKind::Netlink: return "netlink";
+    }
+    return "?";
+}
+
+const char* attr_name(AttrKind a) {
+    switch (a) {
+    case AttrKind::OptromCtl: return "optrom_ctl";
+    case AttrKind::Optrom: return "optrom";
+    case AttrKind::Nvram: return "nvram";
+    case AttrKind::Vpd: return "vpd";
+    }
+    return "?";
+}
+
+}  // namespace vxsim::drv

@@ -1,0 +1,50 @@
+// What an emulated descriptor stands for. The caller holds a real descriptor
+// (an O_PATH handle of the node or attribute file, /dev/null for the older
+// generation's /proc node, one end of a socket pair for netlink) so that
+// fstat, poll and close behave; the table maps its number to this record.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+namespace vxsim::drv {
+
+enum class NodeKind {
+    Ioctl,     // the newer extended-ioctl node
+    Control,   // the control node
+    Legacy,    // the older generation's /proc/scsi/<driver>/HbaApiNode
+    BsgHost,   // fc_host<N> bsg node
+    BsgRport,  // rport-H:B-R bsg node
+    Attr,      // optrom_ctl, optrom, nvram, vpd under /sys/.../host<N>/
+    Netlink,   // AF_NETLINK protocol 20 (vendor) or 18 (SCSI transport)
+};
+
+enum class AttrKind { OptromCtl, Optrom, Nvram, Vpd };
+
+const char* node_kind_name(NodeKind k);
+const char* attr_name(AttrKind a);
+
+struct Desc {
+    NodeKind kind = NodeKind::Ioctl;
+    int fd = -1;          // the real descriptor the caller holds
+    dev_t dev = 0;        // identity of `fd`, to notice a number closed and
+    ino_t ino = 0;        // reused behind our back (close_range, fclose of an fdopen)
+    int open_flags = 0;   // the caller's open flags (access mode checks)
+
+    unsigned major = 0, minor = 0;  // device nodes
+    std::string driver;   // Legacy: the driver name in the path
+    uint32_t host = 0;    // BsgHost, BsgRport, Attr: SCSI host number
+    std::string rport;    // BsgRport: "rport-H:B-R"
+    AttrKind attr = AttrKind::Optrom;
+    std::string path;     // Attr: the resolved attribute path
+    int protocol = 0;     // Netlink
+    int peer = -1;        // Netlink: the other end of the pair; replies are written there
+
+    std::mutex mu;        // guards pos: one file position per open descriptor
+    uint64_t pos = 0;
+};
+
+}  // namespace vxsim::drv
