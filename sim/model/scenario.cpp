@@ -177,7 +177,8 @@ public:
 
     bool sint(const char* key, int32_t& out, int64_t min, int64_t max) {
         return opt(key, [&](const json& v, const std::string& p) {
-            if (!v.is_number_integer() || v.get<int64_t>() < min || v.get<int64_t>() > max)
+            if (!v.is_number_integer() || (v.is_number_unsigned() && v.get<uint64_t>() > uint64_t(max)) ||
+                v.get<int64_t>() < min || v.get<int64_t>() > max)
                 return fail(p, "expected an integer from " + std::to_string(min) + " to " +
                                    std::to_string(max));
             out = static_cast<int32_t>(v.get<int64_t>());
@@ -779,7 +780,8 @@ std::string scenario_to_json(const Scenario& s) {
     for (const Event& e : s.events)
         events.push_back({{"host_no", e.host_no}, {"code", e.code}, {"data", e.data}});
     j["events"] = std::move(events);
-    return j.dump(2) + "\n";
+    // Models built in code may hold any bytes; never throw on bad UTF-8.
+    return j.dump(2, ' ', false, ojson::error_handler_t::replace) + "\n";
 }
 
 std::string wwn_hex(uint64_t wwn) {

@@ -451,7 +451,8 @@ TEST_P(sim_model_flash, vpd_images) {
             EXPECT_EQ(r->offset, 0x1FE00u);
             EXPECT_EQ(f.at(0x1FE00), 0x82);
         } else {
-            const Entry* e = find(read_flt(f, *expected_flt_address(fam)), fn % 2 ? 0x16 : 0x14);
+            const std::vector<Entry> t = read_flt(f, *expected_flt_address(fam));
+            const Entry* e = find(t, fn % 2 ? 0x16 : 0x14);
             ASSERT_NE(e, nullptr);
             if (fn < 2) {
                 EXPECT_EQ(r->offset, e->beg);
