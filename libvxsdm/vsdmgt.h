@@ -74,6 +74,23 @@ VXSD_API uint32_t SDXlateSDMErr(uint32_t ext_stat, uint32_t ext_dstat);
  * (the caller provides at least 14 bytes) and returns SDM_VERSION_NUMBER. */
 VXSD_API SD_UINT32 SDGetVersion(char* buf);
 
+/* Number of adapter ports (physical and virtual) the library found. The
+ * first call loads the library and discovers the adapters; 0 when the load
+ * failed (for example when not running as root) or found nothing. */
+VXSD_API SD_UINT32 SDGetNumberOfAdapters(void);
+
+/* Opens the port with the given instance number (0 .. count - 1) and stores
+ * its handle in *pDevice. Opening a port again returns the same handle. */
+VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, SD_UINT32* pDevice);
+
+/* Closes one open of the port. When no port of the process stays open, the
+ * library unloads; the next SDOpenDevice discovers the adapters afresh. */
+VXSD_API SD_UINT32 SDCloseDevice(SD_UINT32 Device);
+
+/* Installs handlers for SIGHUP, SIGINT, SIGQUIT and SIGTERM that unload the
+ * library and then end the process as the signal would have. */
+VXSD_API void vxapi_setup_signal_handlers(void);
+
 #ifdef __cplusplus
 }
 #endif

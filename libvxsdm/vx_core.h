@@ -277,6 +277,43 @@ void vx_dlist_each(Dlist* list, F&& fn) {
             return;
 }
 
+// ---- Load, unload and platform (vx_core_load) ----
+inline constexpr int VX_OS_LINUX = 0;
+inline constexpr int VX_OS_ESX = 1;  // VMware ESX service console
+
+extern int OS_Type;
+extern uint8_t is_vioctlmod_loaded;    // the ioctl helper module is in use
+extern uint8_t is_udevadm_supported;   // udevadm can be run for LUN device names
+extern volatile uint8_t api_signal_handler_in_process;
+
+int vxapi_load_lib();
+int vxapi_unload_lib();
+void vxapi_cleanup_hbas();
+int vxapi_check_esx();
+int vxapi_load_vioctlmod();
+int vxapi_is_udevadm_supported();
+void vxapi_terminate(int sig);
+
+// ---- Shared database (vx_core_db) ----
+inline constexpr size_t VX_DB_FNAME_LEN = 40;
+extern char vx_db_fname[VX_DB_FNAME_LEN];  // writable: tests and tools may move the file
+
+// Both return 0 on success; a failure returns 1 with errno describing it.
+int vxapi_open_database(int* fd);
+int vxapi_close_database(int fd);
+void vxapi_clear_evqs(uint32_t slot);
+
+// ---- Extended-ioctl discovery and the control node (vx_core_ioctl) ----
+extern int api_apidev_fd;  // "/dev/vxfcapidev", -1 when closed
+
+int vxapi_find_all_instances_n(const char* driver, uint32_t* count);
+int vxapi_find_all_instances_o(const char* driver, uint32_t* count);
+// Makes sure `path` is a character node with the numbers the kernel gives
+// `driver`; may rewrite `path` (ESX). 0 when it is.
+int vxapi_charnode_exist(char* path, size_t path_size, const char* driver);
+int vxapi_open_apidev();
+void vxapi_close_apidev();
+
 // ---- Extended-ioctl channel: framing and the common send path ----
 struct EXT_IOCTL;
 struct EXT_IOCTL_O;
