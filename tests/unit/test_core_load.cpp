@@ -1,0 +1,315 @@
+// Library load and unload and the SD entry points around them: the root
+// check, a host without adapters, open and close counting, the database
+// states the entry points refuse, clean-up, signals, hosts without System V IPC.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/prctl.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "unit_support.h"
+#include "vsdmgt.h"
+#include "vx_core.h"
+#include "vx_event.h"
+#include "vx_sddbg.h"
+
+namespace {
+
+bool sem_exists(int key) { return semget(key, 1, 0) != -1; }
+
+void remove_sem(int key) {
+    if (int id = semget(key, 1, 0); id != -1)
+        semctl(id, 0, IPC_RMID);
+}
+
+// Runs `body` in a child process; the child reports failures as text.
+// Returns "" when the child reported none and exited normally.
+std::string in_child(const std::function<std::string()>& body) {
+    int out[2];
+    if (pipe(out) != 0)
+        return "pipe failed";
+    const pid_t child = fork();
+    if (child < 0)
+        return "fork failed";
+    if (child == 0) {
+        close(out[0]);
+        const std::string failures = body();
+        (void)!write(out[1], failures.data(), failures.size());
+        _exit(0);
+    }
+    close(out[1]);
+    std::string text;
+    char buf[512];
+    ssize_t n;
+    while ((n = read(out[0], buf, sizeof buf)) > 0)
+        text.append(buf, static_cast<size_t>(n));
+    close(out[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        text += " (child ended abnormally, status " + std::to_string(status) + ")";
+    return text;
+}
+
+std::string check(bool ok, const std::string& what) { return ok ? "" : what + "; "; }
+
+// Makes the kernel answer every System V semaphore call with ENOSYS, as a
+// kernel built without System V IPC does. For a child process only.
+bool deny_sysv_semaphores() {
+#if defined(__x86_64__)
+    constexpr uint32_t arch = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+    constexpr uint32_t arch = AUDIT_ARCH_AARCH64;
+#else
+    return false;
+#endif
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, arch, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semget, 4, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semop, 3, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semtimedop, 2, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semctl, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+    };
+    sock_fprog prog{static_cast<unsigned short>(sizeof filter / sizeof filter[0]), filter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) == 0;
+}
+
+class Load : public testing::Test {
+protected:
+    void SetUp() override {
+        VX_REQUIRE_PRIVATE_IPC();
+        dir_ = make_temp_dir();
+        ASSERT_FALSE(dir_.empty());
+        ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+        db_ = dir_ + "/vx_shared.dat";
+        log_ = dir_ + "/trace.log";
+        memcpy(saved_name_, vx_db_fname, sizeof saved_name_);
+        snprintf(vx_db_fname, sizeof vx_db_fname, "%s", db_.c_str());
+        snprintf(vxdbglog_path, sizeof vxdbglog_path, "%s", log_.c_str());
+        // libsysfs takes its mount point from here: an empty tree is a host
+        // without adapters.
+        ASSERT_EQ(mkdir((dir_ + "/sys").c_str(), 0755), 0);
+        setenv("SYSFS_PATH", (dir_ + "/sys").c_str(), 1);
+    }
+
+    void TearDown() override {
+        if (api_priv_database)
+            vxapi_unload_lib();
+        if (api_shm_fildes >= 0)
+            vxapi_close_database(api_shm_fildes);
+        vxapi_free_api_priv_data_mem();
+        vxapi_free_api_phy_info_mem();
+        for (int key : {VX_SEM_KEY_DBUPDATE, VX_SEM_KEY_FLASH, VX_SEM_KEY_THREAD})
+            remove_sem(key);
+        api_dbupdate_sem_id = api_flash_sem_id = api_thread_sem_id = -1;
+        api_use_database = 1;
+        unsetenv("SYSFS_PATH");
+        memcpy(vx_db_fname, saved_name_, sizeof saved_name_);
+        vxdbglog_path[0] = '\0';
+        vx_debug = VXDBG_DEFAULT;
+        if (!dir_.empty())
+            remove_tree(dir_);
+    }
+
+    // A loaded library without discovery: sysfs port records and an open
+    // database, as the load leaves them.
+    void load_ports(int count) {
+        for (int i = 0; i < count; ++i) {
+            uint32_t err = 0;
+            ASSERT_EQ(vxapi_alloc_api_priv_data_mem(&err), 0);
+            current_priv_inst->features = VX_FEAT_SYSFS;
+            current_priv_inst->interface_type = VX_IFTYPE_PHYSICAL;
+            snprintf(reinterpret_cast<char*>(current_priv_inst->phys_path), 256, "/sys/bus/pci/drivers/vxfcdrv/%d", i);
+        }
+        int fd = -1;
+        ASSERT_EQ(vxapi_open_database(&fd), 0);
+    }
+
+    bool db_exists() const { return access(db_.c_str(), F_OK) == 0; }
+
+    std::string dir_, db_, log_;
+    char saved_name_[VX_DB_FNAME_LEN] = {};
+};
+
+TEST_F(Load, NotRootEveryEntryFailsAndNothingIsMade) {
+    const int log_fd = open(log_.c_str(), O_CREAT | O_WRONLY, 0666);
+    ASSERT_GE(log_fd, 0);
+    close(log_fd);
+    ASSERT_EQ(chmod(log_.c_str(), 0666), 0);
+    const std::string failures = in_child([&] {
+        if (seteuid(65534) != 0)
+            return std::string("seteuid failed");
+        std::string f;
+        f += check(vxapi_load_lib() == 1, "load did not fail");
+        f += check(SDGetNumberOfAdapters() == 0, "count is not 0");
+        SD_UINT32 handle = 0xABCD;
+        f += check(SDOpenDevice(0, &handle) == SDM_STATUS_UNKNOWN_ERROR, "open did not give 0x20000075");
+        f += check(handle == 0xABCD, "handle was written");
+        f += check(api_priv_database == nullptr, "a port list exists");
+        for (int key : {VX_SEM_KEY_THREAD, VX_SEM_KEY_FLASH, VX_SEM_KEY_DBUPDATE})
+            f += check(!sem_exists(key), "semaphore " + std::to_string(key) + " was made");
+        f += check(!db_exists(), "the shared file was made");
+        return f;
+    });
+    EXPECT_EQ(failures, "");
+    EXPECT_NE(read_file(log_).find("libvxsdm: ERROR - libvxsdm must be loaded with root privileges.\n"),
+              std::string::npos);
+}
+
+TEST_F(Load, HostWithoutAdaptersKeepsNothingAndRetriesNextTime) {
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round);
+        EXPECT_EQ(vxapi_load_lib(), 0);  // found nothing is not a failure
+        EXPECT_EQ(api_priv_database, nullptr);
+        EXPECT_EQ(api_thread_sem_id, -1);
+        EXPECT_FALSE(sem_exists(VX_SEM_KEY_THREAD));
+        EXPECT_FALSE(db_exists());
+        EXPECT_EQ(SDGetNumberOfAdapters(), 0u);
+        SD_UINT32 handle = 0;
+        EXPECT_EQ(SDOpenDevice(0, &handle), SDM_STATUS_DEVICE_NOT_FOUND);
+    }
+}
+
+TEST_F(Load, OpenAndCloseCountPerPortAndTheLastCloseUnloads) {
+    load_ports(2);
+    SD_UINT32 h0 = 0, again = 0, h1 = 0, none = 0;
+    ASSERT_EQ(SDOpenDevice(0, &h0), 0u);
+    ASSERT_EQ(SDOpenDevice(0, &again), 0u);
+    ASSERT_EQ(SDOpenDevice(1, &h1), 0u);
+    EXPECT_EQ(h0, 1u);
+    EXPECT_EQ(again, h0);
+    EXPECT_EQ(h1, 2u);
+    EXPECT_EQ(SDOpenDevice(2, &none), SDM_STATUS_DEVICE_NOT_FOUND);  // past the end
+    EXPECT_EQ(SDOpenDevice(0xFFFFFFFF, &none), SDM_STATUS_DEVICE_NOT_FOUND);
+    EXPECT_EQ(SDOpenDevice(0, nullptr), SDM_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(SDGetNumberOfAdapters(), 2u);
+
+    for (SD_UINT32 bad : {0u, 3u, 0xFFFFFFFFu})
+        EXPECT_EQ(SDCloseDevice(bad), SDM_STATUS_INVALID_HANDLE) << bad;
+
+    EXPECT_EQ(SDCloseDevice(h0), 0u);  // one of two opens
+    EXPECT_EQ(SDCloseDevice(h0), 0u);
+    EXPECT_EQ(SDCloseDevice(h0), SDM_STATUS_INVALID_HANDLE);  // closed handle
+    ASSERT_NE(api_priv_database, nullptr);                     // port 1 is still open
+    EXPECT_TRUE(db_exists());
+
+    EXPECT_EQ(SDCloseDevice(h1), 0u);
+    EXPECT_EQ(api_priv_database, nullptr);
+    EXPECT_EQ(api_shared_data, nullptr);
+    EXPECT_EQ(api_shm_fildes, -1);
+    EXPECT_EQ(vxapi_ev_thread_id, pthread_t{});
+    EXPECT_FALSE(db_exists());
+    EXPECT_FALSE(sem_exists(VX_SEM_KEY_DBUPDATE));
+    // Nothing is open any more: a stale handle closes nothing and succeeds.
+    EXPECT_EQ(SDCloseDevice(h1), 0u);
+}
+
+TEST_F(Load, EntryPointsRefuseAMissingDatabase) {
+    load_ports(2);
+    int fd = api_shm_fildes;
+    ASSERT_EQ(vxapi_close_database(fd), 0);
+    SD_UINT32 handle = 0;
+    // In use but not set up.
+    EXPECT_EQ(SDOpenDevice(0, &handle), SDM_STATUS_OUT_OF_MEMORY);
+    EXPECT_EQ(SDGetNumberOfAdapters(), 0u);
+    // Not in use (no System V IPC): ports are counted, not opened.
+    api_use_database = 0;
+    EXPECT_EQ(SDOpenDevice(0, &handle), SDM_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(SDCloseDevice(1), SDM_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(SDGetNumberOfAdapters(), 2u);
+}
+
+TEST_F(Load, CleanupForgetsEveryOpenAndCallback) {
+    load_ports(2);
+    vxapi_priv_database* ioctl_port = vxapi_get_api_priv_inst_from_user_instance(1);
+    ioctl_port->features = VX_FEAT_IOCTL_NODE | VX_FEAT_NEW_IOCTL | VX_FEAT_EVENTS;
+    const int node = open("/dev/null", O_RDWR | O_CLOEXEC);
+    ASSERT_GE(node, 0);
+    ioctl_port->oshandle = node;
+    ioctl_port->apihandle = 2;
+    ioctl_port->open_cnt = 3;
+    ioctl_port->port_flags = VX_PORT_FLAG_HBAPT_CB;
+    ioctl_port->api_event_cbs->hbapt.hba_port_buf_len = 64;
+
+    vxapi_cleanup_hbas();
+    vx_dlist_each<vxapi_priv_database>(api_priv_database, [](vxapi_priv_database* r) {
+        EXPECT_EQ(r->oshandle, -1);
+        EXPECT_EQ(r->apihandle, 0u);
+        EXPECT_EQ(r->open_cnt, 0u);
+        EXPECT_EQ(r->features & VX_FEAT_EVENTS, 0u);
+        EXPECT_EQ(r->port_flags & VX_PORT_FLAG_HBAPT_CB, 0u);
+        EXPECT_EQ(r->api_event_cbs->hbapt.hba_port_buf_len, 0u);
+        EXPECT_EQ(memcmp(r->phys_path, "\0\0\0\0", 4), 0);  // the event thread's end mark
+        return true;
+    });
+    EXPECT_EQ(fcntl(node, F_GETFD), -1);  // the port's node was closed
+    EXPECT_EQ(ioctl_port->features & VX_FEAT_IOCTL_NODE, VX_FEAT_IOCTL_NODE);
+}
+
+TEST_F(Load, TerminationSignalUnloadsThenEndsTheProcess) {
+    for (int sig : {SIGHUP, SIGINT, SIGTERM}) {
+        SCOPED_TRACE(sig);
+        unlink(log_.c_str());
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            freopen("/dev/null", "w", stderr);  // the raised mask echoes every line there
+            load_ports(1);
+            vxapi_setup_signal_handlers();
+            vx_debug = VXDBG_LOGFILE | VXDBG_TRACE;
+            raise(sig);
+            _exit(0);  // not reached: the handler re-raises with the default action
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        EXPECT_EQ(WTERMSIG(status), sig);
+        const std::string line = "vxapi_terminate: got signal=" + std::to_string(sig) + ", calling vxapi_unload_lib.\n";
+        EXPECT_NE(read_file(log_).find(line), std::string::npos);
+        EXPECT_FALSE(db_exists());  // the unload closed the last instance
+        EXPECT_FALSE(sem_exists(VX_SEM_KEY_DBUPDATE));
+    }
+}
+
+TEST_F(Load, HostWithoutSystemVIpcRunsWithoutTheDatabase) {
+    const std::string failures = in_child([&] {
+        if (!deny_sysv_semaphores())
+            return std::string("SKIP");
+        std::string f;
+        int fd = -1;
+        errno = 0;
+        f += check(vxapi_open_database(&fd) != 0 && errno == ENOSYS, "database open did not fail with ENOSYS");
+        f += check(!db_exists(), "the shared file was made");
+        // Missing semaphores do not fail the load itself.
+        f += check(vxapi_load_lib() == 0, "load failed");
+        f += check(api_thread_sem_id == -1, "thread semaphore id set");
+        return f;
+    });
+    if (failures == "SKIP")
+        GTEST_SKIP() << "seccomp filters are not available here";
+    EXPECT_EQ(failures, "");
+    EXPECT_NE(read_file(log_).find("libvxsdm: WARNING - semget function not supported.\n Failed creation of thread "
+                                   "semaphore. errno=38\n"),
+              std::string::npos);
+}
+
+}  // namespace
