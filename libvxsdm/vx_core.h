@@ -334,3 +334,25 @@ int sdm_ioctl(int fd, uint32_t req, void* pext, const vxapi_priv_database* recor
 int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
                          uint32_t* pext_stat, uint32_t* pext_dstat);
+
+// ---- Discovery call-outs: flash layout, image versions, VPD fields ----
+// (vx_core_flash, vx_core_vpd). `handle` is 0 when called during discovery.
+int vxapi_set_option_rom_layout(uint32_t handle, vxapi_priv_database* inst);
+int vxapi_query_adapter_versions(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+int vxapi_get_flash_mpi_edc_versions(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+int vxapi_get_nic_bootcode_version(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+int vxapi_get_active_image_set(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+// Flash-update capabilities: `caps` (caps_len bytes, 32 in use) goes out and
+// comes back; `set` 1 sends them (activation), 0 reads them.
+int vxapi_flash_update_capabilities(uint32_t handle, vxapi_priv_database* inst, uint8_t* caps, uint32_t caps_len,
+                                    uint8_t set, uint32_t* pext_stat);
+
+inline constexpr uint32_t VX_VPD_SIZE = 512;
+inline constexpr uint32_t VX_VPD_SIZE_LARGE = 1024;  // Wren, Tern and Ibis
+inline constexpr uint32_t VX_VPD_WALK_LIMIT = 512;   // field walks never look further
+
+// VPD buffer size of the adapter's family.
+uint32_t vxapi_get_vpd_size(uint16_t device_id);
+// Mode 1: the identifier string; mode 2: the first keyword item equal to
+// `key`. `vpd` holds at least VX_VPD_WALK_LIMIT bytes. 0 when copied.
+int vxapi_get_field_from_vpd(const uint8_t* vpd, const char* key, int mode, uint8_t* dst, uint32_t dst_len);

@@ -7,15 +7,156 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
+#include "exioct.h"
+#include "exioctln.h"
 #include "vx_core.h"
 
 inline constexpr size_t VXSYSFS_PATH_LEN = 256;
 inline constexpr size_t VXSYSFS_ATTR_LEN = 128;
 
+// Every path buffer of this layer; the builders take it by reference so that
+// a buffer of any other size does not compile.
+using vxsysfs_path_t = char[VXSYSFS_PATH_LEN];
+
 // sysfs mount point (normally "/sys"), filled once by vxsysfs_init().
 extern char sysfs_mnt_path[VXSYSFS_PATH_LEN];
 
+// ---- Path builders ----
+// Each writes at most VXSYSFS_PATH_LEN bytes and returns a pointer to the
+// terminating NUL, where the caller appends the attribute name with
+// vxsysfs_path_append(). Host numbers are printed modulo 65536.
+char* vxsysfs_get_scsi_host_path(vxsysfs_path_t& path, uint16_t host_no);
+char* vxsysfs_get_fc_host(vxsysfs_path_t& path);
+char* vxsysfs_get_fc_host_path(vxsysfs_path_t& path, uint16_t host_no);
+char* vxsysfs_get_fc_rport_path(vxsysfs_path_t& path, const char* rport);
+char* vxsysfs_get_fc_vports_path(vxsysfs_path_t& path);
+char* vxsysfs_get_scsi_dev_path(vxsysfs_path_t& path, const char* name);
+char* vxsysfs_get_device_path(vxsysfs_path_t& path, const vxapi_priv_database* inst);
+char* vxsysfs_get_bsg_device_path(vxsysfs_path_t& path, const vxapi_priv_database* inst);
+// Null (and an empty path) when the instance's host has no remote port with this WWPN.
+char* vxsysfs_get_bsg_rport_path(vxsysfs_path_t& path, const vxapi_priv_database* inst, const uint8_t* wwpn);
+
+// Formats into a path buffer, cut at its end when too long; returns the
+// terminating NUL.
+template <typename... Args>
+char* vxsysfs_path_format(vxsysfs_path_t& path, const char* format, Args... args) {
+    const int n = snprintf(path, VXSYSFS_PATH_LEN, format, args...);
+    if (n < 0) {
+        path[0] = '\0';
+        return path;
+    }
+    return path + (static_cast<size_t>(n) < VXSYSFS_PATH_LEN ? static_cast<size_t>(n) : VXSYSFS_PATH_LEN - 1);
+}
+
+// Appends `name` at `end` (a pointer returned by a builder), never past the
+// path buffer; returns the new terminating NUL.
+char* vxsysfs_path_append(vxsysfs_path_t& path, char* end, const char* name);
+
+// Entries of a sysfs directory: its subdirectories, or, when it has none
+// (the class directories hold links), its links. Null when neither.
+dlist* vxsysfs_open_entry_list(const char* path);
+
+// Closes a libsysfs name list on every way out.
+class vxsysfs_list_hold {
+public:
+    explicit vxsysfs_list_hold(dlist* list) : list_(list) {}
+    ~vxsysfs_list_hold() {
+        if (list_)
+            sysfs_close_list(list_);
+    }
+    vxsysfs_list_hold(const vxsysfs_list_hold&) = delete;
+    vxsysfs_list_hold& operator=(const vxsysfs_list_hold&) = delete;
+    dlist* get() const { return list_; }
+
+private:
+    dlist* list_;
+};
+
+// ---- Attribute readers (full path of one attribute file) ----
+// Text without trailing newlines, always NUL-terminated within `size`;
+// val[0] is 0 on any failure. Returns 0 when the attribute was read.
+int vxsysfs_get_str_attr(const char* path, char* val, size_t size);
+// `size` bytes from the hexadecimal text; all zero on failure. 0 when read.
+int vxsysfs_get_hex_attr(const char* path, uint8_t* val, size_t size);
+// Decimal text; 0 on failure.
+unsigned long vxsysfs_get_int_attr(const char* path);
+// Hexadecimal text; all ones on failure.
+uint64_t vxsysfs_get_long_attr(const char* path);
+
+// ---- Remote ports ----
+// `rpath` ends in "/". Both answer 1 only on an exact match of the text.
+int vxsysfs_is_rport_a_target(const char* rpath);
+int vxsysfs_is_rport_online(const char* rpath);
+// 1 and the port's path (with a trailing "/") in `rpath` on a match, else 0
+// and an empty `rpath`.
+int vxsysfs_find_rport_by_wwpn(vxsysfs_path_t& rpath, uint32_t host_no, const uint8_t* wwpn);
+int vxsysfs_find_rport_by_tid(vxsysfs_path_t& rpath, uint32_t host_no, uint32_t tid);
+// 0 when the host's bsg directory exists (bsg usable), 1 when not.
+int vxsysfs_is_bsg_supported(uint32_t host_no);
+
+// ---- SCSI addresses (host:channel:target:lun) ----
+uint16_t vxsysfs_get_target_id(const char* name);  // 65535 when not parsed
+uint16_t vxsysfs_get_lun_no(const char* name);     // 65535 when not parsed
+
+// ---- Raw files ----
+// The _file helpers return what is missing (0 = complete; `size` when the
+// open fails), the _data helpers what was moved (one transfer of at most a page).
+uint32_t vxsysfs_read_file(const char* path, uint8_t* buf, uint32_t size);
+uint32_t vxsysfs_write_file(const char* path, const uint8_t* buf, uint32_t size);
+int vxsysfs_read_data(const char* path, uint8_t* buf, uint32_t size);
+int vxsysfs_write_data(const char* path, const uint8_t* buf, uint32_t size);
+
+// ---- Byte and buffer helpers ----
+uint8_t vxsysfs_memsum(const uint8_t* buf, uint32_t size);
+const uint8_t* vxsysfs_memstr(const uint8_t* buf, const char* str, uint32_t size);
+uint8_t* vxsysfs_memstr(uint8_t* buf, const char* str, uint32_t size);
+void vxsysfs_revcpy(uint8_t* dst, const uint8_t* src, uint32_t size);
+uint64_t vxsysfs_lendian(const uint8_t* src, uint32_t size);
+uint64_t vxsysfs_bendian(const uint8_t* src, uint32_t size);
+void vxsysfs_lendian_buf(uint8_t* dst, uint64_t value, uint32_t size);
+void vxsysfs_bendian_buf(uint8_t* dst, uint64_t value, uint32_t size);
+void vxsysfs_remove_end_newline(char* str);
+void vxsysfs_to_array_hex(uint8_t* val, const char* str, uint32_t size);
+
+// ---- bsg nodes and SCSI generic devices ----
+// Makes a private character node in /tmp for the bsg endpoint named by the
+// last component of `path` (one trailing "/" is removed in place). On
+// success `new_path` holds the node's name and the result is 0; otherwise
+// `new_path` is empty and the result 1. The caller unlinks the node.
+int vxsysfs_open_bsg_dev(char* path, char* new_path, uint32_t new_path_len);
+// Opens a node made by vxsysfs_open_bsg_dev() without following links and
+// refuses anything but a character device owned by root. -1 on refusal.
+int vxsysfs_open_bsg_node(const char* node, int flags);
+// Opens /dev/{name} for SCSI generic pass-through: read-only commands open
+// without write access. Negative on failure.
+int vxsysfs_open(const char* name, uint8_t op_code);
+
 // ---- Discovery ----
+extern const char* const driver_names[6];
+extern Dlist* host_no_list;
+
 int vxsysfs_init();
 int vxsysfs_supported_driver_exist(uint32_t* start_inst);
+int vxsysfs_get_driver_devices(sysfs_driver* driver, uint32_t* api_inst, uint32_t* drv_inst);
+int vxsysfs_collect_hostno_list_from_devices_path(sysfs_device* device);
+uint32_t vxsysfs_add_hostno_in_host_no_list(const char* name);
+int vxsysfs_is_new_node_smaller(void* new_node, void* current_node);
+void vxsysfs_is_chunking_supported(sysfs_device* device, vxapi_priv_database* instance);
+
+// Virtual-port ids 1..512 in vxapi_phy_info::vp_map.
+uint32_t vxsysfs_get_set_vport_id(vxapi_phy_info* phy_info);
+void vxsysfs_clear_vport_id(vxapi_phy_info* phy_info, uint32_t vport_id);
+uint32_t vxsysfs_get_vport_id(vxapi_phy_info* phy_info, uint32_t vhost_no);
+uint32_t vxsysfs_get_vport_host_no(const uint8_t* wwpn);
+int vxsysfs_is_vhost_no_wwpn_match(uint32_t vhost_no, const uint8_t* wwpn);
+
+// ---- Queries ----
+int vxsysfs_get_driver_specifics(uint32_t handle, vxapi_priv_database* instance, _EXT_LN_DRIVER_DATA* pdata,
+                                 uint32_t* pext_stat);
+int vxsysfs_query_driver(uint32_t handle, vxapi_priv_database* instance, _EXT_DRIVER* drv, uint32_t* pext_stat);
+// Reads the port's "vpd" attribute and extracts one field (mode 1: the
+// identifier string, mode 2: the keyword `key`). 0 when something was copied.
+int vxsysfs_get_field_from_vpd(vxapi_priv_database* instance, const char* key, int mode, uint8_t* dst,
+                               uint32_t dst_len);

@@ -1,0 +1,556 @@
+// sysfs transport basics: where sysfs is, how its paths are spelled, how
+// attribute texts become values, raw binary attributes, byte-order helpers,
+// and the private device nodes of bsg and SCSI generic pass-through.
+#include "vx_sysfs.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "vx_sddbg.h"
+
+char sysfs_mnt_path[VXSYSFS_PATH_LEN];
+
+namespace {
+
+constexpr uint32_t TRC = VXDBG_TRACE | VXDBG_SYSFS;
+constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_SYSFS;
+
+constexpr const char* CLASS = "class";
+constexpr const char* SCSI_HOST = "scsi_host";
+constexpr const char* FC_HOST = "fc_host";
+constexpr const char* FC_RPORTS = "fc_remote_ports";
+constexpr const char* FC_VPORTS = "fc_vports";
+constexpr const char* SCSI_DEVICE = "scsi_device";
+constexpr const char* BSG = "bsg";
+
+// Closes a libsysfs attribute on every way out.
+class attr_handle {
+public:
+    explicit attr_handle(const char* path) : attr_(path ? sysfs_open_attribute(path) : nullptr) {}
+    ~attr_handle() {
+        if (attr_)
+            sysfs_close_attribute(attr_);
+    }
+    attr_handle(const attr_handle&) = delete;
+    attr_handle& operator=(const attr_handle&) = delete;
+
+    // Reads the attribute; its text (possibly empty) is valid until destruction.
+    const char* read(size_t* len) {
+        if (!attr_ || sysfs_read_attribute(attr_) != 0)
+            return nullptr;
+        if (!attr_->value) {
+            *len = 0;
+            return "";
+        }
+        *len = strnlen(attr_->value, attr_->len);
+        return attr_->value;
+    }
+
+private:
+    sysfs_attribute* attr_;
+};
+
+// Reads an attribute's text into `out` (NUL-terminated, cut to fit) and
+// strips trailing newlines. False when the attribute cannot be read.
+bool read_text(const char* path, char* out, size_t size) {
+    attr_handle attr(path);
+    size_t len = 0;
+    const char* text = attr.read(&len);
+    if (!text)
+        return false;
+    const size_t n = std::min(len, size - 1);
+    memcpy(out, text, n);
+    memset(out + n, 0, size - n);  // padded as strncpy pads
+    vxsysfs_remove_end_newline(out);
+    return true;
+}
+
+// Closes a descriptor on every way out.
+class fd_handle {
+public:
+    explicit fd_handle(int fd) : fd_(fd) {}
+    ~fd_handle() {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    fd_handle(const fd_handle&) = delete;
+    fd_handle& operator=(const fd_handle&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+uint32_t page_size() {
+    const long size = sysconf(_SC_PAGESIZE);
+    return size >= 4096 ? static_cast<uint32_t>(size) : 4096;
+}
+
+// Walks this host's entries of the remote-port class until `match` accepts
+// one; `rpath` then holds its path with a trailing "/".
+template <typename F>
+int find_rport(vxsysfs_path_t& rpath, uint32_t host_no, F&& match) {
+    vxsysfs_path_t dir;
+    vxsysfs_get_fc_rport_path(dir, nullptr);
+    rpath[0] = '\0';
+    vxsysfs_list_hold list(vxsysfs_open_entry_list(dir));
+    if (!list.get())
+        return 0;
+    char prefix[32];
+    snprintf(prefix, sizeof prefix, "%s-%u:", "rport", host_no);
+    const size_t prefix_len = strlen(prefix);
+    int found = 0;
+    vx_dlist_each<char>(list.get(), [&](char* name) {
+        if (strncmp(name, prefix, prefix_len) != 0)
+            return true;
+        char* end = vxsysfs_get_fc_rport_path(rpath, name);
+        if (match(rpath, end)) {
+            found = 1;
+            return false;
+        }
+        return true;
+    });
+    if (!found)
+        rpath[0] = '\0';
+    return found;
+}
+
+}  // namespace
+
+dlist* vxsysfs_open_entry_list(const char* path) {
+    dlist* list = sysfs_open_directory_list(path);
+    return list ? list : sysfs_open_link_list(path);
+}
+
+// ---- Path builders ----
+
+char* vxsysfs_path_append(vxsysfs_path_t& path, char* end, const char* name) {
+    if (!end || end < path || end >= path + VXSYSFS_PATH_LEN)
+        end = path + strnlen(path, VXSYSFS_PATH_LEN - 1);
+    if (!name)
+        return end;
+    const size_t room = static_cast<size_t>(path + VXSYSFS_PATH_LEN - 1 - end);
+    const size_t n = std::min(strlen(name), room);
+    memcpy(end, name, n);
+    end[n] = '\0';
+    return end + n;
+}
+
+char* vxsysfs_get_scsi_host_path(vxsysfs_path_t& path, uint16_t host_no) {
+    return vxsysfs_path_format(path, "%s/%s/%s/host%d/", sysfs_mnt_path, CLASS, SCSI_HOST, static_cast<int>(host_no));
+}
+
+char* vxsysfs_get_fc_host(vxsysfs_path_t& path) { return vxsysfs_path_format(path, "%s/%s/%s/", sysfs_mnt_path, CLASS, FC_HOST); }
+
+char* vxsysfs_get_fc_host_path(vxsysfs_path_t& path, uint16_t host_no) {
+    return vxsysfs_path_format(path, "%s/%s/%s/host%d/", sysfs_mnt_path, CLASS, FC_HOST, static_cast<int>(host_no));
+}
+
+char* vxsysfs_get_fc_rport_path(vxsysfs_path_t& path, const char* rport) {
+    if (rport)
+        return vxsysfs_path_format(path, "%s/%s/%s/%s/", sysfs_mnt_path, CLASS, FC_RPORTS, rport);
+    return vxsysfs_path_format(path, "%s/%s/%s/", sysfs_mnt_path, CLASS, FC_RPORTS);
+}
+
+char* vxsysfs_get_fc_vports_path(vxsysfs_path_t& path) {
+    return vxsysfs_path_format(path, "%s/%s/%s/", sysfs_mnt_path, CLASS, FC_VPORTS);
+}
+
+char* vxsysfs_get_scsi_dev_path(vxsysfs_path_t& path, const char* name) {
+    return vxsysfs_path_format(path, "%s/%s/%s/%s", sysfs_mnt_path, CLASS, SCSI_DEVICE, name ? name : "");
+}
+
+char* vxsysfs_get_device_path(vxsysfs_path_t& path, const vxapi_priv_database* inst) {
+    if (!inst) {
+        path[0] = '\0';
+        return path;
+    }
+    // phys_path need not be terminated: print at most its size.
+    return vxsysfs_path_format(path, "%.*s/host%d/", static_cast<int>(sizeof inst->phys_path),
+                 reinterpret_cast<const char*>(inst->phys_path), static_cast<int>(static_cast<uint16_t>(inst->host_no)));
+}
+
+char* vxsysfs_get_bsg_device_path(vxsysfs_path_t& path, const vxapi_priv_database* inst) {
+    if (!inst) {
+        path[0] = '\0';
+        return path;
+    }
+    return vxsysfs_path_format(path, "%s/%s/%s/fc_host%d/", sysfs_mnt_path, CLASS, BSG,
+                 static_cast<int>(static_cast<uint16_t>(inst->host_no)));
+}
+
+char* vxsysfs_get_bsg_rport_path(vxsysfs_path_t& path, const vxapi_priv_database* inst, const uint8_t* wwpn) {
+    path[0] = '\0';
+    if (!inst || !wwpn)
+        return nullptr;
+    vxsysfs_path_t rpath;
+    if (!vxsysfs_find_rport_by_wwpn(rpath, inst->host_no, wwpn)) {
+        vxdbg_num(ERR, "vxsysfs_get_bsg_rport_path: no remote port on host ", inst->host_no, VXDBG_DEC, 1);
+        return nullptr;
+    }
+    // The port's name is the last component of ".../fc_remote_ports/rport-H:B-R/".
+    rpath[strlen(rpath) - 1] = '\0';
+    const char* name = strrchr(rpath, '/');
+    return vxsysfs_path_format(path, "%s/%s/%s/%s", sysfs_mnt_path, CLASS, BSG, name ? name + 1 : rpath);
+}
+
+// ---- Attribute readers ----
+
+int vxsysfs_get_str_attr(const char* path, char* val, size_t size) {
+    if (!val || size == 0)
+        return 1;
+    val[0] = '\0';
+    if (!read_text(path, val, size)) {
+        val[0] = '\0';
+        return 1;
+    }
+    return 0;
+}
+
+int vxsysfs_get_hex_attr(const char* path, uint8_t* val, size_t size) {
+    if (!val)
+        return 1;
+    memset(val, 0, size);
+    char text[VXSYSFS_ATTR_LEN];
+    if (!read_text(path, text, sizeof text))
+        return 1;
+    vxsysfs_to_array_hex(val, text, static_cast<uint32_t>(size));
+    return 0;
+}
+
+unsigned long vxsysfs_get_int_attr(const char* path) {
+    char text[VXSYSFS_ATTR_LEN];
+    if (!read_text(path, text, sizeof text))
+        return 0;
+    return strtoul(text, nullptr, 10);
+}
+
+uint64_t vxsysfs_get_long_attr(const char* path) {
+    char text[VXSYSFS_ATTR_LEN];
+    if (!read_text(path, text, sizeof text))
+        return UINT64_MAX;
+    return strtoull(text, nullptr, 16);
+}
+
+// ---- Remote ports ----
+
+namespace {
+
+bool rport_attr_equals(const char* rpath, const char* attr, const char* expected) {
+    if (!rpath)
+        return false;
+    vxsysfs_path_t path;
+    snprintf(path, sizeof path, "%s", rpath);
+    vxsysfs_path_append(path, nullptr, attr);
+    char text[VXSYSFS_ATTR_LEN];
+    vxsysfs_get_str_attr(path, text, sizeof text);
+    return strcmp(text, expected) == 0;
+}
+
+}  // namespace
+
+int vxsysfs_is_rport_a_target(const char* rpath) { return rport_attr_equals(rpath, "roles", "FCP Target") ? 1 : 0; }
+
+int vxsysfs_is_rport_online(const char* rpath) { return rport_attr_equals(rpath, "port_state", "Online") ? 1 : 0; }
+
+int vxsysfs_find_rport_by_wwpn(vxsysfs_path_t& rpath, uint32_t host_no, const uint8_t* wwpn) {
+    if (!wwpn) {
+        rpath[0] = '\0';
+        return 0;
+    }
+    return find_rport(rpath, host_no, [&](vxsysfs_path_t& port, char* end) {
+        vxsysfs_path_t attr;
+        memcpy(attr, port, sizeof attr);
+        vxsysfs_path_append(attr, attr + (end - port), "port_name");
+        uint8_t name[8];
+        vxsysfs_get_hex_attr(attr, name, sizeof name);
+        return memcmp(name, wwpn, sizeof name) == 0;
+    });
+}
+
+int vxsysfs_find_rport_by_tid(vxsysfs_path_t& rpath, uint32_t host_no, uint32_t tid) {
+    return find_rport(rpath, host_no, [&](vxsysfs_path_t& port, char* end) {
+        vxsysfs_path_t attr;
+        memcpy(attr, port, sizeof attr);
+        vxsysfs_path_append(attr, attr + (end - port), "scsi_target_id");
+        return vxsysfs_get_int_attr(attr) == tid;
+    });
+}
+
+int vxsysfs_is_bsg_supported(uint32_t host_no) {
+    vxsysfs_path_t path;
+    vxsysfs_path_format(path, "%s/%s/%s/fc_host%d/", sysfs_mnt_path, CLASS, BSG, static_cast<int>(static_cast<uint16_t>(host_no)));
+    // libsysfs's sense: 0 when it is a directory.
+    return sysfs_path_is_dir(path) == 0 ? 0 : 1;
+}
+
+// ---- SCSI addresses ----
+
+uint16_t vxsysfs_get_target_id(const char* name) {
+    short target = 0;
+    if (!name || sscanf(name, "%*d : %*d : %hd : %*d", &target) != 1)
+        return 65535;
+    return static_cast<uint16_t>(target);
+}
+
+uint16_t vxsysfs_get_lun_no(const char* name) {
+    short lun = 0;
+    if (!name || sscanf(name, "%*d : %*d : %*d : %hd", &lun) != 1)
+        return 65535;
+    return static_cast<uint16_t>(lun);
+}
+
+// ---- Raw files ----
+
+uint32_t vxsysfs_read_file(const char* path, uint8_t* buf, uint32_t size) {
+    if (!path || !buf)
+        return size;
+    fd_handle fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        vxdbg_num(ERR, "vxsysfs_read_file: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
+        return size;
+    }
+    const uint32_t page = page_size();
+    uint32_t done = 0;
+    while (done < size) {
+        const ssize_t n = read(fd.get(), buf + done, std::min(size - done, page));
+        if (n <= 0)
+            break;
+        done += static_cast<uint32_t>(n);
+    }
+    return size - done;
+}
+
+uint32_t vxsysfs_write_file(const char* path, const uint8_t* buf, uint32_t size) {
+    if (!path || !buf)
+        return size;
+    fd_handle fd(open(path, O_WRONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        vxdbg_num(ERR, "vxsysfs_write_file: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
+        return size;
+    }
+    const uint32_t page = page_size();
+    uint32_t done = 0;
+    while (done < size) {
+        const ssize_t n = write(fd.get(), buf + done, std::min(size - done, page));
+        if (n <= 0)
+            break;
+        done += static_cast<uint32_t>(n);
+    }
+    return size - done;
+}
+
+int vxsysfs_read_data(const char* path, uint8_t* buf, uint32_t size) {
+    if (!path || !buf)
+        return 0;
+    fd_handle fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        vxdbg_num(ERR, "vxsysfs_read_data: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
+        return 0;
+    }
+    return static_cast<int>(read(fd.get(), buf, std::min(size, page_size())));
+}
+
+int vxsysfs_write_data(const char* path, const uint8_t* buf, uint32_t size) {
+    if (!path || !buf)
+        return 0;
+    fd_handle fd(open(path, O_WRONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        vxdbg_num(ERR, "vxsysfs_write_data: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
+        return 0;
+    }
+    return static_cast<int>(write(fd.get(), buf, std::min(size, page_size())));
+}
+
+// ---- Byte and buffer helpers ----
+
+uint8_t vxsysfs_memsum(const uint8_t* buf, uint32_t size) {
+    uint8_t sum = 0;
+    for (uint32_t i = 0; buf && i < size; ++i)
+        sum = static_cast<uint8_t>(sum + buf[i]);
+    return sum;
+}
+
+const uint8_t* vxsysfs_memstr(const uint8_t* buf, const char* str, uint32_t size) {
+    if (!buf || !str)
+        return nullptr;
+    const size_t len = strlen(str);
+    if (len > size)
+        return nullptr;
+    for (size_t i = 0; i <= size - len; ++i)
+        if (memcmp(buf + i, str, len) == 0)
+            return buf + i;
+    return nullptr;
+}
+
+uint8_t* vxsysfs_memstr(uint8_t* buf, const char* str, uint32_t size) {
+    return const_cast<uint8_t*>(vxsysfs_memstr(static_cast<const uint8_t*>(buf), str, size));
+}
+
+void vxsysfs_revcpy(uint8_t* dst, const uint8_t* src, uint32_t size) {
+    if (!dst || !src || size == 0)
+        return;
+    // Correct for overlapping buffers too (an in-place reversal included).
+    memmove(dst, src, size);
+    std::reverse(dst, dst + size);
+}
+
+uint64_t vxsysfs_lendian(const uint8_t* src, uint32_t size) {
+    uint64_t value = 0;
+    for (uint32_t i = size; src && i > 0; --i)
+        value = (value << 8) | src[i - 1];
+    return value;
+}
+
+uint64_t vxsysfs_bendian(const uint8_t* src, uint32_t size) {
+    uint64_t value = 0;
+    for (uint32_t i = 0; src && i < size; ++i)
+        value = (value << 8) | src[i];
+    return value;
+}
+
+void vxsysfs_lendian_buf(uint8_t* dst, uint64_t value, uint32_t size) {
+    for (uint32_t i = 0; dst && i < size; ++i) {
+        dst[i] = static_cast<uint8_t>(value);
+        value >>= 8;
+    }
+}
+
+void vxsysfs_bendian_buf(uint8_t* dst, uint64_t value, uint32_t size) {
+    for (uint32_t i = size; dst && i > 0; --i) {
+        dst[i - 1] = static_cast<uint8_t>(value);
+        value >>= 8;
+    }
+}
+
+void vxsysfs_remove_end_newline(char* str) {
+    if (!str)
+        return;
+    for (size_t len = strlen(str); len > 0 && str[len - 1] == '\n'; --len)
+        str[len - 1] = '\0';
+}
+
+void vxsysfs_to_array_hex(uint8_t* val, const char* str, uint32_t size) {
+    if (!val)
+        return;
+    memset(val, 0, size);
+    if (!str)
+        return;
+    if (str[0] == '0' && (str[1] == 'x' || str[1] == 'X'))
+        str += 2;
+    const size_t pairs = std::min(static_cast<size_t>(size), strlen(str) / 2);
+    for (size_t i = 0; i < pairs; ++i) {
+        const char pair[3] = {str[2 * i], str[2 * i + 1], '\0'};
+        val[i] = static_cast<uint8_t>(strtoul(pair, nullptr, 16));
+    }
+}
+
+// ---- bsg nodes and SCSI generic devices ----
+
+int vxsysfs_open_bsg_dev(char* path, char* new_path, uint32_t new_path_len) {
+    if (!path || !new_path || new_path_len == 0)
+        return 1;
+    new_path[0] = '\0';
+    vxdbg_text(TRC, "vxsysfs_open_bsg_dev: entered. path=");
+    vxdbg_line(TRC, path);
+
+    size_t len = strlen(path);
+    if (len > 0 && path[len - 1] == '/')
+        path[--len] = '\0';
+    const char* slash = strrchr(path, '/');
+    if (!slash) {
+        vxdbg_line(ERR, "vxsysfs_open_bsg_dev: no bsg name in path.");
+        return 1;
+    }
+    const char* component = slash + 1;
+
+    // Deliberately always under /sys, whatever the mount path says.
+    char dev_path[VXSYSFS_PATH_LEN];
+    if (snprintf(dev_path, sizeof dev_path, "/sys/class/bsg/%s/dev", component) >= static_cast<int>(sizeof dev_path))
+        return 1;
+    int major_no = -1, minor_no = -1;
+    if (FILE* fp = fopen(dev_path, "re")) {
+        char line[64];
+        if (!fgets(line, sizeof line, fp) || sscanf(line, "%d:%d", &major_no, &minor_no) != 2)
+            major_no = -1;
+        fclose(fp);
+    }
+    if (major_no < 0 || minor_no < 0) {
+        vxdbg_text(ERR, "vxsysfs_open_bsg_dev: cannot read device number of ");
+        vxdbg_line(ERR, component);
+        return 1;
+    }
+
+    timeval now{};
+    if (gettimeofday(&now, nullptr) != 0) {
+        vxdbg_line(ERR, "vxsysfs_open_bsg_dev: gettimeofday failed.");
+        return 1;
+    }
+    // The first six characters are skipped for host and port nodes alike.
+    const char* tail = strlen(component) > 6 ? component + 6 : "";
+    char node[VXSYSFS_PATH_LEN];
+    const int n = snprintf(node, sizeof node, "/tmp/%s%lx%lx", tail, static_cast<unsigned long>(now.tv_sec),
+                           static_cast<unsigned long>(now.tv_usec));
+    // Checked before the node is made, so a name that cannot be handed back
+    // leaves nothing behind in /tmp.
+    if (n < 0 || static_cast<size_t>(n) >= sizeof node || static_cast<uint32_t>(n) >= new_path_len) {
+        vxdbg_line(ERR, "vxsysfs_open_bsg_dev: node name does not fit.");
+        return 1;
+    }
+    // Old 8-bit-minor encoding of the device number.
+    const dev_t dev = static_cast<dev_t>((static_cast<unsigned>(major_no) << 8) | static_cast<unsigned>(minor_no));
+    // mknod never reuses a path: a name that someone else made first is refused.
+    if (mknod(node, S_IFCHR | 0644, dev) != 0) {
+        vxdbg_num(ERR, "vxsysfs_open_bsg_dev: mknod failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
+        return 1;
+    }
+    memcpy(new_path, node, static_cast<size_t>(n) + 1);
+    vxdbg_text(TRC, "vxsysfs_open_bsg_dev: exiting. node=");
+    vxdbg_line(TRC, new_path);
+    return 0;
+}
+
+int vxsysfs_open_bsg_node(const char* node, int flags) {
+    if (!node)
+        return -1;
+    const int fd = open(node, (flags & ~O_CREAT) | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        vxdbg_num(ERR, "vxsysfs_open_bsg_node: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
+        return -1;
+    }
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISCHR(st.st_mode) || st.st_uid != 0) {
+        vxdbg_text(ERR, "vxsysfs_open_bsg_node: refused, not a root-owned character device: ");
+        vxdbg_line(ERR, node);
+        close(fd);
+        errno = EPERM;
+        return -1;
+    }
+    return fd;
+}
+
+int vxsysfs_open(const char* name, uint8_t op_code) {
+    // SCSI commands that only read: the node is opened without write access.
+    static constexpr uint8_t read_only_ops[] = {0x00, 0x03, 0x05, 0x08, 0x0F, 0x12, 0x17, 0x1A, 0x1C, 0x25, 0x28,
+                                                0x34, 0x37, 0x3C, 0x3E, 0x43, 0x4D, 0x57, 0x5A, 0xA0, 0xA8, 0xB8};
+    if (!name)
+        return -1;
+    char path[VXSYSFS_PATH_LEN];
+    if (snprintf(path, sizeof path, "/dev/%s", name) >= static_cast<int>(sizeof path))
+        return -1;
+    const bool read_only = std::find(std::begin(read_only_ops), std::end(read_only_ops), op_code) != std::end(read_only_ops);
+    const int fd = open(path, (read_only ? O_NONBLOCK : O_NONBLOCK | O_RDWR) | O_CLOEXEC);
+    if (fd < 0)
+        vxdbg_line(ERR, "vxsysfs_open: Open generic failed");
+    return fd;
+}
