@@ -1,0 +1,345 @@
+// sysfs transport basics: path builders, attribute readers, remote-port
+// look-ups, SCSI addresses, raw files, byte helpers and device nodes.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "test_core_sysfs_tree.h"
+#include "vx_sysfs.h"
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+TEST(SysfsPaths, BuildersSpellPathsAndEndAtTheirNul) {
+    mnt_path_override mnt("/sys");
+    vxapi_priv_database inst{};
+    snprintf(reinterpret_cast<char*>(inst.phys_path), sizeof inst.phys_path, "/sys/bus/pci/drivers/vxfcdrv/0000:03:00.0");
+    inst.host_no = 65536 + 5;  // only the low 16 bits are printed
+
+    const struct {
+        std::function<char*(vxsysfs_path_t&)> build;
+        std::string expected;
+    } cases[] = {
+        {[](vxsysfs_path_t& p) { return vxsysfs_get_scsi_host_path(p, 5); }, "/sys/class/scsi_host/host5/"},
+        {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_host(p); }, "/sys/class/fc_host/"},
+        {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_host_path(p, static_cast<uint16_t>(70000)); },
+         "/sys/class/fc_host/host4464/"},
+        {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_rport_path(p, nullptr); }, "/sys/class/fc_remote_ports/"},
+        {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_rport_path(p, "rport-5:0-2"); },
+         "/sys/class/fc_remote_ports/rport-5:0-2/"},
+        {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_vports_path(p); }, "/sys/class/fc_vports/"},
+        {[](vxsysfs_path_t& p) { return vxsysfs_get_scsi_dev_path(p, "5:0:1:3"); }, "/sys/class/scsi_device/5:0:1:3"},
+        {[&](vxsysfs_path_t& p) { return vxsysfs_get_device_path(p, &inst); },
+         "/sys/bus/pci/drivers/vxfcdrv/0000:03:00.0/host5/"},
+        {[&](vxsysfs_path_t& p) { return vxsysfs_get_bsg_device_path(p, &inst); }, "/sys/class/bsg/fc_host5/"},
+    };
+    for (const auto& c : cases) {
+        vxsysfs_path_t p;
+        char* end = c.build(p);
+        EXPECT_EQ(std::string(p), c.expected);
+        EXPECT_EQ(end, p + c.expected.size()) << c.expected;
+    }
+}
+
+TEST(SysfsPaths, OverlongPathsAreCutAtTheBuffer) {
+    mnt_path_override mnt(std::string(250, 'm'));
+    vxsysfs_path_t p;
+    char* end = vxsysfs_get_scsi_host_path(p, 12345);
+    EXPECT_EQ(end, p + VXSYSFS_PATH_LEN - 1);
+    EXPECT_EQ(*end, '\0');
+    end = vxsysfs_path_append(p, end, "link_state");  // no room left: nothing is written past the buffer
+    EXPECT_EQ(end, p + VXSYSFS_PATH_LEN - 1);
+    EXPECT_EQ(strlen(p), VXSYSFS_PATH_LEN - 1);
+}
+
+TEST(SysfsBytes, HexTextToBytes) {
+    const struct {
+        const char* text;
+        uint32_t size;
+        bytes expected;
+    } cases[] = {
+        {"0x2100001b32", 8, {0x21, 0x00, 0x00, 0x1b, 0x32, 0, 0, 0}},
+        {"0x2100001b32", 3, {0x21, 0x00, 0x00}},
+        {"0X21ab", 2, {0x21, 0xab}},
+        {"123", 2, {0x12, 0x00}},  // the odd last digit is ignored
+        {"", 2, {0, 0}},
+        {nullptr, 4, {0, 0, 0, 0}},
+    };
+    for (const auto& c : cases) {
+        bytes out(c.size + 1, 0xAA);
+        vxsysfs_to_array_hex(out.data(), c.text, c.size);
+        EXPECT_EQ(bytes(out.begin(), out.begin() + c.size), c.expected) << (c.text ? c.text : "null");
+        EXPECT_EQ(out[c.size], 0xAA) << "wrote past the size";
+    }
+}
+
+TEST(SysfsBytes, EndianHelpersRoundTrip) {
+    const uint8_t src[4] = {0x01, 0x02, 0x03, 0x04};
+    EXPECT_EQ(vxsysfs_lendian(src, 4), 0x04030201u);
+    EXPECT_EQ(vxsysfs_bendian(src, 4), 0x01020304u);
+    EXPECT_EQ(vxsysfs_bendian(src, 2), 0x0102u);
+
+    uint8_t le[3], be[3];
+    vxsysfs_lendian_buf(le, 0x11223344, 3);
+    vxsysfs_bendian_buf(be, 0x11223344, 3);
+    EXPECT_EQ(bytes(le, le + 3), (bytes{0x44, 0x33, 0x22}));
+    EXPECT_EQ(bytes(be, be + 3), (bytes{0x22, 0x33, 0x44}));
+    uint8_t wide[8];
+    vxsysfs_bendian_buf(wide, 0x0102030405060708ull, 8);
+    EXPECT_EQ(vxsysfs_bendian(wide, 8), 0x0102030405060708ull);
+    vxsysfs_lendian_buf(wide, 0x0102030405060708ull, 8);
+    EXPECT_EQ(vxsysfs_lendian(wide, 8), 0x0102030405060708ull);
+
+    uint8_t buf[5] = {1, 2, 3, 4, 5};
+    vxsysfs_revcpy(buf, buf, 5);  // in place
+    EXPECT_EQ(bytes(buf, buf + 5), (bytes{5, 4, 3, 2, 1}));
+    const uint8_t sum_bytes[] = {0xFF, 0x02, 0x80, 0x80};
+    EXPECT_EQ(vxsysfs_memsum(sum_bytes, 4), 0x01);
+}
+
+TEST(SysfsBytes, MemstrSearchesOnlyWhileTheTextFits) {
+    const uint8_t buf[] = {'x', 'x', 'A', 'B', 'C', 'y', 'y'};
+    const struct {
+        const char* str;
+        uint32_t size;
+        int offset;  // -1: not found
+    } cases[] = {
+        {"ABC", 7, 2}, {"yy", 7, 5}, {"yyz", 7, -1}, {"ABC", 4, -1}, {"ABC", 5, 2}, {"", 7, 0}, {"xxABCyyx", 7, -1},
+    };
+    for (const auto& c : cases) {
+        const uint8_t* at = vxsysfs_memstr(buf, c.str, c.size);
+        EXPECT_EQ(at ? at - buf : -1, c.offset) << c.str << " in " << c.size;
+    }
+    EXPECT_EQ(vxsysfs_memstr(buf, nullptr, 7), nullptr);
+}
+
+TEST(SysfsBytes, TrailingNewlinesOnly) {
+    char a[] = "ab\n\n";
+    char b[] = "a\nb";
+    vxsysfs_remove_end_newline(a);
+    vxsysfs_remove_end_newline(b);
+    vxsysfs_remove_end_newline(nullptr);
+    EXPECT_STREQ(a, "ab");
+    EXPECT_STREQ(b, "a\nb");
+}
+
+TEST(SysfsAddress, TargetAndLunFromDeviceNames) {
+    const struct {
+        const char* name;
+        uint16_t target, lun;
+    } cases[] = {
+        {"5:0:1:3", 1, 3}, {"12 : 0 : 511 : 255", 511, 255}, {"5:0:7", 7, 65535}, {"garbage", 65535, 65535},
+        {nullptr, 65535, 65535},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(vxsysfs_get_target_id(c.name), c.target) << (c.name ? c.name : "null");
+        EXPECT_EQ(vxsysfs_get_lun_no(c.name), c.lun) << (c.name ? c.name : "null");
+    }
+}
+
+class SysfsTree : public testing::Test {
+protected:
+    sysfs_tree tree;
+};
+
+TEST_F(SysfsTree, AttributeReadersAndTheirFallbacks) {
+    tree.file("a/str", "hello\n\n");
+    tree.file("a/wwn", "0x2100001b32aabbcc\n");
+    tree.file("a/int", "42\n");
+    tree.file("a/long", "ffffffffff\n");
+    tree.file("a/empty", "");
+    const std::string missing = tree.path("a/missing");
+
+    char text[16];
+    memset(text, 'z', sizeof text);
+    EXPECT_EQ(vxsysfs_get_str_attr(tree.path("a/str").c_str(), text, sizeof text), 0);
+    EXPECT_STREQ(text, "hello");
+    char small[4 + 1] = {0, 0, 0, 0, 'G'};
+    vxsysfs_get_str_attr(tree.path("a/str").c_str(), small, 4);
+    EXPECT_STREQ(small, "hel");  // cut, terminated, and nothing past the size
+    EXPECT_EQ(small[4], 'G');
+    memset(text, 'z', sizeof text);
+    EXPECT_EQ(vxsysfs_get_str_attr(missing.c_str(), text, sizeof text), 1);
+    EXPECT_EQ(text[0], '\0');
+
+    uint8_t wwn[8];
+    EXPECT_EQ(vxsysfs_get_hex_attr(tree.path("a/wwn").c_str(), wwn, 8), 0);
+    EXPECT_EQ(bytes(wwn, wwn + 8), (bytes{0x21, 0x00, 0x00, 0x1b, 0x32, 0xaa, 0xbb, 0xcc}));
+    memset(wwn, 0xEE, sizeof wwn);
+    EXPECT_EQ(vxsysfs_get_hex_attr(missing.c_str(), wwn, 8), 1);
+    EXPECT_EQ(bytes(wwn, wwn + 8), bytes(8, 0));
+
+    EXPECT_EQ(vxsysfs_get_int_attr(tree.path("a/int").c_str()), 42u);
+    EXPECT_EQ(vxsysfs_get_int_attr(missing.c_str()), 0u);
+    EXPECT_EQ(vxsysfs_get_long_attr(tree.path("a/long").c_str()), 0xffffffffffull);
+    EXPECT_EQ(vxsysfs_get_long_attr(missing.c_str()), UINT64_MAX);
+    EXPECT_EQ(vxsysfs_get_long_attr(tree.path("a/empty").c_str()), 0u);
+    EXPECT_EQ(vxsysfs_get_long_attr(nullptr), UINT64_MAX);
+}
+
+TEST_F(SysfsTree, RemotePortLookupsMatchOnlyTheirHost) {
+    mnt_path_override mnt(tree.root());
+    struct rport {
+        const char* name;
+        const char* wwpn;
+        const char* tid;
+        const char* roles;
+        const char* state;
+    };
+    // The first two share names and target ids with ports of host 1 but
+    // belong to hosts 15 and 11.
+    const rport ports[] = {
+        {"rport-15:0-1", "0x5000000000000001", "3", "FCP Target", "Online"},
+        {"rport-11:0-0", "0x5000000000000002", "4", "FCP Target", "Online"},
+        {"rport-1:0-2", "0x5000000000000003", "3", "FCP Target, FCP Initiator", "Online"},
+        {"rport-1:0-3", "0x5000000000000001", "4", "FCP Target", "Blocked"},
+    };
+    for (const rport& r : ports) {
+        const std::string dev = std::string("devices/x/") + r.name + "/fc_remote_ports/" + r.name;
+        tree.file(dev + "/port_name", std::string(r.wwpn) + "\n");
+        tree.file(dev + "/scsi_target_id", std::string(r.tid) + "\n");
+        tree.file(dev + "/roles", std::string(r.roles) + "\n");
+        tree.file(dev + "/port_state", std::string(r.state) + "\n");
+        tree.link(std::string("class/fc_remote_ports/") + r.name, dev);
+    }
+    const std::string base = tree.path("class/fc_remote_ports/");
+    const uint8_t wwpn1[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x01};
+    const uint8_t wwpn2[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x02};
+
+    vxsysfs_path_t rpath;
+    EXPECT_EQ(vxsysfs_find_rport_by_wwpn(rpath, 1, wwpn1), 1);
+    EXPECT_EQ(std::string(rpath), base + "rport-1:0-3/");
+    EXPECT_EQ(vxsysfs_find_rport_by_tid(rpath, 1, 3), 1);
+    EXPECT_EQ(std::string(rpath), base + "rport-1:0-2/");
+    EXPECT_EQ(vxsysfs_find_rport_by_wwpn(rpath, 1, wwpn2), 0);
+    EXPECT_STREQ(rpath, "");
+    EXPECT_EQ(vxsysfs_find_rport_by_tid(rpath, 1, 9), 0);
+    EXPECT_STREQ(rpath, "");
+
+    EXPECT_EQ(vxsysfs_is_rport_a_target((base + "rport-1:0-3/").c_str()), 1);
+    EXPECT_EQ(vxsysfs_is_rport_a_target((base + "rport-1:0-2/").c_str()), 0);  // also an initiator
+    EXPECT_EQ(vxsysfs_is_rport_online((base + "rport-1:0-2/").c_str()), 1);
+    EXPECT_EQ(vxsysfs_is_rport_online((base + "rport-1:0-3/").c_str()), 0);
+
+    vxapi_priv_database inst{};
+    inst.host_no = 1;
+    vxsysfs_path_t bsg;
+    const std::string expected = tree.root() + "/class/bsg/rport-1:0-3";
+    EXPECT_EQ(vxsysfs_get_bsg_rport_path(bsg, &inst, wwpn1), bsg + expected.size());
+    EXPECT_EQ(std::string(bsg), expected);
+    EXPECT_EQ(vxsysfs_get_bsg_rport_path(bsg, &inst, wwpn2), nullptr);
+    EXPECT_STREQ(bsg, "");
+}
+
+TEST_F(SysfsTree, BsgSupportHasTheInvertedSense) {
+    mnt_path_override mnt(tree.root());
+    tree.dir("devices/x/host5/bsg/fc_host5");
+    tree.link("class/bsg/fc_host5", "devices/x/host5/bsg/fc_host5");
+    EXPECT_EQ(vxsysfs_is_bsg_supported(5), 0);
+    EXPECT_EQ(vxsysfs_is_bsg_supported(6), 1);
+}
+
+TEST_F(SysfsTree, RawFileHelpersReportOppositeSenses) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    std::string big(page * 2 + 100, '\0');
+    for (size_t i = 0; i < big.size(); ++i)
+        big[i] = static_cast<char>(i * 7);
+    tree.file("bin/big", big);
+    tree.file("bin/short", "0123456789");
+    const std::string missing = tree.path("nodir/file");
+
+    std::vector<uint8_t> buf(big.size());
+    EXPECT_EQ(vxsysfs_read_file(tree.path("bin/big").c_str(), buf.data(), static_cast<uint32_t>(buf.size())), 0u);
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), big);
+    EXPECT_EQ(vxsysfs_read_file(tree.path("bin/short").c_str(), buf.data(), 16), 6u);
+    EXPECT_EQ(vxsysfs_read_file(missing.c_str(), buf.data(), 16), 16u);
+    EXPECT_EQ(vxsysfs_read_data(tree.path("bin/big").c_str(), buf.data(), static_cast<uint32_t>(buf.size())),
+              static_cast<int>(page));
+    EXPECT_EQ(vxsysfs_read_data(missing.c_str(), buf.data(), 16), 0);
+
+    const std::string out = tree.path("bin/out");
+    tree.file("bin/out", "");
+    EXPECT_EQ(vxsysfs_write_file(out.c_str(), reinterpret_cast<const uint8_t*>(big.data()),
+                                 static_cast<uint32_t>(big.size())),
+              0u);
+    EXPECT_EQ(read_file(out), big);
+    EXPECT_EQ(vxsysfs_write_file(missing.c_str(), buf.data(), 16), 16u);
+    EXPECT_EQ(vxsysfs_write_data(out.c_str(), buf.data(), static_cast<uint32_t>(buf.size())), static_cast<int>(page));
+    EXPECT_EQ(vxsysfs_write_data(missing.c_str(), buf.data(), 16), 0);
+}
+
+TEST(SysfsNodes, GenericOpenChoosesAccessByCommand) {
+    const struct {
+        uint8_t op;
+        int access;
+    } cases[] = {{0x12, O_RDONLY}, {0x28, O_RDONLY}, {0xA0, O_RDONLY}, {0x2A, O_RDWR}, {0x3B, O_RDWR}, {0xFF, O_RDWR}};
+    for (const auto& c : cases) {
+        const int fd = vxsysfs_open("null", c.op);
+        ASSERT_GE(fd, 0);
+        const int flags = fcntl(fd, F_GETFL);
+        EXPECT_EQ(flags & O_ACCMODE, c.access) << static_cast<int>(c.op);
+        EXPECT_TRUE(flags & O_NONBLOCK);
+        EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+        close(fd);
+    }
+    EXPECT_LT(vxsysfs_open("vxsdm-no-such-node", 0x12), 0);
+}
+
+TEST_F(SysfsTree, BsgNodeOpenRefusesAnythingButRootCharDevices) {
+    tree.file("plain", "x");
+    std::filesystem::create_symlink("/dev/null", tree.path("link-to-null"));
+    EXPECT_EQ(vxsysfs_open_bsg_node(tree.path("plain").c_str(), O_WRONLY), -1);
+    EXPECT_EQ(vxsysfs_open_bsg_node(tree.path("link-to-null").c_str(), O_WRONLY), -1);
+    if (geteuid() == 0) {
+        const int fd = vxsysfs_open_bsg_node("/dev/null", O_WRONLY);
+        EXPECT_GE(fd, 0);
+        close(fd);
+    }
+}
+
+TEST_F(SysfsTree, BsgNodesAreMadeUnderPrivateNames) {
+    tree.file("class/bsg/fc_host5/dev", "250:7\n");
+    tree.file("class/bsg/rport-5:0-2/dev", "251:3\n");
+    bool skipped = false;
+    const std::string out = run_with_private_sys(
+        tree.root(),
+        [] {
+            std::string r;
+            char host[] = "/sys/class/bsg/fc_host5/";
+            char node[64];
+            struct stat st {};
+            if (vxsysfs_open_bsg_dev(host, node, sizeof node) == 0 && stat(node, &st) == 0 && S_ISCHR(st.st_mode)) {
+                char line[64];
+                snprintf(line, sizeof line, "%.7s %u:%u %o;", node, major(st.st_rdev), minor(st.st_rdev),
+                         st.st_mode & 0777);
+                r += line;
+            }
+            char rport[] = "/sys/class/bsg/rport-5:0-2";
+            if (vxsysfs_open_bsg_dev(rport, node, sizeof node) == 0)
+                r += std::string(node).substr(0, 10) + ";";
+            // A name that does not fit is refused before anything is made.
+            char tiny[8] = "x";
+            char again[] = "/sys/class/bsg/fc_host5";
+            r += std::to_string(vxsysfs_open_bsg_dev(again, tiny, sizeof tiny)) + tiny + ";";
+            char absent[] = "/sys/class/bsg/fc_host9/";
+            r += std::to_string(vxsysfs_open_bsg_dev(absent, node, sizeof node)) + node + ";";
+            size_t nodes = 0;
+            for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/tmp"))
+                ++nodes;
+            return r + std::to_string(nodes);
+        },
+        &skipped);
+    VX_SKIP_WITHOUT_MOUNT_NS(skipped);
+    EXPECT_EQ(out, "/tmp/t5 250:7 644;/tmp/5:0-2;1;1;2");
+}
+
+}  // namespace
