@@ -1,0 +1,336 @@
+// vxsim: builds simulated hosts and runs programs in them.
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "fsutil.h"
+#include "model.h"
+#include "root.h"
+#include "runner.h"
+#include "state.h"
+#include "tree.h"
+
+#ifndef VXSIM_SCENARIO_DIR
+#define VXSIM_SCENARIO_DIR ""
+#endif
+
+namespace {
+
+using namespace vxsim;
+
+int complain(const std::string& line) {
+    std::fprintf(stderr, "vxsim: %s\n", line.c_str());
+    return 2;
+}
+
+// A scenario given as a path, or by name from the scenario directory
+// ("single", "single.json").
+std::string find_scenario(const std::string& name) {
+    if (fs::exists(name) || name.find('/') != std::string::npos)
+        return name;
+    const char* env = std::getenv("VXSIM_SCENARIOS");
+    std::string dir = env && *env ? env : VXSIM_SCENARIO_DIR;
+    for (const std::string& candidate : {dir + "/" + name, dir + "/" + name + ".json"})
+        if (fs::exists(candidate))
+            return candidate;
+    return name;
+}
+
+bool parse_number(const std::string& text, uint32_t& out) {
+    if (text.empty())
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long v = std::strtoull(text.c_str(), &end, 0);
+    if (errno != 0 || *end != 0 || v > 0xFFFFFFFFull || text[0] == '-')
+        return false;
+    out = static_cast<uint32_t>(v);
+    return true;
+}
+
+// --root for the subcommands that act on a running root: inside `vxsim run`
+// the root is known from the environment.
+bool resolve_root(std::string& root, std::string& error) {
+    if (root.empty()) {
+        const char* env = std::getenv(root::ENV_ROOT);
+        if (!env || !*env) {
+            error = "--root is required outside a simulated host";
+            return false;
+        }
+        root = env;
+    }
+    if (!fs::exists(root::scenario(root))) {
+        error = root + " is not a sim root (no scenario.json)";
+        return false;
+    }
+    return true;
+}
+
+size_t count_hosts(const Scenario& s, size_t& rports) {
+    size_t hosts = 0;
+    rports = 0;
+    for (const Adapter& a : s.adapters)
+        for (const PciFunction& f : a.functions) {
+            hosts += 1 + f.vports.size();
+            rports += f.port.remote_ports.size();
+            for (const HostPort& v : f.vports)
+                rports += v.remote_ports.size();
+        }
+    return hosts;
+}
+
+void report_stats(const Scenario& s, const std::string& root, const TreeStats& stats, bool quiet) {
+    if (!quiet) {
+        size_t rports = 0;
+        size_t hosts = count_hosts(s, rports);
+        std::printf("vxsim: built %s: %zu adapters, %zu hosts, %zu remote ports; %zu dirs, %zu files, %zu links\n",
+                    root.c_str(), s.adapters.size(), hosts, rports, stats.dirs, stats.files, stats.links);
+    }
+    if (stats.rports_without_bsg)
+        std::fprintf(stderr, "vxsim: %zu remote ports got no bsg node (the bsg device numbers ran out)\n",
+                     stats.rports_without_bsg);
+}
+
+int build(const std::string& scenario_file, const std::string& root) {
+    Scenario s;
+    std::string error;
+    if (!load_scenario(find_scenario(scenario_file), s, error))
+        return complain(error);
+    TreeStats stats;
+    if (!build_root(s, root, stats, error))
+        return complain(error);
+    report_stats(s, root, stats, false);
+    return 0;
+}
+
+struct RunArgs {
+    std::string scenario;
+    std::string root;
+    bool keep = false;
+    bool real_sleep = false;
+    int64_t euid = -1;
+    std::vector<std::string> command;
+};
+
+int run(const RunArgs& a) {
+    std::string reason;
+    if (!can_run(reason))
+        return complain(std::string(NEEDS_ROOT) + ": " + reason);
+
+    std::string self = fs::real_path("/proc/self/exe");
+    RunOptions o;
+    const char* driver = std::getenv("VXSIM_DRIVER");
+    o.preload = driver && *driver ? std::string(driver) : self.substr(0, self.find_last_of('/')) + "/libvxsim_driver.so";
+    if (!fs::exists(o.preload))
+        return complain("driver emulation not found: " + o.preload + " (build the vxsim_driver target)");
+    o.preload = fs::real_path(o.preload);
+    o.command = a.command;
+    o.real_sleep = a.real_sleep;
+
+    // A root given with --root is built there, or reused as it is when it
+    // holds one already and no scenario is named.
+    bool temporary = a.root.empty();
+    bool reuse = !temporary && a.scenario.empty() && fs::exists(root::scenario(a.root));
+    Scenario s;
+    std::string error;
+    if (!load_scenario(reuse ? root::scenario(a.root) : find_scenario(a.scenario.empty() ? "default" : a.scenario), s,
+                       error) ||
+        !check_scenario(s, error))
+        return complain(error);
+    if (a.euid >= 0)
+        o.euid = static_cast<uint32_t>(a.euid);
+    else if (s.options.euid)
+        o.euid = *s.options.euid;
+
+    std::string root = a.root;
+    if (temporary) {
+        const char* tmpdir = std::getenv("TMPDIR");
+        std::string tmpl = std::string(tmpdir && *tmpdir ? tmpdir : "/tmp") + "/vxsim.XXXXXX";
+        std::vector<char> buf(tmpl.begin(), tmpl.end());
+        buf.push_back(0);
+        if (!::mkdtemp(buf.data()))
+            return complain(fs::errno_text("mkdtemp", tmpl));
+        root = buf.data();
+    }
+    auto cleanup = [&] {
+        if (temporary && !a.keep && !fs::remove_tree(root, error))
+            complain(error);
+    };
+    o.root = fs::real_path(root);
+    if (temporary && !a.keep) {
+        // Nobody outside will look at it: the child builds it on a tmpfs of
+        // its own namespace, which is much faster than a disk for the many
+        // small files of a tree, and vanishes with the host.
+        o.build = &s;
+    } else if (!reuse) {
+        TreeStats stats;
+        if (!build_root(s, o.root, stats, error)) {
+            cleanup();
+            return complain(error);
+        }
+        report_stats(s, o.root, stats, true);
+    }
+
+    if (a.keep && temporary)
+        std::fprintf(stderr, "vxsim: sim root kept at %s\n", o.root.c_str());
+    int rc = run_in_sim(o);
+    cleanup();
+    return rc;
+}
+
+int event(std::string root, const std::string& host, const std::string& code, const std::string& data,
+          const std::string& kind) {
+    std::string error;
+    if (!resolve_root(root, error))
+        return complain(error);
+    state::SpoolEvent e;
+    e.kind = kind;
+    if (!parse_number(host, e.host_no) || !parse_number(code, e.code) || (!data.empty() && !parse_number(data, e.data)))
+        return complain("--host, --code and --data take numbers (decimal or 0x hexadecimal)");
+    std::string name;
+    if (!state::append_event(root, e, &name, error))
+        return complain(error);
+    std::printf("%s\n", name.c_str());
+    return 0;
+}
+
+int fault_list(std::string root, bool json) {
+    std::string error;
+    std::vector<Fault> faults;
+    if (!resolve_root(root, error) || !state::read_faults(root, faults, error))
+        return complain(error);
+    if (json) {
+        nlohmann::json list = nlohmann::json::array();
+        for (const Fault& f : faults)
+            list.push_back(state::fault_to_json(f));
+        std::printf("%s\n", list.dump(2).c_str());
+        return 0;
+    }
+    std::printf("%-14s %-24s %-12s %s\n", "ENDPOINT", "MATCH", "ACTION", "COUNT");
+    for (const Fault& f : faults)
+        std::printf("%-14s %-24s %-12s %s\n", f.endpoint.c_str(), f.match.empty() ? "*" : f.match.c_str(),
+                    f.action.c_str(), f.count < 0 ? "always" : std::to_string(f.count).c_str());
+    return 0;
+}
+
+int journal(std::string root, const std::string& endpoint, bool json) {
+    std::string error;
+    std::vector<nlohmann::json> lines;
+    if (!resolve_root(root, error) || !state::read_journal(root, lines, error))
+        return complain(error);
+    if (!json)
+        std::printf("%-6s %-8s %-12s %s\n", "SEQ", "PID", "ENDPOINT", "DETAILS");
+    for (const nlohmann::json& j : lines) {
+        std::string ep = j.is_object() ? j.value("ep", "") : "";
+        if (!endpoint.empty() && ep != endpoint)
+            continue;
+        if (json) {
+            std::printf("%s\n", j.is_string() ? j.get<std::string>().c_str() : j.dump().c_str());
+            continue;
+        }
+        if (!j.is_object()) {
+            std::printf("%-6s %-8s %-12s %s\n", "?", "?", "?", j.is_string() ? j.get<std::string>().c_str() : "");
+            continue;
+        }
+        std::string details;
+        for (const auto& [key, value] : j.items()) {
+            if (key == "seq" || key == "pid" || key == "ep")
+                continue;
+            details += (details.empty() ? "" : " ") + key + "=" + value.dump();
+        }
+        auto field = [&](const char* key) { return j.contains(key) ? j[key].dump() : std::string("-"); };
+        std::printf("%-6s %-8s %-12s %s\n", field("seq").c_str(), field("pid").c_str(), ep.c_str(), details.c_str());
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"vxsim: simulated hosts with Varnex Fibre Channel adapters"};
+    app.require_subcommand(1);
+
+    RunArgs ra;
+    CLI::App* run_cmd = app.add_subcommand("run", "Run a command in a fresh simulated host");
+    run_cmd->add_option("--scenario", ra.scenario, "Scenario file or name (default: default.json)");
+    run_cmd->add_option("--root", ra.root, "Sim root to build or reuse (kept afterwards)");
+    run_cmd->add_flag("--keep", ra.keep, "Keep the temporary sim root");
+    run_cmd->add_option("--euid", ra.euid, "Effective user id the programs see")->check(CLI::Range(0, 0x7FFFFFFF));
+    run_cmd->add_flag("--real-sleep", ra.real_sleep, "Do not shorten sleeps");
+    run_cmd->add_option("command", ra.command, "Command and arguments, after --")->required();
+
+    std::string tree_scenario, tree_root;
+    CLI::App* tree_cmd = app.add_subcommand("tree", "Only build a sim root, for inspection");
+    tree_cmd->add_option("--scenario", tree_scenario, "Scenario file or name")->required();
+    tree_cmd->add_option("--root", tree_root, "Directory to build it in (missing or empty)")->required();
+
+    std::string ev_root, ev_host, ev_code, ev_data, ev_kind = "fc";
+    CLI::App* event_cmd = app.add_subcommand("event", "Queue an event for the event endpoints");
+    event_cmd->add_option("--root", ev_root, "Sim root (default: $VXSIM_ROOT)");
+    event_cmd->add_option("--host", ev_host, "SCSI host number")->required();
+    event_cmd->add_option("--code", ev_code, "Event code")->required();
+    event_cmd->add_option("--data", ev_data, "Event data");
+    event_cmd->add_option("--kind", ev_kind, "fc (transport event) or aen (driver event)")
+        ->check(CLI::IsMember({"fc", "aen"}));
+
+    std::string fault_root;
+    Fault fault;
+    bool fault_json = false;
+    CLI::App* fault_cmd = app.add_subcommand("fault", "Arm, list or clear injected faults");
+    fault_cmd->add_option("--root", fault_root, "Sim root (default: $VXSIM_ROOT)");
+    fault_cmd->require_subcommand(1);
+    CLI::App* fault_add = fault_cmd->add_subcommand("add", "Arm a fault");
+    fault_add->add_option("--endpoint", fault.endpoint, "optrom_ctl, optrom, nvram, vpd, ioctl, bsg, netlink, ...")
+        ->required();
+    fault_add->add_option("--match", fault.match, "Request selector (\"\" = any; \"abc*\" = prefix)");
+    fault_add->add_option("--action", fault.action, "ebusy, enosys, eio, short, refuse, status:<n>")->required();
+    fault_add->add_option("--count", fault.count, "Matching requests to fail (-1 = always)");
+    CLI::App* fault_list_cmd = fault_cmd->add_subcommand("list", "List armed faults");
+    fault_list_cmd->add_flag("--json", fault_json, "Print the JSON list");
+    CLI::App* fault_clear = fault_cmd->add_subcommand("clear", "Remove every fault");
+
+    std::string j_root, j_endpoint;
+    bool j_json = false;
+    CLI::App* journal_cmd = app.add_subcommand("journal", "Print the request journal");
+    journal_cmd->add_option("--root", j_root, "Sim root (default: $VXSIM_ROOT)");
+    journal_cmd->add_option("--endpoint", j_endpoint, "Only this endpoint");
+    journal_cmd->add_flag("--json", j_json, "Raw JSON lines");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        int rc = app.exit(e);
+        return rc == 0 ? 0 : 2;
+    }
+
+    if (run_cmd->parsed())
+        return run(ra);
+    if (tree_cmd->parsed())
+        return build(tree_scenario, tree_root);
+    if (event_cmd->parsed())
+        return event(ev_root, ev_host, ev_code, ev_data, ev_kind);
+    if (fault_add->parsed()) {
+        std::string error;
+        if (!resolve_root(fault_root, error) || !state::add_fault(fault_root, fault, error))
+            return complain(error);
+        return 0;
+    }
+    if (fault_list_cmd->parsed())
+        return fault_list(fault_root, fault_json);
+    if (fault_clear->parsed()) {
+        std::string error;
+        if (!resolve_root(fault_root, error) || !state::clear_faults(fault_root, error))
+            return complain(error);
+        return 0;
+    }
+    if (journal_cmd->parsed())
+        return journal(j_root, j_endpoint, j_json);
+    return 2;
+}
