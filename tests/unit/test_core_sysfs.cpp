@@ -30,13 +30,11 @@ TEST(SysfsPaths, BuildersSpellPathsAndEndAtTheirNul) {
         std::string expected;
     } cases[] = {
         {[](vxsysfs_path_t& p) { return vxsysfs_get_scsi_host_path(p, 5); }, "/sys/class/scsi_host/host5/"},
-        {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_host(p); }, "/sys/class/fc_host/"},
         {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_host_path(p, static_cast<uint16_t>(70000)); },
          "/sys/class/fc_host/host4464/"},
         {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_rport_path(p, nullptr); }, "/sys/class/fc_remote_ports/"},
         {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_rport_path(p, "rport-5:0-2"); },
          "/sys/class/fc_remote_ports/rport-5:0-2/"},
-        {[](vxsysfs_path_t& p) { return vxsysfs_get_fc_vports_path(p); }, "/sys/class/fc_vports/"},
         {[](vxsysfs_path_t& p) { return vxsysfs_get_scsi_dev_path(p, "5:0:1:3"); }, "/sys/class/scsi_device/5:0:1:3"},
         {[&](vxsysfs_path_t& p) { return vxsysfs_get_device_path(p, &inst); },
          "/sys/bus/pci/drivers/vxfcdrv/0000:03:00.0/host5/"},
@@ -93,12 +91,6 @@ TEST(SysfsBytes, EndianHelpersRoundTrip) {
     vxsysfs_bendian_buf(be, 0x11223344, 3);
     EXPECT_EQ(bytes(le, le + 3), (bytes{0x44, 0x33, 0x22}));
     EXPECT_EQ(bytes(be, be + 3), (bytes{0x22, 0x33, 0x44}));
-    uint8_t wide[8];
-    vxsysfs_bendian_buf(wide, 0x0102030405060708ull, 8);
-    EXPECT_EQ(vxsysfs_bendian(wide, 8), 0x0102030405060708ull);
-    vxsysfs_lendian_buf(wide, 0x0102030405060708ull, 8);
-    EXPECT_EQ(vxsysfs_lendian(wide, 8), 0x0102030405060708ull);
-
     uint8_t buf[5] = {1, 2, 3, 4, 5};
     vxsysfs_revcpy(buf, buf, 5);  // in place
     EXPECT_EQ(bytes(buf, buf + 5), (bytes{5, 4, 3, 2, 1}));
@@ -122,16 +114,6 @@ TEST(SysfsBytes, MemstrSearchesOnlyWhileTheTextFits) {
     EXPECT_EQ(vxsysfs_memstr(buf, nullptr, 7), nullptr);
 }
 
-TEST(SysfsBytes, TrailingNewlinesOnly) {
-    char a[] = "ab\n\n";
-    char b[] = "a\nb";
-    vxsysfs_remove_end_newline(a);
-    vxsysfs_remove_end_newline(b);
-    vxsysfs_remove_end_newline(nullptr);
-    EXPECT_STREQ(a, "ab");
-    EXPECT_STREQ(b, "a\nb");
-}
-
 TEST(SysfsAddress, TargetAndLunFromDeviceNames) {
     const struct {
         const char* name;
@@ -152,38 +134,28 @@ protected:
 };
 
 TEST_F(SysfsTree, AttributeReadersAndTheirFallbacks) {
-    tree.file("a/str", "hello\n\n");
-    tree.file("a/wwn", "0x2100001b32aabbcc\n");
-    tree.file("a/int", "42\n");
-    tree.file("a/long", "ffffffffff\n");
-    tree.file("a/empty", "");
-    const std::string missing = tree.path("a/missing");
+    tree.file("str", "hello\n\n");
+    tree.file("wwn", "0x2100001b32aabbcc\n");
+    tree.file("long", "ffffffffff\n");
+    const std::string missing = tree.path("missing");
 
-    char text[16];
-    memset(text, 'z', sizeof text);
-    EXPECT_EQ(vxsysfs_get_str_attr(tree.path("a/str").c_str(), text, sizeof text), 0);
-    EXPECT_STREQ(text, "hello");
-    char small[4 + 1] = {0, 0, 0, 0, 'G'};
-    vxsysfs_get_str_attr(tree.path("a/str").c_str(), small, 4);
-    EXPECT_STREQ(small, "hel");  // cut, terminated, and nothing past the size
+    char small[4 + 1] = {'z', 'z', 'z', 'z', 'G'};
+    EXPECT_EQ(vxsysfs_get_str_attr(tree.path("str").c_str(), small, 4), 0);
+    EXPECT_STREQ(small, "hel");  // cut and terminated within the size
     EXPECT_EQ(small[4], 'G');
-    memset(text, 'z', sizeof text);
-    EXPECT_EQ(vxsysfs_get_str_attr(missing.c_str(), text, sizeof text), 1);
-    EXPECT_EQ(text[0], '\0');
+    EXPECT_EQ(vxsysfs_get_str_attr(missing.c_str(), small, 4), 1);
+    EXPECT_EQ(small[0], '\0');
 
     uint8_t wwn[8];
-    EXPECT_EQ(vxsysfs_get_hex_attr(tree.path("a/wwn").c_str(), wwn, 8), 0);
+    EXPECT_EQ(vxsysfs_get_hex_attr(tree.path("wwn").c_str(), wwn, 8), 0);
     EXPECT_EQ(bytes(wwn, wwn + 8), (bytes{0x21, 0x00, 0x00, 0x1b, 0x32, 0xaa, 0xbb, 0xcc}));
     memset(wwn, 0xEE, sizeof wwn);
     EXPECT_EQ(vxsysfs_get_hex_attr(missing.c_str(), wwn, 8), 1);
     EXPECT_EQ(bytes(wwn, wwn + 8), bytes(8, 0));
 
-    EXPECT_EQ(vxsysfs_get_int_attr(tree.path("a/int").c_str()), 42u);
     EXPECT_EQ(vxsysfs_get_int_attr(missing.c_str()), 0u);
-    EXPECT_EQ(vxsysfs_get_long_attr(tree.path("a/long").c_str()), 0xffffffffffull);
+    EXPECT_EQ(vxsysfs_get_long_attr(tree.path("long").c_str()), 0xffffffffffull);
     EXPECT_EQ(vxsysfs_get_long_attr(missing.c_str()), UINT64_MAX);
-    EXPECT_EQ(vxsysfs_get_long_attr(tree.path("a/empty").c_str()), 0u);
-    EXPECT_EQ(vxsysfs_get_long_attr(nullptr), UINT64_MAX);
 }
 
 TEST_F(SysfsTree, RemotePortLookupsMatchOnlyTheirHost) {
@@ -268,30 +240,20 @@ TEST_F(SysfsTree, RawFileHelpersReportOppositeSenses) {
 
     const std::string out = tree.path("bin/out");
     tree.file("bin/out", "");
-    EXPECT_EQ(vxsysfs_write_file(out.c_str(), reinterpret_cast<const uint8_t*>(big.data()),
-                                 static_cast<uint32_t>(big.size())),
-              0u);
+    EXPECT_EQ(vxsysfs_write_file(out.c_str(), reinterpret_cast<const uint8_t*>(big.data()), big.size()), 0u);
     EXPECT_EQ(read_file(out), big);
     EXPECT_EQ(vxsysfs_write_file(missing.c_str(), buf.data(), 16), 16u);
     EXPECT_EQ(vxsysfs_write_data(out.c_str(), buf.data(), static_cast<uint32_t>(buf.size())), static_cast<int>(page));
-    EXPECT_EQ(vxsysfs_write_data(missing.c_str(), buf.data(), 16), 0);
 }
 
 TEST(SysfsNodes, GenericOpenChoosesAccessByCommand) {
-    const struct {
-        uint8_t op;
-        int access;
-    } cases[] = {{0x12, O_RDONLY}, {0x28, O_RDONLY}, {0xA0, O_RDONLY}, {0x2A, O_RDWR}, {0x3B, O_RDWR}, {0xFF, O_RDWR}};
-    for (const auto& c : cases) {
-        const int fd = vxsysfs_open("null", c.op);
+    for (const auto& [op, access] : {std::pair<uint8_t, int>{0x28, O_RDONLY}, {0x2A, O_RDWR}}) {
+        const int fd = vxsysfs_open("null", op);
         ASSERT_GE(fd, 0);
-        const int flags = fcntl(fd, F_GETFL);
-        EXPECT_EQ(flags & O_ACCMODE, c.access) << static_cast<int>(c.op);
-        EXPECT_TRUE(flags & O_NONBLOCK);
+        EXPECT_EQ(fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK), access | O_NONBLOCK) << static_cast<int>(op);
         EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
         close(fd);
     }
-    EXPECT_LT(vxsysfs_open("vxsdm-no-such-node", 0x12), 0);
 }
 
 TEST_F(SysfsTree, BsgNodeOpenRefusesAnythingButRootCharDevices) {

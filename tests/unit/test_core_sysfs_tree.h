@@ -39,15 +39,6 @@ public:
         std::filesystem::create_directory_symlink(std::filesystem::relative(path(target), from.parent_path()), from);
     }
 
-    // scsi_host and fc_host class entries of host N below `host_dir`, linked from /class.
-    void host(const std::string& host_dir, uint32_t n) const {
-        const std::string name = "host" + std::to_string(n);
-        dir(host_dir + "/scsi_host/" + name);
-        dir(host_dir + "/fc_host/" + name);
-        link("class/scsi_host/" + name, host_dir + "/scsi_host/" + name);
-        link("class/fc_host/" + name, host_dir + "/fc_host/" + name);
-    }
-
 private:
     std::string root_;
 };
