@@ -54,7 +54,7 @@ int explain_no_ports() {
     return EXIT_LIBRARY;
 }
 
-std::string cell_text(const nlohmann::json& value) {
+std::string cell_text(const nlohmann::ordered_json& value) {
     if (value.is_null())
         return "-";
     if (value.is_string())
@@ -80,16 +80,16 @@ int run_list(bool json) {
     }
 
     if (json) {
-        nlohmann::json ports = nlohmann::json::array();
+        nlohmann::ordered_json ports = nlohmann::ordered_json::array();
         for (const auto& row : rows) {
-            nlohmann::json port;
+            nlohmann::ordered_json port;
             for (const auto& column : columns)
                 port[column.key] = column.value(row);
             if (row.open_status != SDM_STATUS_SUCCESS)
                 port["error"] = vxcli::status_text(row.open_status);
             ports.push_back(std::move(port));
         }
-        nlohmann::json out{{"count", count}, {"ports", std::move(ports)}};
+        nlohmann::ordered_json out{{"count", count}, {"ports", std::move(ports)}};
         fmt::print("{}\n", out.dump(2));
         return result;
     }
@@ -112,7 +112,7 @@ int run_version(bool json) {
     char text[32] = {};
     const SD_UINT32 number = SDGetVersion(text);
     if (json) {
-        nlohmann::json out{{"vxcli", VXCLI_VERSION},
+        nlohmann::ordered_json out{{"vxcli", VXCLI_VERSION},
                            {"library", text},
                            {"library_version", fmt::format("0x{:08X}", number)}};
         fmt::print("{}\n", out.dump(2));

@@ -9,9 +9,9 @@ namespace vxcli {
 
 namespace {
 
-nlohmann::json instance_of(const PortRow& r) { return r.instance; }
+nlohmann::ordered_json instance_of(const PortRow& r) { return r.instance; }
 
-nlohmann::json handle_of(const PortRow& r) { return r.handle ? nlohmann::json(*r.handle) : nlohmann::json(); }
+nlohmann::ordered_json handle_of(const PortRow& r) { return r.handle ? nlohmann::ordered_json(*r.handle) : nlohmann::ordered_json(); }
 
 }  // namespace
 

@@ -23,7 +23,7 @@ struct Column {
     const char* header;
     const char* key;
     bool right_aligned;
-    nlohmann::json (*value)(const PortRow&);
+    nlohmann::ordered_json (*value)(const PortRow&);
 };
 
 const std::vector<Column>& port_columns();
