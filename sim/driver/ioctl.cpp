@@ -57,7 +57,8 @@ long endpoint_ioctl(const Sim& sim, Desc& d, unsigned long request, void* arg) {
         f["driver"] = d.driver;
     std::string req = hex32(static_cast<uint32_t>(request));
     f["request"] = req;
-    for (auto& [k, v] : describe_record(arg).items())
+    JournalFields record = describe_record(arg);
+    for (auto& [k, v] : record.items())
         f[k] = v;
     long r = -ENOTTY;
     if (std::optional<FaultAction> fault = fault_take("ioctl", req)) {
