@@ -3,15 +3,10 @@
 // states the entry points refuse, clean-up, signals, hosts without System V IPC.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/ipc.h>
-#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +16,7 @@
 #include <functional>
 #include <string>
 
+#include "test_core_load_nosysv.h"
 #include "unit_support.h"
 #include "vsdmgt.h"
 #include "vx_core.h"
@@ -66,32 +62,6 @@ std::string in_child(const std::function<std::string()>& body) {
 }
 
 std::string check(bool ok, const std::string& what) { return ok ? "" : what + "; "; }
-
-// Makes the kernel answer every System V semaphore call with ENOSYS, as a
-// kernel built without System V IPC does. For a child process only.
-bool deny_sysv_semaphores() {
-#if defined(__x86_64__)
-    constexpr uint32_t arch = AUDIT_ARCH_X86_64;
-#elif defined(__aarch64__)
-    constexpr uint32_t arch = AUDIT_ARCH_AARCH64;
-#else
-    return false;
-#endif
-    sock_filter filter[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, arch, 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semget, 4, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semop, 3, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semtimedop, 2, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_semctl, 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-    };
-    sock_fprog prog{static_cast<unsigned short>(sizeof filter / sizeof filter[0]), filter};
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) == 0;
-}
 
 class Load : public testing::Test {
 protected:
