@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,6 +23,7 @@
 #include "vx_core.h"
 #include "vx_event.h"
 #include "vx_sddbg.h"
+#include "vxa_nlnk.h"
 
 namespace {
 
@@ -233,6 +235,46 @@ TEST_F(Load, CleanupForgetsEveryOpenAndCallback) {
     });
     EXPECT_EQ(fcntl(node, F_GETFD), -1);  // the port's node was closed
     EXPECT_EQ(ioctl_port->features & VX_FEAT_IOCTL_NODE, VX_FEAT_IOCTL_NODE);
+}
+
+TEST_F(Load, NetlinkSocketsMarkEveryPortThatCanUseThem) {
+    load_ports(3);
+    auto marked = [](uint32_t bit) {
+        int n = 0;
+        vx_dlist_each<vxapi_priv_database>(api_priv_database, [&](vxapi_priv_database* r) {
+            n += (r->features & bit) != 0;
+            return true;
+        });
+        return n;
+    };
+    // Whether this kernel offers both protocols varies; the marks must follow the sockets.
+    vxapi_open_netlink_socket();
+    EXPECT_EQ(marked(VX_FEAT_NL_VENDOR), vxapi_nl_fd >= 0 ? 3 : 0);
+    EXPECT_EQ(marked(VX_FEAT_NL_SCSI), vxapi_scsi_nl_fd >= 0 ? 3 : 0);
+    EXPECT_EQ(vxapi_nlm_aen_sendbuf != nullptr, vxapi_nl_fd >= 0);
+    EXPECT_EQ(vxapi_scsi_nlm_aen_recvbuf != nullptr, vxapi_scsi_nl_fd >= 0);
+    vxapi_nl_close();
+    vxapi_nl_scsi_fc_close();
+    EXPECT_EQ(vxapi_nl_fd, -1);
+    EXPECT_EQ(vxapi_nlm_aen_recvbuf, nullptr);
+
+    // No descriptors left: both opens fail, free what they made and mark nothing.
+    const std::string failures = in_child([&] {
+        vx_dlist_each<vxapi_priv_database>(api_priv_database, [](vxapi_priv_database* r) {
+            r->features = VX_FEAT_SYSFS;
+            return true;
+        });
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_NOFILE, &none);
+        std::string f;
+        f += check(vxapi_open_netlink_socket() == 1, "open did not fail");
+        f += check(vxapi_nl_fd == -1 && vxapi_scsi_nl_fd == -1, "a socket is set");
+        f += check(marked(VX_FEAT_NL_VENDOR | VX_FEAT_NL_SCSI) == 0, "ports were marked");
+        f += check(!vxapi_nlm_aen_sendbuf && !vxapi_nlm_aen_recvbuf && !vxapi_scsi_nlm_aen_recvbuf,
+                   "buffers were kept");
+        return f;
+    });
+    EXPECT_EQ(failures, "");
 }
 
 TEST_F(Load, TerminationSignalUnloadsThenEndsTheProcess) {
