@@ -1,6 +1,14 @@
 #include "desc.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace vxsim::drv {
+
+Desc::~Desc() {
+    if (peer >= 0)
+        ::syscall(SYS_close, peer);
+}
 
 const char* node_kind_name(NodeKind k) {
     switch (k) {

@@ -28,8 +28,13 @@ const char* node_kind_name(NodeKind k);
 const char* attr_name(AttrKind a);
 
 struct Desc {
+    Desc() = default;
+    Desc(const Desc&) = delete;
+    Desc& operator=(const Desc&) = delete;
+    ~Desc();
+
     NodeKind kind = NodeKind::Ioctl;
-    int fd = -1;          // the real descriptor the caller holds
+    int fd = -1;          // the real descriptor the caller opened (dup'ed numbers share this record)
     dev_t dev = 0;        // identity of `fd`, to notice a number closed and
     ino_t ino = 0;        // reused behind our back (close_range, fclose of an fdopen)
     int open_flags = 0;   // the caller's open flags (access mode checks)

@@ -27,11 +27,12 @@ long endpoint_ioctl(const Sim& sim, Desc& d, unsigned long request, void* arg);
 long endpoint_bsg(const Sim& sim, Desc& d, void* hdr);
 
 // Netlink sockets of protocols 20 and 18 (netlink.cpp). Replies and events
-// for the caller are datagrams written to d.peer; recv reads them from d.fd.
+// for the caller are datagrams written to d.peer; recv reads them from `fd`,
+// the number the caller used (dup'ed numbers share one Desc).
 int endpoint_netlink_bind(const Sim& sim, Desc& d, const sockaddr* addr, socklen_t len);
 int endpoint_netlink_setsockopt(const Sim& sim, Desc& d, int level, int name, const void* value, socklen_t len);
 ssize_t endpoint_netlink_send(const Sim& sim, Desc& d, const msghdr* msg, int flags);
-ssize_t endpoint_netlink_recv(const Sim& sim, Desc& d, msghdr* msg, int flags);
+ssize_t endpoint_netlink_recv(const Sim& sim, Desc& d, int fd, msghdr* msg, int flags);
 
 // Copies between the caller's memory and ours without trusting its pointers:
 // a bad address gives -EFAULT instead of a crash, as the kernel would.

@@ -94,6 +94,10 @@ using openat_fn = int (*)(int, const char*, int, ...);
 using open2_fn = int (*)(const char*, int);
 using openat2_fn = int (*)(int, const char*, int);
 using close_fn = int (*)(int);
+using dup_fn = int (*)(int);
+using dup2_fn = int (*)(int, int);
+using dup3_fn = int (*)(int, int, int);
+using fcntl_fn = int (*)(int, int, ...);
 using read_fn = ssize_t (*)(int, void*, size_t);
 using write_fn = ssize_t (*)(int, const void*, size_t);
 using pread_fn = ssize_t (*)(int, void*, size_t, off_t);
@@ -127,6 +131,11 @@ REAL_DECL(__open64_2, open2_fn)
 REAL_DECL(__openat_2, openat2_fn)
 REAL_DECL(__openat64_2, openat2_fn)
 REAL_DECL(close, close_fn)
+REAL_DECL(dup, dup_fn)
+REAL_DECL(dup2, dup2_fn)
+REAL_DECL(dup3, dup3_fn)
+REAL_DECL(fcntl, fcntl_fn)
+REAL_DECL(fcntl64, fcntl_fn)
 REAL_DECL(read, read_fn)
 REAL_DECL(write, write_fn)
 REAL_DECL(pread, pread_fn)
@@ -193,9 +202,11 @@ public:
         return d;
     }
 
-    void insert(std::shared_ptr<Desc> d) {
+    // Several numbers may stand for one Desc: dup'ed descriptors share the
+    // open file description, and so its position.
+    void insert(int fd, std::shared_ptr<Desc> d) {
         std::lock_guard<std::mutex> lock(mu_);
-        if (map_.insert_or_assign(d->fd, d).second)
+        if (map_.insert_or_assign(fd, std::move(d)).second)
             count_.fetch_add(1, std::memory_order_release);
     }
 
@@ -222,13 +233,24 @@ private:
     std::atomic<int> count_{0};
 };
 
+// Made on the first emulated descriptor, so programs that never touch the
+// driver (and every program outside a simulated host) never pay for it.
+std::atomic<FdTable*> g_table{nullptr};
+std::mutex g_table_mu;
+
+FdTable* table_if_any() { return g_table.load(std::memory_order_acquire); }
+
 FdTable& table() {
+    if (FdTable* t = table_if_any())
+        return *t;
+    std::lock_guard<std::mutex> lock(g_table_mu);
+    if (FdTable* t = table_if_any())
+        return *t;
     // Leaked on purpose: descriptors are closed after static destructors too.
-    static FdTable* t = [] {
-        auto* tab = new FdTable;
-        ::pthread_atfork([] { table().lock(); }, [] { table().unlock(); }, [] { table().unlock(); });
-        return tab;
-    }();
+    auto* t = new FdTable;
+    g_table.store(t, std::memory_order_release);
+    ::pthread_atfork([] { table_if_any()->lock(); }, [] { table_if_any()->unlock(); },
+                     [] { table_if_any()->unlock(); });
     return *t;
 }
 
@@ -243,7 +265,7 @@ int adopt(std::shared_ptr<Desc> d, int fd) {
     d->fd = fd;
     d->dev = st.st_dev;
     d->ino = st.st_ino;
-    table().insert(std::move(d));
+    table().insert(fd, std::move(d));
     return fd;
 }
 
@@ -350,22 +372,36 @@ mode_t open_mode(int flags, va_list ap) {
     return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE ? static_cast<mode_t>(va_arg(ap, int)) : 0;
 }
 
+// After a successful dup of `oldfd` to `newfd`: the new number stands for
+// what the old one does (tools such as dd reopen their output onto a fixed
+// number), and whatever `newfd` stood for before is gone.
+void follow_dup(int oldfd, int newfd) {
+    FdTable* t = t_depth > 0 ? nullptr : table_if_any();
+    if (!t || oldfd == newfd)
+        return;
+    t->take(newfd);
+    if (std::shared_ptr<Desc> d = t->find(oldfd))
+        t->insert(newfd, std::move(d));
+}
+
 // ---- transfers ------------------------------------------------------------
 
 // One emulated descriptor in use: the table entry and the simulated host.
 struct Use {
     std::shared_ptr<Desc> d;
     const Sim* sim = nullptr;
+    int fd = -1;  // the number the caller used
     explicit operator bool() const { return d && sim; }
 };
 
 Use lookup(int fd) {
     if (t_depth > 0)
         return {};
-    std::shared_ptr<Desc> d = table().find(fd);
+    FdTable* t = table_if_any();
+    std::shared_ptr<Desc> d = t ? t->find(fd) : nullptr;
     if (!d)
         return {};
-    return Use{std::move(d), Sim::get()};
+    return Use{std::move(d), Sim::get(), fd};
 }
 
 ssize_t netlink_recv(Use& u, void* buf, size_t n, int flags, sockaddr* from, socklen_t* fromlen) {
@@ -377,7 +413,7 @@ ssize_t netlink_recv(Use& u, void* buf, size_t n, int flags, sockaddr* from, soc
         m.msg_name = from;
         m.msg_namelen = *fromlen;
     }
-    ssize_t r = endpoint_netlink_recv(*u.sim, *u.d, &m, flags);
+    ssize_t r = endpoint_netlink_recv(*u.sim, *u.d, u.fd, &m, flags);
     if (r >= 0 && from && fromlen)
         *fromlen = m.msg_namelen;
     return r;
@@ -583,12 +619,61 @@ VX_EXPORT int __openat64_2(int dirfd, const char* path, int flags) {
 }
 
 VX_EXPORT int close(int fd) {
-    if (std::shared_ptr<Desc> d = t_depth > 0 ? nullptr : table().take(fd)) {
-        if (d->peer >= 0)
-            ::syscall(SYS_close, d->peer);
-    }
+    // The netlink pair's other end goes with the last descriptor (~Desc).
+    if (FdTable* t = t_depth > 0 ? nullptr : table_if_any())
+        t->take(fd);
     close_fn real = real_close();
     return real ? real(fd) : static_cast<int>(::syscall(SYS_close, fd));
+}
+
+VX_EXPORT int dup(int fd) noexcept {
+    dup_fn real = real_dup();
+    int r = real ? real(fd) : static_cast<int>(::syscall(SYS_dup, fd));
+    if (r >= 0)
+        follow_dup(fd, r);
+    return r;
+}
+
+VX_EXPORT int dup2(int oldfd, int newfd) noexcept {
+    dup2_fn real = real_dup2();
+    int r = real ? real(oldfd, newfd) : static_cast<int>(::syscall(SYS_dup3, oldfd, newfd, 0));
+    if (r >= 0)
+        follow_dup(oldfd, newfd);
+    return r;
+}
+
+VX_EXPORT int dup3(int oldfd, int newfd, int flags) noexcept {
+    dup3_fn real = real_dup3();
+    int r = real ? real(oldfd, newfd, flags) : static_cast<int>(::syscall(SYS_dup3, oldfd, newfd, flags));
+    if (r >= 0)
+        follow_dup(oldfd, newfd);
+    return r;
+}
+
+// Every fcntl argument is an int or a pointer; passing it on as a pointer is
+// what the C library itself does.
+VX_EXPORT int fcntl(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    fcntl_fn real = real_fcntl();
+    int r = real ? real(fd, cmd, arg) : static_cast<int>(::syscall(SYS_fcntl, fd, cmd, arg));
+    if (r >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC))
+        follow_dup(fd, r);
+    return r;
+}
+
+VX_EXPORT int fcntl64(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    fcntl_fn real = real_fcntl64();
+    int r = real ? real(fd, cmd, arg) : static_cast<int>(::syscall(SYS_fcntl, fd, cmd, arg));
+    if (r >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC))
+        follow_dup(fd, r);
+    return r;
 }
 
 VX_EXPORT ssize_t read(int fd, void* buf, size_t n) {
@@ -711,10 +796,7 @@ VX_EXPORT int socket(int domain, int type, int protocol) noexcept {
             d->protocol = protocol;
             d->peer = sv[1];
             d->open_flags = O_RDWR;
-            int r = adopt(std::move(d), sv[0]);
-            if (r < 0)
-                ::syscall(SYS_close, sv[1]);
-            return r;
+            return adopt(std::move(d), sv[0]);  // a failure closes both ends
         })));
     }
     socket_fn real = real_socket();
@@ -753,7 +835,8 @@ VX_EXPORT ssize_t sendmsg(int fd, const msghdr* msg, int flags) {
 VX_EXPORT ssize_t recvmsg(int fd, msghdr* msg, int flags) {
     if (Use u = lookup(fd))
         return to_libc(guarded([&]() -> long {
-            return u.d->kind == NodeKind::Netlink ? endpoint_netlink_recv(*u.sim, *u.d, msg, flags) : -ENOTSOCK;
+            return u.d->kind == NodeKind::Netlink ? endpoint_netlink_recv(*u.sim, *u.d, u.fd, msg, flags)
+                                                  : -ENOTSOCK;
         }));
     recvmsg_fn real = real_recvmsg();
     return real ? real(fd, msg, flags) : ::syscall(SYS_recvmsg, fd, msg, flags);

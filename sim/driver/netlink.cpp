@@ -80,7 +80,7 @@ ssize_t endpoint_netlink_send(const Sim&, Desc& d, const msghdr* msg, int) {
     return r;
 }
 
-ssize_t endpoint_netlink_recv(const Sim&, Desc& d, msghdr* msg, int flags) {
+ssize_t endpoint_netlink_recv(const Sim&, Desc& d, int fd, msghdr* msg, int flags) {
     msghdr m{};
     if (copy_from_user(&m, msg, sizeof m) < 0)
         return -EFAULT;
@@ -89,7 +89,7 @@ ssize_t endpoint_netlink_recv(const Sim&, Desc& d, msghdr* msg, int flags) {
     m.msg_name = nullptr;
     m.msg_namelen = 0;
     // Nothing is queued by the emulation yet: never block on an empty pair.
-    long r = ::syscall(SYS_recvmsg, d.fd, &m, flags | MSG_DONTWAIT);
+    long r = ::syscall(SYS_recvmsg, fd, &m, flags | MSG_DONTWAIT);
     if (r < 0)
         return -errno;
     // Everything comes from the kernel's side: port id 0.

@@ -167,6 +167,35 @@ SIM_TEST(SimDriver, EachDescriptorKeepsItsOwnPosition, "single.json") {
     ASSERT_EQ(ctl(dir, "0"), 0);
 }
 
+SIM_TEST(SimDriver, DuplicatedDescriptorsShareTheDriverAndThePosition, "single.json") {
+    const Adapter& a = scenario().adapters.at(0);
+    std::string dir = host_dir(a);
+    std::vector<uint8_t> flash = flash_image(a.id);
+
+    // As dd reopens its output: open, move onto a fixed number, close the original.
+    int c = ::open((dir + "/optrom_ctl").c_str(), O_WRONLY);
+    ASSERT_GE(c, 0);
+    ASSERT_EQ(::dup2(c, 60), 60);
+    ::close(c);
+    EXPECT_EQ(::write(60, "1:0:100", 8), 8);
+    ::close(60);
+
+    int f = ::open((dir + "/optrom").c_str(), O_RDONLY);
+    ASSERT_GE(f, 0);
+    int g = ::fcntl(f, F_DUPFD_CLOEXEC, 70);
+    ASSERT_GE(g, 70);
+    uint8_t b[0x10];
+    ASSERT_EQ(::read(f, b, sizeof b), 0x10);
+    ASSERT_EQ(::read(g, b, sizeof b), 0x10);  // one open file description: one position
+    EXPECT_EQ(std::vector<uint8_t>(b, b + 0x10), slice(flash, 0x10, 0x10));
+    ::close(f);
+    ASSERT_EQ(::read(g, b, sizeof b), 0x10);  // still the driver's after the original is closed
+    EXPECT_EQ(std::vector<uint8_t>(b, b + 0x10), slice(flash, 0x20, 0x10));
+    ::close(g);
+    EXPECT_EQ(ctl(dir, "0"), 0);
+    EXPECT_EQ(commands(), (std::vector<std::string>{"1:0:100", "0"}));
+}
+
 SIM_TEST(SimDriver, WritesApplyOnlyOnCommit, "single.json") {
     const Adapter& a = scenario().adapters.at(0);
     std::string dir = host_dir(a);
