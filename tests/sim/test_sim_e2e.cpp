@@ -694,7 +694,10 @@ TEST(SimRunnerOutside, CommandEnvironmentCarriesTheEmulation) {
         std::vector<std::string> absent;
     };
     const Case cases[] = {
-        {{}, {}, {"VXSIM_SLEEP_SCALE=0.01", "ASAN_OPTIONS=verify_asan_link_order=0"}, {"VXSIM_EUID="}},
+        {{"ASAN_OPTIONS=", "LD_PRELOAD=", "VXSIM_SLEEP_SCALE="},
+         {},
+         {"VXSIM_SLEEP_SCALE=0.01", "ASAN_OPTIONS=verify_asan_link_order=0"},
+         {"VXSIM_EUID="}},
         {{"ASAN_OPTIONS=detect_leaks=1"}, {"--real-sleep", "--euid", "42"},
          {"ASAN_OPTIONS=detect_leaks=1:verify_asan_link_order=0", "VXSIM_EUID=42"}, {"VXSIM_SLEEP_SCALE="}},
         {{asan, "LD_PRELOAD=" + other}, {}, {"LD_PRELOAD=" + other + ":"}, {}},
