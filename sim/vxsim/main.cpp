@@ -158,6 +158,8 @@ int run(const RunArgs& a) {
         if (!::mkdtemp(buf.data()))
             return complain(fs::errno_text("mkdtemp", tmpl));
         root = buf.data();
+    } else if (!fs::make_dirs(root, error)) {
+        return complain(error);
     }
     auto cleanup = [&] {
         if (temporary && !a.keep && !fs::remove_tree(root, error))

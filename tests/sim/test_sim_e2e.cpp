@@ -278,6 +278,7 @@ SIM_TEST(SimTree, EveryLinkIsRelativeAndResolvesInsideSys, "default.json") {
 // them: hosts under their PCI function (NPIV hosts under their vport),
 // remote ports under their host, LUNs under their target.
 SIM_TEST(SimTree, ClassLinksLeadIntoTheOwningDevice, "default.json") {
+    std::set<std::string> luns;
     for (const HostRef& h : hosts_of(scenario())) {
         const std::string n = "host" + std::to_string(h.port->host_no);
         std::string host_dir = fs::real_path("/sys/bus/pci/devices/" + h.function->pci_address);
@@ -298,11 +299,16 @@ SIM_TEST(SimTree, ClassLinksLeadIntoTheOwningDevice, "default.json") {
                 std::string hct = std::to_string(h.port->host_no) + ":" + std::to_string(r.channel) + ":" +
                                   std::to_string(r.scsi_target_id);
                 std::string name = hct + ":" + std::to_string(l.lun);
+                luns.insert(name);
                 EXPECT_EQ(fs::real_path("/sys/class/scsi_device/" + name),
                           rdir + "/target" + hct + "/" + name + "/scsi_device/" + name);
+                // INQUIRY texts, blank-padded to their field widths.
+                EXPECT_EQ(read_text("/sys/class/scsi_device/" + name + "/device/vendor"),
+                          (l.vendor + "        ").substr(0, 8) + "\n");
             }
         }
     }
+    EXPECT_EQ(list_dir("/sys/class/scsi_device"), luns);
     // Functions are bound to their driver through bus/pci and back.
     for (const Adapter& a : scenario().adapters)
         for (const PciFunction& f : a.functions)
@@ -346,25 +352,6 @@ SIM_TEST(SimTree, AttributesReadAsTheLibraryParsesThem, "default.json") {
         for (const auto& [counter, value] : p.stats.values)
             EXPECT_EQ(hex(sys_text(fh + "statistics/" + counter)), value) << counter;
     }
-}
-
-SIM_TEST(SimTree, ScsiDevicesAreTheScenariosLuns, "default.json") {
-    std::set<std::string> expected;
-    for (const HostRef& h : hosts_of(scenario()))
-        for (const RemotePort& r : h.port->remote_ports)
-            for (const Lun& l : r.luns) {
-                std::string name = std::to_string(h.port->host_no) + ":" + std::to_string(r.channel) + ":" +
-                                   std::to_string(r.scsi_target_id) + ":" + std::to_string(l.lun);
-                expected.insert(name);
-                // INQUIRY texts, blank-padded to their field widths.
-                std::string vendor = read_text("/sys/class/scsi_device/" + name + "/device/vendor");
-                EXPECT_EQ(vendor.size(), 9u) << name;
-                EXPECT_TRUE(vendor.starts_with(l.vendor)) << name;
-                EXPECT_EQ(read_text("/sys/class/scsi_device/" + name + "/device/model").size(), 17u) << name;
-            }
-    EXPECT_EQ(list_dir("/sys/class/scsi_device"), expected);
-    EXPECT_TRUE(std::any_of(expected.begin(), expected.end(),
-                            [](const std::string& n) { return std::stoul(n.substr(n.rfind(':') + 1)) >= 256; }));
 }
 
 // Every bsg entry has a device number in the simulator's reserved majors,
@@ -831,6 +818,9 @@ TEST(SimRunnerOutside, BuiltRootIsReusedAndKept) {
     EXPECT_TRUE(fs::exists(r + "/etc/vxsim-e2e"));
     EXPECT_FALSE(fs::exists("/etc/vxsim-e2e"));
     EXPECT_NE(run_vxsim({"fault", "--root", r, "list"}).text.find("nvram"), std::string::npos);
+    // A root named for run alone is built there and kept too.
+    EXPECT_EQ(run_vxsim({"run", "--root", dir + "/fresh", "--scenario", "single", "--", "true"}).status, 0);
+    EXPECT_TRUE(fs::exists(dir + "/fresh/sys/class/fc_host/host1"));
 
     std::string error;
     EXPECT_TRUE(fs::remove_tree(dir, error)) << error;
