@@ -585,7 +585,8 @@ bool check_scenario(const Scenario& s, std::string& error) {
         for (const PciFunction& f : a.functions) {
             PciAddress p;
             if (!parse_pci(f.pci_address, p)) {
-                error = "adapter " + a.id + ": PCI address \"" + f.pci_address + "\" is not of the form 0000:03:00.0";
+                error = "adapter " + a.id + ": PCI address \"" + f.pci_address +
+                        "\" is not written as the kernel does (dddd:bb:ss.f, lower-case hexadecimal)";
                 return false;
             }
             if (!addresses.insert(f.pci_address).second) {

@@ -81,6 +81,8 @@ bool run_outside(const char* scenario) {
         }
     } else {
         file = spec.starts_with("/") ? spec : scenario_dir() + "/" + spec;
+        if (!file.ends_with(".json"))
+            file += ".json";
     }
 
     std::string self = fs::real_path("/proc/self/exe");
