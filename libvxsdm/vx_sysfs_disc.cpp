@@ -221,6 +221,25 @@ host_result make_instance(sysfs_driver* driver, sysfs_device* device, uint32_t h
     return make_adapter(driver, device, inst, pci);
 }
 
+// One line per accepted port, with what discovery decided about it.
+void trace_instance(const vxapi_priv_database* inst, uint32_t instance) {
+    if (!inst || !vxdbg_on(TRC))
+        return;
+    vxdbg_print("vxsysfs_get_driver_devices: >> added host_no=", inst->host_no, VXDBG_DEC, 0);
+    vxdbg_print(" instance=", instance, VXDBG_DEC, 0);
+    vxdbg_print(" interface_type=", inst->interface_type, VXDBG_DEC, 0);
+    vxdbg_print(" features=", inst->features, VXDBG_HEX, 0);
+    vxdbg_print(" topology=", inst->topology, VXDBG_DEC, 0);
+    vxdbg_print(" vp_idx=", inst->vp_idx, VXDBG_DEC, 1);
+    if (inst->interface_type == VX_IFTYPE_PHYSICAL && inst->phy_info) {
+        char serial[sizeof inst->phy_info->serial_num + 1] = {};
+        memcpy(serial, inst->phy_info->serial_num, sizeof inst->phy_info->serial_num);
+        vxdbg_print("vxsysfs_get_driver_devices: >> adapter device_id=", inst->phy_info->device_id, VXDBG_HEX, 0);
+        vxdbg_print(" serial_num=", 0, VXDBG_NONE, 0);
+        vxdbg_print(serial, 0, VXDBG_NONE, 1);
+    }
+}
+
 // All instances of one PCI function. 1 when memory ran out.
 int discover_device(sysfs_driver* driver, sysfs_device* device, uint32_t* api_inst, uint32_t* drv_inst) {
     vxsysfs_collect_hostno_list_from_devices_path(device);
@@ -234,10 +253,7 @@ int discover_device(sysfs_driver* driver, sysfs_device* device, uint32_t* api_in
             ++*api_inst;
             ++*drv_inst;
             ++k;
-            if (vxdbg_on(TRC)) {
-                vxdbg_print("vxsysfs_get_driver_devices: >> added host_no=", host_no, VXDBG_DEC, 0);
-                vxdbg_print(" instance=", *api_inst - 1, VXDBG_DEC, 1);
-            }
+            trace_instance(current_priv_inst, *api_inst - 1);
         } else if (outcome == host_result::stop_device) {
             break;
         } else if (outcome == host_result::out_of_memory) {
