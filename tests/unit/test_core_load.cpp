@@ -1,6 +1,6 @@
-// Library load and unload and the SD entry points around them: the root
-// check, a host without adapters, open and close counting, the database
-// states the entry points refuse, clean-up, signals, hosts without System V IPC.
+// Library load and unload and the SD entry points around them: a host
+// without adapters, the database states the entry points refuse, clean-up,
+// the netlink sockets, signals. Loads of simulated hosts are tested end to end.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -17,7 +17,6 @@
 #include <functional>
 #include <string>
 
-#include "test_core_load_nosysv.h"
 #include "unit_support.h"
 #include "vsdmgt.h"
 #include "vx_core.h"
@@ -33,37 +32,6 @@ void remove_sem(int key) {
     if (int id = semget(key, 1, 0); id != -1)
         semctl(id, 0, IPC_RMID);
 }
-
-// Runs `body` in a child process; the child reports failures as text.
-// Returns "" when the child reported none and exited normally.
-std::string in_child(const std::function<std::string()>& body) {
-    int out[2];
-    if (pipe(out) != 0)
-        return "pipe failed";
-    const pid_t child = fork();
-    if (child < 0)
-        return "fork failed";
-    if (child == 0) {
-        close(out[0]);
-        const std::string failures = body();
-        (void)!write(out[1], failures.data(), failures.size());
-        _exit(0);
-    }
-    close(out[1]);
-    std::string text;
-    char buf[512];
-    ssize_t n;
-    while ((n = read(out[0], buf, sizeof buf)) > 0)
-        text.append(buf, static_cast<size_t>(n));
-    close(out[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        text += " (child ended abnormally, status " + std::to_string(status) + ")";
-    return text;
-}
-
-std::string check(bool ok, const std::string& what) { return ok ? "" : what + "; "; }
 
 class Load : public testing::Test {
 protected:
@@ -122,31 +90,6 @@ protected:
     char saved_name_[VX_DB_FNAME_LEN] = {};
 };
 
-TEST_F(Load, NotRootEveryEntryFailsAndNothingIsMade) {
-    const int log_fd = open(log_.c_str(), O_CREAT | O_WRONLY, 0666);
-    ASSERT_GE(log_fd, 0);
-    close(log_fd);
-    ASSERT_EQ(chmod(log_.c_str(), 0666), 0);
-    const std::string failures = in_child([&] {
-        if (seteuid(65534) != 0)
-            return std::string("seteuid failed");
-        std::string f;
-        f += check(vxapi_load_lib() == 1, "load did not fail");
-        f += check(SDGetNumberOfAdapters() == 0, "count is not 0");
-        SD_UINT32 handle = 0xABCD;
-        f += check(SDOpenDevice(0, &handle) == SDM_STATUS_UNKNOWN_ERROR, "open did not give 0x20000075");
-        f += check(handle == 0xABCD, "handle was written");
-        f += check(api_priv_database == nullptr, "a port list exists");
-        for (int key : {VX_SEM_KEY_THREAD, VX_SEM_KEY_FLASH, VX_SEM_KEY_DBUPDATE})
-            f += check(!sem_exists(key), "semaphore " + std::to_string(key) + " was made");
-        f += check(!db_exists(), "the shared file was made");
-        return f;
-    });
-    EXPECT_EQ(failures, "");
-    EXPECT_NE(read_file(log_).find("libvxsdm: ERROR - libvxsdm must be loaded with root privileges.\n"),
-              std::string::npos);
-}
-
 TEST_F(Load, HostWithoutAdaptersKeepsNothingAndRetriesNextTime) {
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE(round);
@@ -161,45 +104,12 @@ TEST_F(Load, HostWithoutAdaptersKeepsNothingAndRetriesNextTime) {
     }
 }
 
-TEST_F(Load, OpenAndCloseCountPerPortAndTheLastCloseUnloads) {
-    load_ports(2);
-    SD_UINT32 h0 = 0, again = 0, h1 = 0, none = 0;
-    ASSERT_EQ(SDOpenDevice(0, &h0), 0u);
-    ASSERT_EQ(SDOpenDevice(0, &again), 0u);
-    ASSERT_EQ(SDOpenDevice(1, &h1), 0u);
-    EXPECT_EQ(h0, 1u);
-    EXPECT_EQ(again, h0);
-    EXPECT_EQ(h1, 2u);
-    EXPECT_EQ(SDOpenDevice(2, &none), SDM_STATUS_DEVICE_NOT_FOUND);  // past the end
-    EXPECT_EQ(SDOpenDevice(0xFFFFFFFF, &none), SDM_STATUS_DEVICE_NOT_FOUND);
-    EXPECT_EQ(SDOpenDevice(0, nullptr), SDM_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(SDGetNumberOfAdapters(), 2u);
-
-    for (SD_UINT32 bad : {0u, 3u, 0xFFFFFFFFu})
-        EXPECT_EQ(SDCloseDevice(bad), SDM_STATUS_INVALID_HANDLE) << bad;
-
-    EXPECT_EQ(SDCloseDevice(h0), 0u);  // one of two opens
-    EXPECT_EQ(SDCloseDevice(h0), 0u);
-    EXPECT_EQ(SDCloseDevice(h0), SDM_STATUS_INVALID_HANDLE);  // closed handle
-    ASSERT_NE(api_priv_database, nullptr);                     // port 1 is still open
-    EXPECT_TRUE(db_exists());
-
-    EXPECT_EQ(SDCloseDevice(h1), 0u);
-    EXPECT_EQ(api_priv_database, nullptr);
-    EXPECT_EQ(api_shared_data, nullptr);
-    EXPECT_EQ(api_shm_fildes, -1);
-    EXPECT_EQ(vxapi_ev_thread_id, pthread_t{});
-    EXPECT_FALSE(db_exists());
-    EXPECT_FALSE(sem_exists(VX_SEM_KEY_DBUPDATE));
-    // Nothing is open any more: a stale handle closes nothing and succeeds.
-    EXPECT_EQ(SDCloseDevice(h1), 0u);
-}
-
 TEST_F(Load, EntryPointsRefuseAMissingDatabase) {
     load_ports(2);
     int fd = api_shm_fildes;
     ASSERT_EQ(vxapi_close_database(fd), 0);
     SD_UINT32 handle = 0;
+    EXPECT_EQ(SDOpenDevice(0, nullptr), SDM_STATUS_INVALID_PARAMETER);
     // In use but not set up.
     EXPECT_EQ(SDOpenDevice(0, &handle), SDM_STATUS_OUT_OF_MEMORY);
     EXPECT_EQ(SDGetNumberOfAdapters(), 0u);
@@ -237,7 +147,7 @@ TEST_F(Load, CleanupForgetsEveryOpenAndCallback) {
     EXPECT_EQ(ioctl_port->features & VX_FEAT_IOCTL_NODE, VX_FEAT_IOCTL_NODE);
 }
 
-TEST_F(Load, NetlinkSocketsMarkEveryPortThatCanUseThem) {
+TEST_F(Load, NetlinkSocketsMarkEveryPortTheyServe) {
     load_ports(3);
     auto marked = [](uint32_t bit) {
         int n = 0;
@@ -247,34 +157,27 @@ TEST_F(Load, NetlinkSocketsMarkEveryPortThatCanUseThem) {
         });
         return n;
     };
-    // Whether this kernel offers both protocols varies; the marks must follow the sockets.
+    // Without free descriptors both opens fail: nothing is marked or kept.
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    const rlimit none{0, saved.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const int failed = vxapi_open_netlink_socket();
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(failed, 1);
+    EXPECT_EQ(vxapi_nl_fd, -1);
+    EXPECT_EQ(vxapi_scsi_nl_fd, -1);
+    EXPECT_EQ(marked(VX_FEAT_NL_VENDOR | VX_FEAT_NL_SCSI), 0);
+    EXPECT_TRUE(!vxapi_nlm_aen_sendbuf && !vxapi_nlm_aen_recvbuf && !vxapi_scsi_nlm_aen_recvbuf);
+
+    // Whether this kernel offers both protocols varies; the marks follow the sockets.
     vxapi_open_netlink_socket();
     EXPECT_EQ(marked(VX_FEAT_NL_VENDOR), vxapi_nl_fd >= 0 ? 3 : 0);
     EXPECT_EQ(marked(VX_FEAT_NL_SCSI), vxapi_scsi_nl_fd >= 0 ? 3 : 0);
-    EXPECT_EQ(vxapi_nlm_aen_sendbuf != nullptr, vxapi_nl_fd >= 0);
-    EXPECT_EQ(vxapi_scsi_nlm_aen_recvbuf != nullptr, vxapi_scsi_nl_fd >= 0);
     vxapi_nl_close();
     vxapi_nl_scsi_fc_close();
     EXPECT_EQ(vxapi_nl_fd, -1);
     EXPECT_EQ(vxapi_nlm_aen_recvbuf, nullptr);
-
-    // No descriptors left: both opens fail, free what they made and mark nothing.
-    const std::string failures = in_child([&] {
-        vx_dlist_each<vxapi_priv_database>(api_priv_database, [](vxapi_priv_database* r) {
-            r->features = VX_FEAT_SYSFS;
-            return true;
-        });
-        const rlimit none{0, 0};
-        setrlimit(RLIMIT_NOFILE, &none);
-        std::string f;
-        f += check(vxapi_open_netlink_socket() == 1, "open did not fail");
-        f += check(vxapi_nl_fd == -1 && vxapi_scsi_nl_fd == -1, "a socket is set");
-        f += check(marked(VX_FEAT_NL_VENDOR | VX_FEAT_NL_SCSI) == 0, "ports were marked");
-        f += check(!vxapi_nlm_aen_sendbuf && !vxapi_nlm_aen_recvbuf && !vxapi_scsi_nlm_aen_recvbuf,
-                   "buffers were kept");
-        return f;
-    });
-    EXPECT_EQ(failures, "");
 }
 
 TEST_F(Load, TerminationSignalUnloadsThenEndsTheProcess) {
@@ -300,28 +203,6 @@ TEST_F(Load, TerminationSignalUnloadsThenEndsTheProcess) {
         EXPECT_FALSE(db_exists());  // the unload closed the last instance
         EXPECT_FALSE(sem_exists(VX_SEM_KEY_DBUPDATE));
     }
-}
-
-TEST_F(Load, HostWithoutSystemVIpcRunsWithoutTheDatabase) {
-    const std::string failures = in_child([&] {
-        if (!deny_sysv_semaphores())
-            return std::string("SKIP");
-        std::string f;
-        int fd = -1;
-        errno = 0;
-        f += check(vxapi_open_database(&fd) != 0 && errno == ENOSYS, "database open did not fail with ENOSYS");
-        f += check(!db_exists(), "the shared file was made");
-        // Missing semaphores do not fail the load itself.
-        f += check(vxapi_load_lib() == 0, "load failed");
-        f += check(api_thread_sem_id == -1, "thread semaphore id set");
-        return f;
-    });
-    if (failures == "SKIP")
-        GTEST_SKIP() << "seccomp filters are not available here";
-    EXPECT_EQ(failures, "");
-    EXPECT_NE(read_file(log_).find("libvxsdm: WARNING - semget function not supported.\n Failed creation of thread "
-                                   "semaphore. errno=38\n"),
-              std::string::npos);
 }
 
 }  // namespace
