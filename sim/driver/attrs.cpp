@@ -13,6 +13,8 @@ namespace vxsim::drv {
 
 namespace {
 
+constexpr size_t STORE_MAX = 4096;
+
 OptromDevice optrom_device(const Sim& sim, const Adapter& a) {
     return OptromDevice(sim.optrom_state_dir(), a.id, root::flash(sim.root(), a.id), a.partial_flash);
 }
@@ -54,8 +56,7 @@ std::optional<ssize_t> fault_effect(const std::optional<FaultAction>& fault, siz
     return std::nullopt;
 }
 
-ssize_t transfer(const Sim& sim, Desc& d, void* rbuf, const void* wbuf, size_t n, uint64_t pos) {
-    bool writing = wbuf != nullptr;
+ssize_t transfer(const Sim& sim, Desc& d, bool writing, void* rbuf, const void* wbuf, size_t n, uint64_t pos) {
     std::optional<HostRef> h = sim.host(d.host);
     if (!h)
         return -ENODEV;
@@ -86,6 +87,10 @@ ssize_t control(const Sim& sim, Desc& d, const void* buf, size_t n) {
     std::optional<HostRef> h = sim.host(d.host);
     if (!h)
         return -ENODEV;
+    if (n == 0)
+        return 0;  // the store is never called for an empty write
+    // One store takes at most a page, as sysfs hands it over.
+    n = n < STORE_MAX ? n : STORE_MAX;
     std::string raw(n, '\0');
     if (int e = copy_from_user(raw.data(), buf, n); e < 0)
         return e;
@@ -139,7 +144,7 @@ ssize_t endpoint_attr_read(const Sim& sim, Desc& d, void* buf, size_t n, uint64_
         return -EIO;
     if ((d.open_flags & O_ACCMODE) == O_WRONLY)
         return -EBADF;
-    return transfer(sim, d, buf, nullptr, n, pos);
+    return transfer(sim, d, false, buf, nullptr, n, pos);
 }
 
 ssize_t endpoint_attr_write(const Sim& sim, Desc& d, const void* buf, size_t n, uint64_t pos) {
@@ -149,7 +154,7 @@ ssize_t endpoint_attr_write(const Sim& sim, Desc& d, const void* buf, size_t n, 
         return -EBADF;
     if (d.attr == AttrKind::OptromCtl)
         return control(sim, d, buf, n);
-    return transfer(sim, d, nullptr, buf, n, pos);
+    return transfer(sim, d, true, nullptr, buf, n, pos);
 }
 
 }  // namespace vxsim::drv

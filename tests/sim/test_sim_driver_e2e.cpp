@@ -211,13 +211,6 @@ SIM_TEST(SimDriver, WritesApplyOnlyOnCommit, "single.json") {
     std::copy(data.begin(), data.end(), want.begin() + 0x20000);
     EXPECT_EQ(flash_image(a.id), want);
     ASSERT_EQ(ctl(dir, "0"), 0);
-
-    // Closing throws a prepared write away.
-    ASSERT_EQ(ctl(dir, "2:0:100"), 0);
-    write_attr(dir + "/optrom", pattern(0x100, 99));
-    ASSERT_EQ(ctl(dir, "0"), 0);
-    EXPECT_EQ(ctl(dir, "3"), EINVAL);
-    EXPECT_EQ(flash_image(a.id), want);
 }
 
 SIM_TEST(SimDriver, ProbeAndPartialCommandsFollowTheAdapter, TWO_ADAPTERS) {

@@ -13,7 +13,6 @@
 #include "classify.h"
 #include "faults.h"
 #include "journal.h"
-#include "root.h"
 #include "sim.h"
 #include "sleep.h"
 #include "test_sim_driver_support.h"
@@ -190,15 +189,6 @@ TEST(JournalLine, BadBytesInCommandTextDoNotBreakTheLine) {
     EXPECT_TRUE(nlohmann::json::accept(line));
 }
 
-TEST(JournalResult, SuccessGivesResultFailureGivesErrnoName) {
-    JournalFields ok = JournalFields::object(), bad = JournalFields::object();
-    journal_result(ok, 4096);
-    journal_result(bad, -EBUSY);
-    EXPECT_EQ(ok.dump(), R"({"result":4096})");
-    EXPECT_EQ(bad.dump(), R"({"errno":"EBUSY"})");
-    EXPECT_EQ(hex32(0xC0747900), "0xc0747900");
-}
-
 class Journal : public vxsim_test::TempDir {};
 
 TEST_F(Journal, ProcessesAppendWholeLinesWithDistinctAscendingSeq) {
@@ -287,14 +277,6 @@ TEST(SleepScale, InterruptedSleepsReportTheUnsleptRequestedTime) {
     EXPECT_EQ(rem.tv_nsec, 0);
 }
 
-TEST(SleepScale, OnlyLongSleepsAreJournaled) {
-    EXPECT_FALSE(sleep_is_journaled({1, 0}));  // the event thread's tick
-    EXPECT_FALSE(sleep_is_journaled({1, 999999999}));
-    EXPECT_TRUE(sleep_is_journaled({2, 0}));
-    EXPECT_TRUE(sleep_is_journaled({20, 0}));  // the busy back-off
-    EXPECT_DOUBLE_EQ(to_seconds({2, 500000000}), 2.5);
-}
-
 // ---- which opens are the driver's --------------------------------------------
 
 TEST(Classify, AttributePathsNeedAHostDirectoryUnderSysfs) {
@@ -336,14 +318,6 @@ TEST(Classify, OlderGenerationNodesByPath) {
     EXPECT_FALSE(legacy_node_driver("/proc/scsi/vxfcdrb/HbaApiNode2"));
     EXPECT_FALSE(legacy_node_driver("/proc/scsi//HbaApiNode"));
     EXPECT_FALSE(legacy_node_driver("/proc/scsi/HbaApiNode"));
-}
-
-TEST(Classify, ReservedMajors) {
-    namespace r = vxsim::root;
-    for (unsigned m : {r::MAJOR_IOCTL, r::MAJOR_CONTROL, r::MAJOR_BSG_FIRST, r::MAJOR_BSG_LAST})
-        EXPECT_TRUE(is_reserved_major(m)) << m;
-    for (unsigned m : {0u, 1u, 21u, r::MAJOR_CONTROL + 1, r::MAJOR_BSG_FIRST - 1, r::MAJOR_BSG_LAST + 1})
-        EXPECT_FALSE(is_reserved_major(m)) << m;
 }
 
 // ---- devices map and hosts ---------------------------------------------------

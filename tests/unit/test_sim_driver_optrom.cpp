@@ -247,17 +247,6 @@ TEST_F(Optrom, TwoDevicesOverOneStateDirectoryShareTheMachine) {
     EXPECT_TRUE(std::equal(data.begin(), data.end(), read_bytes(path("flash.bin")).begin()));
 }
 
-TEST_F(Optrom, CommitWritesTheSameBufferAgainUntilClosed) {
-    OptromDevice d = device();
-    ASSERT_EQ(d.control("2:0:10"), 0);
-    std::vector<uint8_t> data(0x10, 0x5A);
-    write_all(d, data);
-    ASSERT_EQ(d.control("3"), 0);
-    write_bytes(path("flash.bin"), flash_);  // someone else rewrote the flash
-    ASSERT_EQ(d.control("3"), 0);
-    EXPECT_TRUE(std::equal(data.begin(), data.end(), read_bytes(path("flash.bin")).begin()));
-}
-
 TEST_F(Optrom, BrokenStateFilesFailWithEio) {
     OptromDevice d = device();
     ASSERT_EQ(d.control("0"), 0);
