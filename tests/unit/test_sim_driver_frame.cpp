@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "classify.h"
+#include "endpoints.h"
 #include "faults.h"
 #include "journal.h"
 #include "sim.h"
@@ -318,6 +319,23 @@ TEST(Classify, OlderGenerationNodesByPath) {
     EXPECT_FALSE(legacy_node_driver("/proc/scsi/vxfcdrb/HbaApiNode2"));
     EXPECT_FALSE(legacy_node_driver("/proc/scsi//HbaApiNode"));
     EXPECT_FALSE(legacy_node_driver("/proc/scsi/HbaApiNode"));
+}
+
+// ---- the caller's memory ----------------------------------------------------
+
+TEST(UserMemory, CopiesGoodAddressesAndRefusesBadOnes) {
+    const char src[8] = "VARNEX";
+    char dst[8] = {};
+    ASSERT_EQ(copy_from_user(dst, src, sizeof src), 0);
+    EXPECT_STREQ(dst, "VARNEX");
+    char out[4] = {};
+    ASSERT_EQ(copy_to_user(out, "abc", 4), 0);
+    EXPECT_STREQ(out, "abc");
+    // A bad pointer from the caller fails the request; it never crashes the process.
+    const void* bad = reinterpret_cast<const void*>(uintptr_t{16});
+    EXPECT_EQ(copy_from_user(dst, bad, 4), -EFAULT);
+    EXPECT_EQ(copy_to_user(const_cast<void*>(bad), src, 4), -EFAULT);
+    EXPECT_EQ(copy_from_user(dst, src, 0), 0);
 }
 
 // ---- devices map and hosts ---------------------------------------------------
