@@ -10,7 +10,7 @@
 
 #include "vx_core.h"
 
-uint32_t vx_debug = VXDBG_DEFAULT;
+std::atomic<uint32_t> vx_debug{VXDBG_DEFAULT};
 char vxdbglog_path[512];
 FILE* vxdbg_fp;
 
@@ -183,12 +183,12 @@ uint64_t read_unit(const uint8_t* buffer, uint8_t wd_size, uint64_t index) {
 }  // namespace
 
 void vxapi_set_debug_level() {
-    vx_debug = VXDBG_DEFAULT;
+    // Composed locally and stored once, so other threads never see a half-set mask.
+    uint32_t mask = VXDBG_DEFAULT;
     const char* env = getenv("VX_FCAPI_DEBUG");
-    if (!env)
-        return;
-    const long value = strtol(env, nullptr, 16);
-    vx_debug |= static_cast<uint32_t>(value);
+    const long value = env ? strtol(env, nullptr, 16) : 0;
+    mask |= static_cast<uint32_t>(value);
+    vx_debug = mask;
     if (value != 0 && api_dbg_sem_id == -1)
         api_dbg_sem_id = vxapi_sem_get(VX_SEM_KEY_DEBUG);
 }

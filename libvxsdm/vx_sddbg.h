@@ -2,6 +2,7 @@
 // echo to standard error, all gated by the mask read from VX_FCAPI_DEBUG.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 
@@ -25,7 +26,8 @@ inline constexpr uint8_t VXDBG_HEX = 16;
 
 inline constexpr const char* VXDBG_DEFAULT_LOG = "/usr/lib/libvxsdm.log";
 
-extern uint32_t vx_debug;
+// Read by every thread (the event thread traces too), set at each entry point.
+extern std::atomic<uint32_t> vx_debug;
 extern char vxdbglog_path[512];
 extern FILE* vxdbg_fp;
 

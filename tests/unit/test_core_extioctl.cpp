@@ -53,12 +53,12 @@ TEST_F(ExtIoctl, NewerRecordBytes) {
     EXPECT_EQ(ext.SubCode, 9);
     EXPECT_EQ(ext.Instance, 3);
     EXPECT_EQ(ext.Status, 0u);
-    EXPECT_EQ(ext.RequestAdr, reinterpret_cast<uintptr_t>(req));
+    EXPECT_EQ(uint64_t{ext.RequestAdr}, reinterpret_cast<uintptr_t>(req));  // copies: the fields are packed
     EXPECT_EQ(ext.RequestLen, 4u);
-    EXPECT_EQ(ext.ResponseAdr, reinterpret_cast<uintptr_t>(resp));
+    EXPECT_EQ(uint64_t{ext.ResponseAdr}, reinterpret_cast<uintptr_t>(resp));
     EXPECT_EQ(ext.ResponseLen, 8u);
     EXPECT_EQ(ext.HbaSelect, 0x2345);
-    EXPECT_EQ(ext.VendorSpecificData, 2u);
+    EXPECT_EQ(uint64_t{ext.VendorSpecificData}, 2u);
     for (size_t i = offsetof(EXT_IOCTL, Reserved2); i < sizeof ext; ++i)
         EXPECT_EQ(bytes[i], 0) << i;
     for (size_t i = offsetof(EXT_IOCTL, VendorSpecificStatus); i < offsetof(EXT_IOCTL, VendorSpecificData); ++i)
@@ -66,7 +66,7 @@ TEST_F(ExtIoctl, NewerRecordBytes) {
 
     ASSERT_EQ(vxapi_init_ext_ioctl_n(1, 0, nullptr, 0, nullptr, 0, nullptr, &ext), 0);
     EXPECT_EQ(ext.HbaSelect, 0);  // no port record: no selector
-    EXPECT_EQ(ext.RequestAdr, 0u);
+    EXPECT_EQ(uint64_t{ext.RequestAdr}, 0u);
     EXPECT_NE(vxapi_init_ext_ioctl_n(1, 0, nullptr, 0, nullptr, 0, nullptr, nullptr), 0);
 }
 

@@ -180,7 +180,7 @@ TEST_F(Trace, DebugLevelFromEnvironment) {
         else
             unsetenv("VX_FCAPI_DEBUG");
         vxapi_set_debug_level();
-        EXPECT_EQ(vx_debug, c.mask) << (c.value ? c.value : "(unset)");
+        EXPECT_EQ(vx_debug.load(), c.mask) << (c.value ? c.value : "(unset)");
         EXPECT_EQ(api_dbg_sem_id != -1, c.semaphore) << (c.value ? c.value : "(unset)");
     }
     unsetenv("VX_FCAPI_DEBUG");
