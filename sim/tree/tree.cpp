@@ -366,7 +366,7 @@ private:
             w_.file(c + "/pep_version", line(a.pep_version));
         w_.file(c + "/max_npiv_vports", num(p.max_npiv_vports));
         if (p.vport_id >= 0)
-            w_.file(c + "/vport_id", num(p.vport_id));  // our format: decimal
+            w_.file(c + "/vport_id", fmt("0x%x\n", static_cast<unsigned>(p.vport_id)));  // hexadecimal: read as base 16
         if (vx_adapter_has(a.device_id, VX_MARK_CNA)) {
             // Converged ports (our formats): VLAN and FCF parameter in decimal,
             // the VN_Port MAC as six colon-separated hex bytes.

@@ -346,7 +346,7 @@ SIM_TEST(SimTree, AttributesReadAsTheLibraryParsesThem, "default.json") {
         ASSERT_NE(t, nullptr);
         EXPECT_EQ(sys_text(sh + "model_name"), h.adapter->model_name.empty() ? t->model : h.adapter->model_name);
         if (p.vport_id >= 0)
-            EXPECT_EQ(std::strtol(sys_text(sh + "vport_id").c_str(), nullptr, 10), p.vport_id);
+            EXPECT_EQ(std::strtol(sys_text(sh + "vport_id").c_str(), nullptr, 16), p.vport_id);
         else
             EXPECT_FALSE(fs::exists("/sys/" + sh + "vport_id"));
         for (const auto& [counter, value] : p.stats.values)
