@@ -356,3 +356,67 @@ uint32_t vxapi_get_vpd_size(uint16_t device_id);
 // Mode 1: the identifier string; mode 2: the first keyword item equal to
 // `key`. `vpd` holds at least VX_VPD_WALK_LIMIT bytes. 0 when copied.
 int vxapi_get_field_from_vpd(const uint8_t* vpd, const char* key, int mode, uint8_t* dst, uint32_t dst_len);
+
+// ---- Leaf operations of the management interface (vx_core_query) ----
+// Each takes the port's OS handle (its oshandle) and record, and hands the
+// driver's extended status back through pext_stat. Sysfs ports (feature
+// 0x20) are answered by the vxsysfs_ twin of the same name; the others send
+// one extended-ioctl request. Result: 0, the ioctl's -1 with errno, or 1
+// when the request could not be made.
+struct TGT_LUN_DATA_LIST;
+struct FO_LUN_DATA_LIST;
+int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
+int32_t vxapi_query_hbaport(int handle, vxapi_priv_database* inst, EXT_HBA_PORT* port, uint32_t* pext_stat);
+int32_t vxapi_query_chip(int handle, vxapi_priv_database* inst, EXT_CHIP* chip, uint32_t* pext_stat);
+int32_t vxapi_query_driver(int handle, vxapi_priv_database* inst, EXT_DRIVER* drv, uint32_t* pext_stat);
+int32_t vxapi_query_fw(int handle, vxapi_priv_database* inst, EXT_FW* fw, uint32_t* pext_stat);
+int32_t vxapi_query_cnaport(int handle, vxapi_priv_database* inst, EXT_CNA_PORT* cna, uint32_t* pext_stat);
+// `index`: the driver's list position (ioctl); over sysfs the n-th online
+// FCP target port, and for targets the SCSI target id.
+int32_t vxapi_query_discport(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_PORT* port,
+                             uint32_t* pext_stat);
+int32_t vxapi_query_disctgt(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_TARGET* tgt,
+                            uint32_t* pext_stat);
+// `size` bytes of `data` (header and entries); the type mask selects which
+// remote ports count (VX_PORTSUM_ bits).
+int32_t vxapi_get_port_summary(int handle, vxapi_priv_database* inst, uint32_t* type_mask, EXT_DEVICEDATA* data,
+                               uint32_t size, uint32_t* pext_stat, uint32_t* pext_dstat);
+int32_t vxapi_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, TGT_LUN_DATA_LIST* list,
+                                    uint32_t list_len, uint32_t* pext_stat);
+// Extended-ioctl channel only.
+int32_t vxapi_get_lun_data_list(int handle, vxapi_priv_database* inst, FO_LUN_DATA_LIST* list, uint32_t list_len,
+                                uint32_t* pext_stat);
+int32_t vxapi_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn, uint32_t wwpn_len,
+                               EXT_SCSI_ADDR* addr, uint32_t* pext_stat);
+// LUN number from the first two bytes of an 8-byte SCSI LUN; 0xFFFFFFFF for
+// the extended addressing method.
+uint32_t vxapi_get_lun_addr(const uint8_t* lun);
+// FC-AL loop id (0..126) to AL_PA.
+extern const uint8_t alpa_table[127];
+
+// Port summary type mask: which remote ports a port-database request selects.
+inline constexpr uint32_t VX_PORTSUM_TARGET = 0x0001;     // roles contain "FCP Target"
+inline constexpr uint32_t VX_PORTSUM_INITIATOR = 0x0002;  // "FCP Initiator" and not a target
+inline constexpr uint32_t VX_PORTSUM_FABRIC = 0x0004;     // port id 0xFFF000 and above
+inline constexpr uint32_t VX_PORTSUM_OTHER = 0x0008;      // every other port
+inline constexpr uint32_t VX_PORTSUM_OFFLINE = 0x0010;    // include ports that are not online
+inline constexpr uint32_t VX_PORTSUM_ALL = 0x1000;        // every port whatever its role and state
+inline constexpr uint32_t VX_PORTSUM_MASK = 0x101F;
+
+// Port database entry flags.
+inline constexpr uint8_t VX_DEVCTL_TARGET = 0x01;
+inline constexpr uint8_t VX_DEVCTL_INITIATOR = 0x02;
+inline constexpr uint8_t VX_DEVCTL_FABRIC = 0x08;  // the port has a fabric address
+inline constexpr uint32_t VX_DEVFLAG_ONLINE = 0x01;
+
+// ---- Flash steps of the property calls (vx_core_flash) ----
+// Refreshes the boot-image versions of a node record from the adapter's flash.
+int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
+// The MPI and PEP firmware versions kept in flash (3 bytes each).
+int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst, uint8_t* mpi_ver, uint8_t* pep_ver);
+// Status of loading the adapter's option ROM layout for a property call.
+uint32_t vxapi_get_option_rom_layout_status(uint32_t handle);
+// DCBX parameters of a converged port into `buf`.
+int vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat);
+// The FCoE component versions as an ADAPTERREGIONVERSION of `size` bytes.
+int vxapi_copy_fcoe_versions(vxapi_priv_database* inst, uint8_t* buf, uint32_t size);
