@@ -76,6 +76,7 @@ struct PciFunction {
     std::vector<HostPort> vports;  // NPIV ports, each with its own host number
     uint32_t sg_tablesize = 128;
     bool bsg = true;               // class/bsg/fc_hostN present
+    bool ioctl_missing = false;    // ioctl channels: the driver counts the physical port's index but cannot select it
 };
 
 // Versions kept in the adapter's flash images.
@@ -108,6 +109,7 @@ struct Adapter {
     std::string pep_version;       // running PEP firmware ("" = attribute absent)
     bool optrom_attrs = true;      // optrom_*_version attributes present in sysfs
     bool partial_flash = true;     // driver accepts "1:%x:%x"/"2:%x:%x" (rejects control code 4)
+    uint32_t driver_flags = 0x04;  // ioctl channels: capability bits of the driver data (0x04: large LUN maps)
     Channel channel = Channel::Sysfs;
     FlashVersions flash;
     std::vector<PciFunction> functions;

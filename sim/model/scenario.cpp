@@ -332,6 +332,7 @@ bool read_function(const json& j, const std::string& path, std::string& err, Pci
            (valid_pci_address(f.pci_address) ||
             o.fail(o.child("pci_address"), "expected \"dddd:bb:dd.f\" (hexadecimal, function 0-7)")) &&
            o.uint("sg_tablesize", f.sg_tablesize) && o.boolean("bsg", f.bsg) &&
+           o.boolean("ioctl_missing", f.ioctl_missing) &&
            o.req("port", [&](const json& v, const std::string& p) { return read_host(v, p, err, f.port); }) &&
            o.opt("vports", [&](const json& v, const std::string& p) {
                return each(o, v, p, [&](const json& e, const std::string& ep) {
@@ -391,6 +392,7 @@ bool read_adapter(const json& j, const std::string& path, std::string& err, Adap
            o.str("driver_version", a.driver_version) && o.str("fw_version", a.fw_version) &&
            o.str("mpi_version", a.mpi_version) && o.str("pep_version", a.pep_version) &&
            o.boolean("optrom_attrs", a.optrom_attrs) && o.boolean("partial_flash", a.partial_flash) &&
+           o.uint("driver_flags", a.driver_flags) &&
            o.opt("channel", [&](const json& v, const std::string& p) { return read_channel(o, v, p, a.channel); }) &&
            o.opt("flash", [&](const json& v, const std::string& p) { return read_flash(v, p, err, a.flash); }) &&
            o.req("functions", [&](const json& v, const std::string& p) {
@@ -751,6 +753,7 @@ std::string scenario_to_json(const Scenario& s) {
         aj["pep_version"] = a.pep_version;
         aj["optrom_attrs"] = a.optrom_attrs;
         aj["partial_flash"] = a.partial_flash;
+        aj["driver_flags"] = a.driver_flags;
         aj["channel"] = channel_name(a.channel);
         aj["flash"] = {{"bios", a.flash.bios},         {"fcode", a.flash.fcode}, {"efi", a.flash.efi},
                        {"firmware", a.flash.firmware}, {"mpi", a.flash.mpi},     {"pep", a.flash.pep},
@@ -761,6 +764,7 @@ std::string scenario_to_json(const Scenario& s) {
             fj["pci_address"] = f.pci_address;
             fj["sg_tablesize"] = f.sg_tablesize;
             fj["bsg"] = f.bsg;
+            fj["ioctl_missing"] = f.ioctl_missing;
             fj["port"] = host_json(f.port);
             ojson vps = ojson::array();
             for (const HostPort& v : f.vports)
