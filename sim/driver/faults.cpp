@@ -45,7 +45,7 @@ bool fault_matches(std::string_view pattern, std::string_view text) {
         return true;
     if (pattern.back() == '*')
         return text.starts_with(pattern.substr(0, pattern.size() - 1));
-    return pattern == text;
+    return pattern == text || (text.size() > pattern.size() && text.starts_with(pattern) && text[pattern.size()] == '/');
 }
 
 std::optional<FaultAction> fault_take_from(const std::string& faults_path, std::string_view endpoint,

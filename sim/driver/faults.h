@@ -26,7 +26,9 @@ struct FaultAction {
 std::optional<FaultAction> parse_fault_action(std::string_view text);
 
 // A fault's `match` selects requests by the endpoint's match text: "" matches
-// everything, "abc*" every text starting with "abc", anything else itself only.
+// everything, "abc*" every text starting with "abc", anything else itself
+// only, or a text that continues it with a '/' qualifier ("0xc0747900"
+// matches "0xc0747900/1").
 bool fault_matches(std::string_view pattern, std::string_view text);
 
 // Takes the first armed fault of `endpoint` matching `match_text` from the

@@ -62,7 +62,7 @@ TEST(FaultAction, ParsesEveryActionAndRejectsTheRest) {
     }
 }
 
-TEST(FaultMatch, EmptyMatchesAllStarMatchesPrefixElseExact) {
+TEST(FaultMatch, EmptyMatchesAllStarMatchesPrefixElseExactOrQualified) {
     struct Case {
         const char* pattern;
         const char* text;
@@ -73,6 +73,8 @@ TEST(FaultMatch, EmptyMatchesAllStarMatchesPrefixElseExact) {
         {"1*", "1:0:20000", true}, {"1*", "1", true}, {"1*", "2:0:1", false},
         {"*", "anything", true},   {"3", "3", true},  {"3", "30", false},
         {"0xc0747900", "0xc0747900", true}, {"0xc0747900", "0xc0747906", false},
+        {"0xc0747900", "0xc0747900/1", true}, {"0xc0747900/1", "0xc0747900/1", true},
+        {"0xc0747900/1", "0xc0747900/10", false}, {"0xc074790", "0xc0747900/1", false},
     };
     for (const Case& c : cases)
         EXPECT_EQ(fault_matches(c.pattern, c.text), c.want) << c.pattern << " vs " << c.text;
