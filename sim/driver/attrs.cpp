@@ -11,14 +11,6 @@
 
 namespace vxsim::drv {
 
-namespace {
-
-constexpr size_t STORE_MAX = 4096;
-
-OptromDevice optrom_device(const Sim& sim, const Adapter& a) {
-    return OptromDevice(sim.optrom_state_dir(), a.id, root::flash(sim.root(), a.id), a.partial_flash);
-}
-
 // Where a port's NVRAM or VPD lives: inside the flash when the family keeps
 // it there (the attribute then shows the image, not the whole region), else
 // in the physical port's own state file.
@@ -34,6 +26,14 @@ ImageWindow image_window(const Sim& sim, const HostRef& h, AttrKind kind) {
     }
     return ImageWindow{nvram ? root::nvram(sim.root(), f.port.host_no) : root::vpd(sim.root(), f.port.host_no), 0,
                        0};
+}
+
+namespace {
+
+constexpr size_t STORE_MAX = 4096;
+
+OptromDevice optrom_device(const Sim& sim, const Adapter& a) {
+    return OptromDevice(sim.optrom_state_dir(), a.id, root::flash(sim.root(), a.id), a.partial_flash);
 }
 
 JournalFields base_fields(const Desc& d, const HostRef& h) {

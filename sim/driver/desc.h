@@ -48,8 +48,9 @@ struct Desc {
     int protocol = 0;     // Netlink
     int peer = -1;        // Netlink: the other end of the pair; replies are written there
 
-    std::mutex mu;        // guards pos: one file position per open descriptor
-    uint64_t pos = 0;
+    std::mutex mu;        // guards pos and selected
+    uint64_t pos = 0;     // one file position per open descriptor
+    int32_t selected = -1;  // Ioctl, Legacy: the driver instance EXT_CC_SET_INSTANCE chose (-1: none)
 };
 
 }  // namespace vxsim::drv

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "desc.h"
+#include "optrom.h"
 #include "sim.h"
 
 namespace vxsim::drv {
@@ -19,6 +20,9 @@ namespace vxsim::drv {
 int endpoint_attr_open(const Sim& sim, const Desc& d);
 ssize_t endpoint_attr_read(const Sim& sim, Desc& d, void* buf, size_t n, uint64_t pos);
 ssize_t endpoint_attr_write(const Sim& sim, Desc& d, const void* buf, size_t n, uint64_t pos);
+// Where a port's NVRAM or VPD image lives, as its attribute shows it (a
+// virtual port shows its physical port's images).
+ImageWindow image_window(const Sim& sim, const HostRef& h, AttrKind kind);
 
 // Extended-ioctl requests on the ioctl, control and older-generation nodes (ioctl.cpp).
 long endpoint_ioctl(const Sim& sim, Desc& d, unsigned long request, void* arg);
