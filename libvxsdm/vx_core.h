@@ -306,13 +306,55 @@ void vxapi_clear_evqs(uint32_t slot);
 // ---- Extended-ioctl discovery and the control node (vx_core_ioctl) ----
 extern int api_apidev_fd;  // "/dev/vxfcapidev", -1 when closed
 
+struct EXT_LN_DRIVER_DATA;
+
+inline constexpr uint32_t VX_IOCTL_MAX_INDEX = 2048;  // adapter indexes a driver may use
+
 int vxapi_find_all_instances_n(const char* driver, uint32_t* count);
 int vxapi_find_all_instances_o(const char* driver, uint32_t* count);
 // Makes sure `path` is a character node with the numbers the kernel gives
 // `driver`; may rewrite `path` (ESX). 0 when it is.
 int vxapi_charnode_exist(char* path, size_t path_size, const char* driver);
+// The numbers wanted for `driver`'s node: the "major:minor" text of
+// `dev_attr`, else the last line of `proc_devices` naming the driver (minor
+// 0). 0 when found, 1 when not, 2 when `proc_devices` cannot be read either.
+int vxapi_charnode_numbers(const char* dev_attr, const char* proc_devices, const char* driver, uint32_t* major_no,
+                           uint32_t* minor_no);
+// The node step alone: `path` kept when it is a character node of these
+// numbers, else made anew (0600, old encoding major * 256 + minor). 0 when
+// the node opens in the end.
+int vxapi_charnode_make(const char* path, uint32_t major_no, uint32_t minor_no);
 int vxapi_open_apidev();
 void vxapi_close_apidev();
+
+// Opens the node `path` into record->oshandle, asks the driver for its
+// adapter count (`hba_cnt`, set whenever the driver answers) and, when
+// `inst` is below it, selects the driver's adapter `drvr_inst` on that
+// descriptor (record->host_no comes back). 0 on success; on failure the
+// descriptor is closed again. The record's features choose the generation.
+int vxapi_open_device_n(const char* path, uint32_t drvr_inst, uint32_t inst, uint32_t* hba_cnt,
+                        vxapi_priv_database* record);
+int vxapi_open_device_o(const char* path, uint32_t drvr_inst, uint32_t inst, uint32_t* hba_cnt,
+                        vxapi_priv_database* record);
+// EXT_CC_SET_INSTANCE on `fd`: the host number comes back in `host_no`.
+int vxapi_set_instance(int fd, uint32_t drvr_inst, const vxapi_priv_database* record, uint32_t* host_no,
+                       uint32_t* pext_stat);
+// Driver version and capability flags (64 bytes); the leaf convention.
+int vxapi_get_driver_specifics(int fd, vxapi_priv_database* record, EXT_LN_DRIVER_DATA* data, uint32_t* pext_stat);
+
+// Pure steps of the ioctl discovery.
+// "%c%05d" from the node record's serial-number bytes s0 s1 s2:
+// n = (s0 & mask) * 65536 + s2 * 256 + s1, letter 'A' + n / 100000.
+void vxapi_calc_serialnum(const uint8_t* serial3, uint8_t mask, char* out, size_t out_len);
+// Serial number of an older-family adapter: the HP boards' text in the node
+// record's reserved bytes, else the computed form with mask 0x1F.
+void vxapi_node_serialnum(const EXT_HBA_NODE* node, uint16_t ssvendor_id, uint16_t ssdevice_id, char* out,
+                          size_t out_len);
+// True when a driver of this version reports capability flags that can be trusted.
+bool vxapi_driver_caps_usable(uint8_t major_no, uint8_t minor_no, uint8_t patch);
+// Features 0x40 and 0x100 from the driver data's flags when the version is
+// new enough and the helper module is not in use; otherwise left alone.
+void vxapi_apply_driver_caps(vxapi_priv_database* record, const EXT_LN_DRIVER_DATA* data);
 
 // ---- Extended-ioctl channel: framing and the common send path ----
 struct EXT_IOCTL;
@@ -356,6 +398,12 @@ uint32_t vxapi_get_vpd_size(uint16_t device_id);
 // Mode 1: the identifier string; mode 2: the first keyword item equal to
 // `key`. `vpd` holds at least VX_VPD_WALK_LIMIT bytes. 0 when copied.
 int vxapi_get_field_from_vpd(const uint8_t* vpd, const char* key, int mode, uint8_t* dst, uint32_t dst_len);
+// The port's VPD (`buf_sz` bytes): EXT_CC_GET_VPD on ioctl ports, the "vpd"
+// attribute on sysfs ports. The leaf convention.
+int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+// The VPD "SN" field (at most 32 characters) into the adapter record's
+// serial_num, on the families that keep it there. 0 when found.
+int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst);
 
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the

@@ -1,13 +1,18 @@
-// Vital product data: buffer sizes and the item walk that extracts one field.
+// Vital product data: buffer sizes, reading a port's VPD, and the item walk
+// that extracts one field.
 #include <cstring>
 
 #include "vx_adapters.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
+#include "vx_sysfs.h"
 
 namespace {
 
 constexpr uint32_t TRC = VXDBG_TRACE;
+constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_TRACE;
+
+constexpr uint32_t VPD_SERIAL_LEN = 32;  // the "SN" field kept, at most
 
 constexpr uint8_t VPD_TAG_ID_STRING = 0x82;
 constexpr uint8_t VPD_TAG_READ_ONLY = 0x90;
@@ -77,4 +82,48 @@ int vxapi_get_field_from_vpd(const uint8_t* vpd, const char* key, int mode, uint
         pos = data + len;
     }
     return 1;
+}
+
+int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
+    uint32_t local_stat = 0;
+    uint32_t& ext_stat = pext_stat ? *pext_stat : local_stat;
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (!inst || !buf) {
+        vxdbg_line(ERR, "vxapi_get_vpd: invalid parameter.");
+        return 1;
+    }
+    if (!(inst->features & VX_FEAT_SYSFS))
+        return vxapi_send_ext_ioctl(handle, inst, EXT_CC_GET_VPD, 0, 0, nullptr, 0, buf, buf_sz, pext_stat, nullptr);
+    vxsysfs_path_t path;
+    vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), "vpd");
+    // A short answer is kept as far as it goes; only an attribute that
+    // cannot be read at all fails.
+    if (buf_sz != 0 && vxsysfs_read_file(path, buf, buf_sz) == buf_sz) {
+        vxdbg_line(ERR, "vxapi_get_vpd: vpd read failed.");
+        return 1;
+    }
+    ext_stat = EXT_STATUS_OK;
+    return 0;
+}
+
+int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst) {
+    if (!inst || !inst->phy_info)
+        return 1;
+    vxapi_phy_info* phy = inst->phy_info;
+    // Only the Swift generation onward keeps the serial number in the VPD.
+    if (!vx_adapter_has(phy->device_id, VX_MARK_NEWER))
+        return 1;
+    uint8_t vpd[VX_VPD_SIZE_LARGE] = {};
+    uint32_t stat = 0;
+    if (vxapi_get_vpd(handle, inst, vpd, vxapi_get_vpd_size(phy->device_id), &stat) != 0 || stat != 0) {
+        vxdbg_num(ERR, "vxapi_get_vpd_serialnum: get vpd failed. stat=", stat, VXDBG_DEC, 1);
+        return 1;
+    }
+    uint8_t serial[VPD_SERIAL_LEN];
+    if (vxapi_get_field_from_vpd(vpd, "SN", 2, serial, sizeof serial) != 0)
+        return 1;
+    memset(phy->serial_num, 0, sizeof phy->serial_num);
+    memcpy(phy->serial_num, serial, sizeof serial);
+    vxdbg_line(TRC, "vxapi_get_vpd_serialnum: serial number read.");
+    return 0;
 }
