@@ -23,6 +23,7 @@
 #include <unordered_set>
 
 #include "fsutil.h"
+#include "pci.h"
 #include "root.h"
 #include "vx_adapters.h"
 
@@ -244,6 +245,15 @@ private:
         w_.file(dir + "/class", "0x0c0400\n");  // serial bus controller, Fibre Channel
         w_.file(dir + "/revision", "0x02\n");
         w_.file(dir + "/irq", num(32 + static_cast<int64_t>(irq_++)));
+        std::string resource;
+        for (const PciBar& bar : pci_bars(f.pci_address))
+            resource += fmt("0x%016" PRIx64 " 0x%016" PRIx64 " 0x%016" PRIx64 "\n", bar.start, bar.end, bar.flags);
+        w_.file(dir + "/resource", resource);
+        const PcieLink link = pcie_link(a.device_id);
+        for (const char* which : {"max", "current"}) {
+            w_.file(dir + fmt("/%s_link_speed", which), line(link.speed));
+            w_.file(dir + fmt("/%s_link_width", which), num(link.width));
+        }
         w_.file(dir + "/numa_node", "-1\n");
         w_.file(dir + "/enable", "1\n");
         w_.file(dir + "/modalias", line(modalias));
@@ -365,6 +375,7 @@ private:
         if (!a.pep_version.empty())
             w_.file(c + "/pep_version", line(a.pep_version));
         w_.file(c + "/max_npiv_vports", num(p.max_npiv_vports));
+        w_.file(c + "/flash_block_size", num(FLASH_BLOCK_SIZE));  // our attribute, decimal
         if (p.vport_id >= 0)
             w_.file(c + "/vport_id", fmt("0x%x\n", static_cast<unsigned>(p.vport_id)));  // hexadecimal: read as base 16
         if (vx_adapter_has(a.device_id, VX_MARK_CNA)) {
@@ -485,6 +496,29 @@ private:
         w_.link(c + "/subsystem", "class/scsi_device");
         w_.file(c + "/uevent", "");
         w_.link("class/scsi_device/" + n, c);
+        // Upper-level drivers: disks get the next sd name, every LUN a SCSI
+        // generic node (no device nodes: the directories name them).
+        if (l.peripheral_type == 0) {
+            const std::string sd = disk_name(disks_);
+            w_.file(dir + "/block/" + sd + "/dev", fmt("%u:%u\n", disk_major(disks_), (disks_ % 16) * 16));
+            ++disks_;
+        }
+        w_.file(dir + "/scsi_generic/" + fmt("sg%u", generics_) + "/dev", fmt("21:%u\n", generics_));
+        ++generics_;
+    }
+
+    // SCSI disk majors: 16 disks each, 8, then 65 to 71, then 128 to 135.
+    static unsigned disk_major(unsigned index) {
+        const unsigned group = index / 16 % 16;
+        return group == 0 ? 8 : group < 8 ? 64 + group : 120 + group;
+    }
+
+    // The kernel's disk names: sda .. sdz, sdaa .. sdzz, sdaaa ...
+    static std::string disk_name(unsigned index) {
+        std::string letters;
+        for (unsigned n = index + 1; n > 0; n = (n - 1) / 26)
+            letters.insert(letters.begin(), static_cast<char>('a' + (n - 1) % 26));
+        return "sd" + letters;
     }
 
     // <parent>/bsg/<name>/ with its character device number.
@@ -549,6 +583,8 @@ private:
     std::map<std::string, std::string> driver_versions_;  // first adapter's version per driver
     int64_t unique_id_ = 0;
     unsigned irq_ = 0;
+    unsigned disks_ = 0;
+    unsigned generics_ = 0;
 };
 
 template <typename F>
