@@ -242,6 +242,14 @@ VXSD_API SD_UINT32 SDGetDiscTargetProperty(int Device, SD_UINT16 HbaDevPortNum, 
 VXSD_API SD_UINT32 SDGetPortDatabase(int Device, SD_UINT16 TypeMode, DEVICEINFO* pDeviceInfo,
                                      SD_UINT32 DeviceInfoSize);
 
+/* The LUNs of one discovered target, in ascending order. On entry
+ * *pLunCount is the capacity of pLuns (pLuns may be NULL when it is 0); on
+ * return it is the number of LUNs the target has. Returns
+ * SDM_STATUS_BUFFER_TOO_SMALL with the true count (and the first LUNs
+ * written) when pLuns is too small, SDM_STATUS_DEVICE_NOT_FOUND when the port
+ * has no target with that id. Target ids above 255 are not found. */
+VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId, SD_UINT16* pLuns, SD_UINT32* pLunCount);
+
 #ifdef __cplusplus
 }
 #endif

@@ -570,3 +570,77 @@ extern "C" VXSD_API SD_UINT32 SDGetPortDatabase(int Device, SD_UINT16 TypeMode, 
     trace_exit(name, Device, status);
     return status;
 }
+
+// ---- LUNs of a target ----
+
+namespace {
+
+// Targets a first target/LUN list has room for; a full list is asked again
+// with twice the room, up to the most a port may have.
+constexpr uint32_t TGT_LIST_FIRST = 64;
+constexpr uint32_t TGT_LIST_MOST = 4096;
+
+}  // namespace
+
+extern "C" VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId, SD_UINT16* pLuns,
+                                                 SD_UINT32* pLunCount) {
+    static constexpr const char* name = "SDGetTargetLunList";
+    trace_entry(name, Device);
+    if (!pLunCount || (!pLuns && *pLunCount != 0))
+        return null_record(name, Device);
+    vxapi_priv_database* inst = resolve(name, Device);
+    if (!inst)
+        return SDM_STATUS_INVALID_HANDLE;
+    const uint32_t map = (inst->features & VX_FEAT_DRV_CAP4) ? TGT_LUN_MAP_LARGE : TGT_LUN_MAP_SMALL;
+    const size_t entry_size = map + TGT_LUN_DATA_ENTRY_HEADER;
+    uint32_t status = SDM_STATUS_DEVICE_NOT_FOUND;
+    for (uint32_t room = TGT_LIST_FIRST; room <= TGT_LIST_MOST; room *= 2) {
+        const size_t len = TGT_LUN_DATA_LIST_HEADER + room * entry_size;
+        std::unique_ptr<uint8_t[]> work(new (std::nothrow) uint8_t[len]());
+        if (!work) {
+            status = SDM_STATUS_OUT_OF_MEMORY;
+            break;
+        }
+        auto* list = reinterpret_cast<TGT_LUN_DATA_LIST*>(work.get());
+        uint32_t ext_stat = 0;
+        const int32_t rc =
+            vxapi_get_tgt_lun_data_list(inst->oshandle, inst, list, static_cast<uint32_t>(len), &ext_stat);
+        if (rc != 0 || ext_stat != EXT_STATUS_OK) {
+            // A port without any target answers "not found" as well.
+            status = ext_stat != EXT_STATUS_OK ? SDXlateSDMErr(ext_stat, 0)
+                     : rc < 0                  ? errno_status()
+                                               : SDM_STATUS_UNKNOWN_ERROR;
+            trace_call(SD_ERROR, name, Device, "): list failed. stat=", ext_stat, VXDBG_DEC);
+            break;
+        }
+        const uint32_t entries = list->EntryCount < room ? list->EntryCount : room;
+        const TGT_LUN_DATA_ENTRY* found = nullptr;
+        for (uint32_t i = 0; i < entries && !found; ++i) {
+            const auto* entry = reinterpret_cast<const TGT_LUN_DATA_ENTRY*>(work.get() + TGT_LUN_DATA_LIST_HEADER +
+                                                                            i * entry_size);
+            if (TargetId <= 0xFF && entry->TargetId == TargetId)
+                found = entry;
+        }
+        if (!found) {
+            if (entries == room && room < TGT_LIST_MOST)
+                continue;
+            trace_call(SD_ERROR, name, Device, "): target not found. tid=", TargetId, VXDBG_DEC);
+            break;
+        }
+        const uint8_t* lun_map = reinterpret_cast<const uint8_t*>(found) + TGT_LUN_DATA_ENTRY_HEADER;
+        const uint32_t capacity = *pLunCount;
+        uint32_t count = 0;
+        for (uint32_t lun = 0; lun < map; ++lun) {
+            if (!(lun_map[lun] & 0x80))
+                continue;
+            if (count < capacity)
+                pLuns[count] = static_cast<SD_UINT16>(lun);
+            ++count;
+        }
+        *pLunCount = count;
+        status = count > capacity ? SDM_STATUS_BUFFER_TOO_SMALL : SDM_STATUS_SUCCESS;
+        break;
+    }
+    trace_exit(name, Device, status);
+    return status;
+}

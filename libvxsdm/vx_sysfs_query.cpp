@@ -165,6 +165,17 @@ uint16_t rport_channel(const char* name) {
 
 uint32_t& status_word(uint32_t* pext_stat, uint32_t& local) { return pext_stat ? *pext_stat : local; }
 
+uint16_t board_ports(const vxapi_phy_info* phy) {
+    uint16_t ports = 0;
+    vx_dlist_each<vxapi_priv_database>(api_priv_database, [&](vxapi_priv_database* record) {
+        if (record->interface_type == VX_IFTYPE_PHYSICAL && record->phy_info &&
+            memcmp(record->phy_info->serial_num, phy->serial_num, sizeof phy->serial_num) == 0)
+            ++ports;
+        return true;
+    });
+    return ports;
+}
+
 bool refused(const char* name, const void* a, const void* b) {
     if (a && b)
         return false;
@@ -333,10 +344,9 @@ int vxsysfs_query_hbanode(uint32_t handle, vxapi_priv_database* instance, EXT_HB
 
     const vxapi_phy_info* phy = instance->phy_info;
     if (phy) {
-        // The board's port count and the serial number as the driver's node
-        // record carries them (see docs/adapters.md).
-        if (const vx_adapter_type* row = vx_adapter_lookup(phy->device_id))
-            node->PortCount = row->ports;
+        // The board's ports are its physical ports: the functions that share
+        // its serial number, as port numbering groups them.
+        node->PortCount = board_ports(phy);
         char serial[sizeof phy->serial_num + 1] = {};
         memcpy(serial, phy->serial_num, sizeof phy->serial_num);
         vxsysfs_serial_to_bytes(serial, node->SerialNum);
@@ -682,7 +692,7 @@ void vxsysfs_count_luns(uint32_t host_no, TGT_LUN_DATA_ENTRY* entry, uint32_t ma
         default: number = lun & 0xFF; break;   // peripheral
         }
         if (number < max_lun) {
-            entry->Data[number] |= 0x80;
+            (reinterpret_cast<uint8_t*>(entry) + TGT_LUN_DATA_ENTRY_HEADER)[number] |= 0x80;
             ++entry->LunCount;
         }
     });
