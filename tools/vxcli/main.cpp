@@ -1,11 +1,9 @@
 // vxcli: the command-line tool over libvxsdm. It uses only the exported SD
 // interface, as any management application would.
 //
-// Exit codes: 0 success; 1 bad command line; 2 no adapters found; 3 the
-// library could not be loaded; 4 some ports could not be opened (the
-// listing shows what could be read).
-#include <unistd.h>
-
+// Exit codes: 0 success; 1 bad command line; 2 no adapters found (or no
+// port with the instance asked for); 3 the library could not be loaded; 4
+// some ports could not be opened or queried (what could be read is shown).
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -14,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "commands.h"
 #include "ports.h"
 #include "table.h"
 #include "vsdmgt.h"
@@ -24,35 +23,7 @@
 
 namespace {
 
-enum Exit : int {
-    EXIT_OK = 0,
-    EXIT_NO_ADAPTERS = 2,
-    EXIT_LIBRARY = 3,
-    EXIT_PARTIAL = 4,
-};
-
-void error_line(const std::string& text) { fmt::print(stderr, "vxcli: {}\n", text); }
-
-// The count is 0 both when nothing was found and when the load failed; an
-// open of instance 0 tells the two apart.
-int explain_no_ports() {
-    SD_UINT32 handle = 0;
-    const SD_UINT32 status = SDOpenDevice(0, &handle);
-    if (status == SDM_STATUS_SUCCESS) {
-        SDCloseDevice(handle);
-        error_line("the adapters changed while listing them; try again");
-        return EXIT_LIBRARY;
-    }
-    if (status == SDM_STATUS_DEVICE_NOT_FOUND) {
-        error_line("no adapters found");
-        return EXIT_NO_ADAPTERS;
-    }
-    std::string text = "cannot load the adapter library: " + vxcli::status_text(status);
-    if (geteuid() != 0)
-        text += "; vxcli must run as root";
-    error_line(text);
-    return EXIT_LIBRARY;
-}
+using namespace vxcli;
 
 std::string cell_text(const nlohmann::ordered_json& value) {
     if (value.is_null())
@@ -67,14 +38,18 @@ int run_list(bool json) {
     if (count == 0)
         return explain_no_ports();
 
-    vxcli::PortSession session;
-    const std::vector<vxcli::PortRow> rows = session.open_all(count);
-    const auto& columns = vxcli::port_columns();
+    PortSession session;
+    const std::vector<PortRow> rows = session.open_all(count);
+    const auto& columns = port_columns();
 
     int result = EXIT_OK;
     for (const auto& row : rows) {
         if (row.open_status != SDM_STATUS_SUCCESS) {
-            error_line(fmt::format("port {}: open failed: {}", row.instance, vxcli::status_text(row.open_status)));
+            error_line(fmt::format("port {}: open failed: {}", row.instance, status_text(row.open_status)).c_str());
+            result = EXIT_PARTIAL;
+        } else if (row.query_status != SDM_STATUS_SUCCESS) {
+            error_line(fmt::format("port {}: property query failed: {}", row.instance, status_text(row.query_status))
+                           .c_str());
             result = EXIT_PARTIAL;
         }
     }
@@ -86,7 +61,9 @@ int run_list(bool json) {
             for (const auto& column : columns)
                 port[column.key] = column.value(row);
             if (row.open_status != SDM_STATUS_SUCCESS)
-                port["error"] = vxcli::status_text(row.open_status);
+                port["error"] = status_text(row.open_status);
+            else if (row.query_status != SDM_STATUS_SUCCESS)
+                port["error"] = status_text(row.query_status);
             ports.push_back(std::move(port));
         }
         nlohmann::ordered_json out{{"count", count}, {"ports", std::move(ports)}};
@@ -94,7 +71,7 @@ int run_list(bool json) {
         return result;
     }
 
-    std::vector<vxcli::TableColumn> header;
+    std::vector<TableColumn> header;
     for (const auto& column : columns)
         header.push_back({column.header, column.right_aligned});
     std::vector<std::vector<std::string>> cells;
@@ -104,7 +81,7 @@ int run_list(bool json) {
             line.push_back(cell_text(column.value(row)));
         cells.push_back(std::move(line));
     }
-    fmt::print("{}", vxcli::render_table(header, cells));
+    fmt::print("{}", render_table(header, cells));
     return result;
 }
 
@@ -132,19 +109,35 @@ int main(int argc, char** argv) {
 
     CLI::App* list = app.add_subcommand("list", "List the adapter ports the library finds");
     list->fallthrough();
+    uint32_t instance = 0;
+    CLI::App* show = app.add_subcommand("show", "Show one port's node, port, chip, driver and firmware properties");
+    show->add_option("instance", instance, "Port instance, as `list` numbers it")->required();
+    show->fallthrough();
+    CLI::App* targets = app.add_subcommand("targets", "List the FCP targets a port has discovered");
+    targets->add_option("instance", instance, "Port instance, as `list` numbers it")->required();
+    targets->fallthrough();
+    CLI::App* luns = app.add_subcommand("luns", "List the LUNs of each target a port has discovered");
+    luns->add_option("instance", instance, "Port instance, as `list` numbers it")->required();
+    luns->fallthrough();
     CLI::App* version = app.add_subcommand("version", "Print the versions of vxcli and the library");
     version->fallthrough();
     app.footer(
-        "Exit codes: 0 success, 1 bad command line, 2 no adapters found, 3 library not loaded, "
-        "4 some ports could not be opened.");
+        "Exit codes: 0 success, 1 bad command line, 2 no adapters found (or no port with that instance), "
+        "3 library not loaded, 4 some ports could not be opened or queried (what could be read is shown).");
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         const int code = app.exit(e);
-        return code == 0 ? EXIT_OK : 1;
+        return code == 0 ? EXIT_OK : EXIT_USAGE;
     }
     if (list->parsed())
         return run_list(json);
+    if (show->parsed())
+        return run_show(instance, json);
+    if (targets->parsed())
+        return run_targets(instance, json);
+    if (luns->parsed())
+        return run_luns(instance, json);
     return run_version(json);
 }

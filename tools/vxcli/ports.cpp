@@ -3,23 +3,46 @@
 
 #include <fmt/format.h>
 
-#include "vsdmgt.h"
+#include "format.h"
 
 namespace vxcli {
 
 namespace {
 
-nlohmann::ordered_json instance_of(const PortRow& r) { return r.instance; }
+using json = nlohmann::ordered_json;
 
-nlohmann::ordered_json handle_of(const PortRow& r) { return r.handle ? nlohmann::ordered_json(*r.handle) : nlohmann::ordered_json(); }
+json instance_of(const PortRow& r) { return r.instance; }
+
+json handle_of(const PortRow& r) { return r.handle ? json(*r.handle) : json(); }
+
+json wwnn_of(const PortRow& r) { return r.node ? json(wwn_text(r.node->WWN)) : json(); }
+
+json wwpn_of(const PortRow& r) { return r.port ? json(wwn_text(r.port->WWN)) : json(); }
+
+json port_id_of(const PortRow& r) { return r.port ? json(port_id_text(r.port->PortID)) : json(); }
+
+json type_of(const PortRow& r) { return r.node ? json(interface_text(r.node->InterfaceType)) : json(); }
+
+json state_of(const PortRow& r) { return r.port ? json(port_state_text(r.port->PortState)) : json(); }
+
+json speed_of(const PortRow& r) { return r.port ? json(speed_text(r.port->PortSpeed)) : json(); }
+
+json model_of(const PortRow& r) { return r.node ? json(field_text(r.node->Model, sizeof r.node->Model)) : json(); }
+
+json serial_of(const PortRow& r) {
+    return r.node ? json(field_text(r.node->SerialNumber, sizeof r.node->SerialNumber)) : json();
+}
 
 }  // namespace
 
 // New properties become new rows here; the table and JSON follow by themselves.
 const std::vector<Column>& port_columns() {
     static const std::vector<Column> columns = {
-        {"INSTANCE", "instance", true, instance_of},
-        {"HANDLE", "handle", true, handle_of},
+        {"INSTANCE", "instance", true, instance_of}, {"HANDLE", "handle", true, handle_of},
+        {"WWNN", "wwnn", false, wwnn_of},            {"WWPN", "wwpn", false, wwpn_of},
+        {"PORT ID", "port_id", false, port_id_of},   {"TYPE", "type", false, type_of},
+        {"STATE", "state", false, state_of},         {"SPEED", "speed", false, speed_of},
+        {"MODEL", "model", false, model_of},         {"SERIAL", "serial", false, serial_of},
     };
     return columns;
 }
@@ -29,17 +52,36 @@ PortSession::~PortSession() {
         SDCloseDevice(handle);
 }
 
+uint32_t PortSession::open(uint32_t instance, uint32_t* handle) {
+    SD_UINT32 h = 0;
+    const SD_UINT32 status = SDOpenDevice(instance, &h);
+    if (status == SDM_STATUS_SUCCESS) {
+        handles_.push_back(h);
+        *handle = h;
+    }
+    return status;
+}
+
 std::vector<PortRow> PortSession::open_all(uint32_t count) {
     std::vector<PortRow> rows;
     rows.reserve(count);
     for (uint32_t instance = 0; instance < count; ++instance) {
         PortRow row;
         row.instance = instance;
-        SD_UINT32 handle = 0;
-        row.open_status = SDOpenDevice(instance, &handle);
+        uint32_t handle = 0;
+        row.open_status = open(instance, &handle);
         if (row.open_status == SDM_STATUS_SUCCESS) {
             row.handle = handle;
-            handles_.push_back(handle);
+            const int device = static_cast<int>(handle);
+            DEVICENODEPROPERTY node{};
+            const uint32_t node_status = SDGetHbaDeviceNodeProperty(device, &node);
+            if (node_status == SDM_STATUS_SUCCESS)
+                row.node = node;
+            DEVICEPORTPROPERTY port{};
+            const uint32_t port_status = SDGetHbaDevicePortProperty(device, 0, &port);
+            if (port_status == SDM_STATUS_SUCCESS)
+                row.port = port;
+            row.query_status = node_status != SDM_STATUS_SUCCESS ? node_status : port_status;
         }
         rows.push_back(row);
     }

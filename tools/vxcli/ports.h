@@ -9,12 +9,17 @@
 #include <string>
 #include <vector>
 
+#include "vsdmgt.h"
+
 namespace vxcli {
 
 struct PortRow {
     uint32_t instance = 0;
     std::optional<uint32_t> handle;  // empty when the port did not open
     uint32_t open_status = 0;        // SD status of the open, 0 when it opened
+    std::optional<DEVICENODEPROPERTY> node;  // empty when the query failed
+    std::optional<DEVICEPORTPROPERTY> port;
+    uint32_t query_status = 0;       // first failing property query, 0 when both answered
 };
 
 // One column of the port listing. `value` gives the JSON value of a row;
@@ -28,8 +33,8 @@ struct Column {
 
 const std::vector<Column>& port_columns();
 
-// Keeps every port of the host open while the listing is built; closing the
-// last one unloads the library.
+// Keeps the ports open while a listing is built; closing the last one
+// unloads the library.
 class PortSession {
 public:
     PortSession() = default;
@@ -37,8 +42,11 @@ public:
     PortSession(const PortSession&) = delete;
     PortSession& operator=(const PortSession&) = delete;
 
-    // Opens instances 0 .. count - 1 and returns a row for each.
+    // Opens instances 0 .. count - 1 and returns a row for each, with the
+    // node and port properties of the ports that opened.
     std::vector<PortRow> open_all(uint32_t count);
+    // Opens one instance; 0 or the SD status of the failure.
+    uint32_t open(uint32_t instance, uint32_t* handle);
 
 private:
     std::vector<uint32_t> handles_;
