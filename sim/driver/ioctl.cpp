@@ -1,49 +1,354 @@
-// Extended-ioctl requests (EXT_IOCTL and EXT_IOCTL_O records) on the ioctl,
-// control and older-generation nodes. For now every request is journaled and
-// refused with ENOTTY: the driver commands are answered by a later step.
+// Extended-ioctl requests: EXT_IOCTL records on the newer node, EXT_IOCTL_O
+// records on the older generation's nodes. The record and the request buffer
+// are copied in from the caller's memory, answered by the dispatcher, and the
+// response and the record copied back, as the driver does it. The control
+// node takes no extended-ioctl request.
+#include "ioctl.h"
+
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "endpoints.h"
+#include "vx_adapters.h"
 
 namespace vxsim::drv {
 
 namespace {
 
-// What the journal shows of a request record; the generation is told by its
-// signature and version, whatever the request number says.
-JournalFields describe_record(const void* arg) {
-    JournalFields f = JournalFields::object();
-    unsigned char rec[36];
-    if (copy_from_user(rec, arg, sizeof rec) < 0) {
-        f["record"] = "unreadable";
-        return f;
-    }
+// What the journal calls a record, told by its signature and version.
+const char* record_label(const uint8_t* raw, size_t n) {
     auto u16 = [&](size_t off) {
         uint16_t v;
-        std::memcpy(&v, rec + off, 2);
+        std::memcpy(&v, raw + off, 2);
         return v;
     };
-    auto u32 = [&](size_t off) {
-        uint32_t v;
-        std::memcpy(&v, rec + off, 4);
-        return v;
+    if (n >= 12 && std::memcmp(raw, EXT_SIGNATURE, 8) == 0 && u16(10) == EXT_VERSION)
+        return "EXT_IOCTL";
+    if (n >= 8 && std::memcmp(raw, EXT_SIGNATURE, 4) == 0 && u16(6) == EXT_VERSION_O)
+        return "EXT_IOCTL_O";
+    return "unknown";
+}
+
+std::string hex_bytes(const uint8_t* p, size_t n) {
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    std::string s;
+    s.reserve(n * 2);
+    for (size_t i = 0; i < n; ++i) {
+        s += DIGITS[p[i] >> 4];
+        s += DIGITS[p[i] & 0xF];
+    }
+    return s;
+}
+
+// The fields of either generation, and the way back into its bytes.
+struct Frame {
+    bool valid = false;  // signature and version of the node's generation
+    uint16_t subcode = 0, instance = 0, hba_select = 0;
+    uint32_t request_len = 0, response_len = 0;
+    uint64_t request_adr = 0, response_adr = 0;
+};
+
+Frame read_frame(const uint8_t* raw, bool newer) {
+    auto fields = [](const auto& r, bool valid) {
+        return Frame{valid, r.SubCode, r.Instance, r.HbaSelect, r.RequestLen, r.ResponseLen, r.RequestAdr, r.ResponseAdr};
     };
-    if (std::memcmp(rec, "VARNEX\0\0", 8) == 0 && u16(10) == 7) {
-        f["record"] = "EXT_IOCTL";
-        f["subcode"] = u16(12);
-        f["instance"] = u16(14);
-        f["request_len"] = u32(28);
-        f["response_len"] = u32(32);
-    } else if (std::memcmp(rec, "VARN", 4) == 0 && u16(6) == 5) {
-        f["record"] = "EXT_IOCTL_O";
-        f["subcode"] = u16(8);
-        f["instance"] = u16(10);
-        f["request_len"] = u32(24);
-        f["response_len"] = u32(28);
-    } else
-        f["record"] = "unknown";
-    return f;
+    if (newer) {
+        EXT_IOCTL r;
+        std::memcpy(&r, raw, sizeof r);
+        return fields(r, std::memcmp(raw, EXT_SIGNATURE, 8) == 0 && r.Version == EXT_VERSION);
+    }
+    EXT_IOCTL_O r;
+    std::memcpy(&r, raw, sizeof r);
+    return fields(r, std::memcmp(r.Signature, EXT_SIGNATURE, 4) == 0 && r.Version == EXT_VERSION_O);
+}
+
+void write_frame(uint8_t* raw, bool newer, uint32_t status, uint16_t instance, uint16_t hba_select) {
+    auto put = [&](auto& rec) {
+        std::memcpy(&rec, raw, sizeof rec);
+        rec.Status = status;
+        rec.DetailStatus = 0;
+        rec.Instance = instance;
+        rec.HbaSelect = hba_select;
+        std::memcpy(raw, &rec, sizeof rec);
+    };
+    if (newer) {
+        EXT_IOCTL r;
+        put(r);
+    } else {
+        EXT_IOCTL_O r;
+        put(r);
+    }
+}
+
+void* user_ptr(uint64_t adr) { return reinterpret_cast<void*>(static_cast<uintptr_t>(adr)); }
+
+// A fixed-size answer as far as the response buffer holds it; a cut record
+// reads as a data overrun.
+template <class T>
+void fixed(IoctlAnswer& ans, const T& rec, uint32_t room) {
+    size_t n = std::min<size_t>(sizeof rec, room);
+    ans.response.assign(reinterpret_cast<const uint8_t*>(&rec), reinterpret_cast<const uint8_t*>(&rec) + n);
+    if (n < sizeof rec)
+        ans.status = EXT_STATUS_DATA_OVERRUN;
+}
+
+// The bytes the port's "vpd" attribute shows.
+std::vector<uint8_t> vpd_bytes(const Sim& sim, const IoctlPort& p) {
+    constexpr size_t LIMIT = 64 * 1024;  // far above any VPD
+    ImageWindow w = image_window(sim, HostRef{p.adapter, p.fn, p.physical}, AttrKind::Vpd);
+    std::vector<uint8_t> out;
+    uint8_t chunk[1024];
+    while (out.size() < LIMIT) {
+        ssize_t r = image_read(w, out.size(), chunk, sizeof chunk);
+        if (r <= 0)
+            break;
+        out.insert(out.end(), chunk, chunk + r);
+    }
+    return out;
+}
+
+void query(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
+    const uint32_t room = req.response_len;
+    switch (req.subcode) {
+    case EXT_SC_QUERY_HBA_NODE: fixed(ans, ioctl_node(p), room); return;
+    case EXT_SC_QUERY_HBA_PORT: fixed(ans, ioctl_port(p), room); return;
+    case EXT_SC_QUERY_DISC_PORT:
+        if (std::optional<EXT_DISC_PORT> d = ioctl_disc_port(p, req.instance))
+            fixed(ans, *d, room);
+        else
+            ans.status = EXT_STATUS_DEV_NOT_FOUND;
+        return;
+    case EXT_SC_QUERY_DISC_TGT:
+        if (std::optional<EXT_DISC_TARGET> t = ioctl_disc_target(p, req.instance))
+            fixed(ans, *t, room);
+        else
+            ans.status = EXT_STATUS_DEV_NOT_FOUND;
+        return;
+    case EXT_SC_QUERY_DRIVER: fixed(ans, ioctl_driver(p), room); return;
+    case EXT_SC_QUERY_FW: fixed(ans, ioctl_fw(p), room); return;
+    case EXT_SC_QUERY_CHIP: fixed(ans, ioctl_chip(sim.scenario(), p), room); return;
+    case EXT_SC_QUERY_CNA_PORT:
+        // Only converged ports have FCoE data.
+        if (vx_adapter_has(p.adapter->device_id, VX_MARK_CNA))
+            fixed(ans, ioctl_cna(p), room);
+        else
+            ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE;
+        return;
+    default: ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE; return;
+    }
+}
+
+void take(IoctlAnswer& ans, ListAnswer list) {
+    ans.status = list.status;
+    ans.response = std::move(list.bytes);
+}
+
+void get_data(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
+    switch (req.subcode) {
+    case EXT_SC_GET_TGT_LUN_DATA_LIST: take(ans, ioctl_tgt_lun_list(p, req.response_len)); return;
+    case EXT_SC_GET_PORT_SUMMARY: {
+        uint32_t mask = 0;
+        if (req.request.size() < sizeof mask) {
+            ans.status = EXT_STATUS_INVALID_PARAM;
+            return;
+        }
+        std::memcpy(&mask, req.request.data(), sizeof mask);
+        take(ans, ioctl_port_summary(p, mask, req.response_len));
+        return;
+    }
+    default: ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE; return;
+    }
+}
+
+}  // namespace
+
+size_t ioctl_request_bytes(uint8_t command, uint16_t subcode) {
+    if (command == EXT_CC_GET_DATA && subcode == EXT_SC_GET_PORT_SUMMARY)
+        return sizeof(uint32_t);  // the type mask
+    if (command == EXT_CC_WWPN_TO_SCSIADDR)
+        return 8;
+    if (command == EXT_CC_GET_LUN_DATA)
+        return sizeof(FO_LUN_DATA_INPUT);
+    return 0;
+}
+
+IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, int32_t selected,
+                           const IoctlRequest& req) {
+    IoctlAnswer ans;
+    ans.instance = req.instance;
+    ans.hba_select = req.hba_select;
+    switch (req.command) {
+    case EXT_CC_GET_HBA_CNT:
+        ans.instance = static_cast<uint16_t>(std::min<size_t>(ports.size(), 0xFFFF));
+        return ans;
+    case EXT_CC_SET_INSTANCE:
+        if (req.instance >= ports.size() || ports[req.instance].missing) {
+            ans.status = EXT_STATUS_DEV_NOT_FOUND;
+            return ans;
+        }
+        ans.select = req.instance;
+        ans.port = req.instance;
+        ans.hba_select = static_cast<uint16_t>(ports[req.instance].host->host_no);
+        return ans;
+    case EXT_CC_QUERY:
+    case EXT_CC_GET_DATA:
+    case EXT_CC_DRIVER_SPECIFICS:
+    case EXT_CC_GET_LUN_DATA:
+    case EXT_CC_WWPN_TO_SCSIADDR:
+    case EXT_CC_GET_VPD: break;
+    default: ans.status = EXT_STATUS_INVALID_REQUEST; return ans;
+    }
+
+    // A descriptor answers for the instance chosen on it; one without names
+    // it in every request (HbaSelect), as a port opened after discovery does.
+    const uint32_t index = selected >= 0 ? static_cast<uint32_t>(selected) : req.hba_select;
+    if (index >= ports.size() || ports[index].missing) {
+        ans.status = EXT_STATUS_DEV_NOT_FOUND;
+        return ans;
+    }
+    ans.port = index;
+    const IoctlPort& p = ports[index];
+    switch (req.command) {
+    case EXT_CC_QUERY: query(sim, ans, p, req); break;
+    case EXT_CC_GET_DATA: get_data(ans, p, req); break;
+    case EXT_CC_DRIVER_SPECIFICS: fixed(ans, ioctl_driver_data(p), req.response_len); break;
+    case EXT_CC_GET_LUN_DATA:
+        if (req.request.size() < sizeof(FO_LUN_DATA_INPUT))
+            ans.status = EXT_STATUS_INVALID_PARAM;
+        else
+            take(ans, ioctl_fo_lun_list(p, req.response_len));
+        break;
+    case EXT_CC_WWPN_TO_SCSIADDR: {
+        uint8_t wwpn[8];
+        if (req.request.size() < sizeof wwpn) {
+            ans.status = EXT_STATUS_INVALID_PARAM;
+            break;
+        }
+        std::memcpy(wwpn, req.request.data(), sizeof wwpn);
+        if (std::optional<EXT_SCSI_ADDR> addr = ioctl_wwpn_to_scsiaddr(p, wwpn))
+            fixed(ans, *addr, req.response_len);
+        else
+            ans.status = EXT_STATUS_DEV_NOT_FOUND;
+        break;
+    }
+    case EXT_CC_GET_VPD: {
+        std::vector<uint8_t> vpd = vpd_bytes(sim, p);
+        if (vpd.empty()) {
+            ans.status = EXT_STATUS_ERR;
+            break;
+        }
+        if (vpd.size() > req.response_len) {
+            vpd.resize(req.response_len);
+            ans.status = EXT_STATUS_DATA_OVERRUN;
+        }
+        ans.response = std::move(vpd);
+        break;
+    }
+    default: break;
+    }
+    return ans;
+}
+
+std::string ioctl_command_name(uint8_t command) {
+    switch (command) {
+    case EXT_CC_QUERY: return "EXT_CC_QUERY";
+    case EXT_CC_GET_DATA: return "EXT_CC_GET_DATA";
+    case EXT_CC_GET_VPD: return "EXT_CC_GET_VPD";
+    case EXT_CC_GET_LUN_DATA: return "EXT_CC_GET_LUN_DATA";
+    case EXT_CC_DRIVER_SPECIFICS: return "EXT_CC_DRIVER_SPECIFICS";
+    case EXT_CC_WWPN_TO_SCSIADDR: return "EXT_CC_WWPN_TO_SCSIADDR";
+    case EXT_CC_SET_INSTANCE: return "EXT_CC_SET_INSTANCE";
+    case EXT_CC_GET_HBA_CNT: return "EXT_CC_GET_HBA_CNT";
+    default: {
+        char buf[8];
+        std::snprintf(buf, sizeof buf, "0x%02x", command);
+        return buf;
+    }
+    }
+}
+
+namespace {
+
+// One request on the newer or an older node; fills the journal fields.
+long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields& f) {
+    const bool newer = d.kind == NodeKind::Ioctl;
+    const uint32_t base = newer ? EXT_IOCTL_BASE : EXT_IOCTL_BASE_O;
+    f["generation"] = newer ? "new" : "old";
+    if ((request & ~0xFFu) != base)
+        return -ENOTTY;  // not a number this generation registers
+    const size_t size = newer ? sizeof(EXT_IOCTL) : sizeof(EXT_IOCTL_O);
+    uint8_t raw[sizeof(EXT_IOCTL)];
+    if (copy_from_user(raw, arg, size) < 0) {
+        f["record"] = "unreadable";
+        return -EFAULT;
+    }
+    const Frame fr = read_frame(raw, newer);
+    const auto command = static_cast<uint8_t>(request & 0xFF);
+    f["record"] = record_label(raw, size);
+    f["command"] = ioctl_command_name(command);
+    f["subcode"] = fr.subcode;
+    f["instance"] = fr.instance;
+    f["hba_select"] = fr.hba_select;
+    f["request_len"] = fr.request_len;
+    f["response_len"] = fr.response_len;
+    f["bytes"] = hex_bytes(raw, size);
+
+    std::optional<FaultAction> fault = fault_take("ioctl", hex32(request) + "/" + std::to_string(fr.subcode));
+    if (fault) {
+        f["fault"] = fault->text;
+        if (fault->kind == FaultKind::Errno)
+            return -fault->error;
+    }
+
+    IoctlAnswer ans;
+    ans.instance = fr.instance;
+    ans.hba_select = fr.hba_select;
+    if (!fr.valid) {
+        // A record of another generation or version: nothing is looked at.
+        ans.status = EXT_STATUS_UNSUPPORTED_VERSION;
+    } else {
+        IoctlRequest req;
+        req.command = command;
+        req.subcode = fr.subcode;
+        req.instance = fr.instance;
+        req.hba_select = fr.hba_select;
+        req.response_len = fr.response_len;
+        req.request.resize(std::min<size_t>(ioctl_request_bytes(command, fr.subcode), fr.request_len));
+        if (copy_from_user(req.request.data(), user_ptr(fr.request_adr), req.request.size()) < 0)
+            return -EFAULT;
+        std::lock_guard<std::mutex> lock(d.mu);
+        std::vector<IoctlPort> ports = ioctl_ports(sim.scenario(), d.kind, d.driver);
+        ans = ioctl_dispatch(sim, ports, d.selected, req);
+        if (ans.port) {
+            f["port"] = *ans.port;
+            f["host"] = ports[*ans.port].host->host_no;
+        }
+        if (fault && fault->kind == FaultKind::Status) {
+            // Overrun and underrun still carry the answer; any other status replaces it.
+            if (fault->status != EXT_STATUS_DATA_OVERRUN && fault->status != EXT_STATUS_DATA_UNDERRUN) {
+                ans.response.clear();
+                ans.select.reset();
+                ans.instance = fr.instance;
+                ans.hba_select = fr.hba_select;
+            }
+            ans.status = fault->status;
+        } else if (fault && fault->kind == FaultKind::Short) {
+            ans.response.resize((ans.response.size() + 1) / 2);
+        }
+        if (!ans.response.empty() &&
+            copy_to_user(user_ptr(fr.response_adr), ans.response.data(), ans.response.size()) < 0)
+            return -EFAULT;
+        if (ans.select)
+            d.selected = *ans.select;
+    }
+    f["status"] = ans.status;
+    f["response_bytes"] = ans.response.size();
+    write_frame(raw, newer, ans.status, ans.instance, ans.hba_select);
+    if (copy_to_user(arg, raw, size) < 0)
+        return -EFAULT;
+    return 0;
 }
 
 }  // namespace
@@ -51,20 +356,35 @@ JournalFields describe_record(const void* arg) {
 long endpoint_ioctl(const Sim& sim, Desc& d, unsigned long request, void* arg) {
     if (!sim.ok())
         return -EIO;
+    // The kernel hands drivers the number as 32 bits.
+    const auto number = static_cast<uint32_t>(request);
     JournalFields f = JournalFields::object();
     f["node"] = node_kind_name(d.kind);
     if (d.kind == NodeKind::Legacy)
         f["driver"] = d.driver;
-    std::string req = hex32(static_cast<uint32_t>(request));
-    f["request"] = req;
-    JournalFields record = describe_record(arg);
-    for (auto& [k, v] : record.items())
-        f[k] = v;
+    f["request"] = hex32(number);
     long r = -ENOTTY;
-    if (std::optional<FaultAction> fault = fault_take("ioctl", req)) {
-        f["fault"] = fault->text;
-        if (fault->kind == FaultKind::Errno)
-            r = -fault->error;
+    if (d.kind == NodeKind::Ioctl || d.kind == NodeKind::Legacy) {
+        r = answer(sim, d, number, arg, f);
+    } else {
+        // The control node registers no extended-ioctl command.
+        uint8_t raw[sizeof(EXT_IOCTL)];
+        if (copy_from_user(raw, arg, sizeof raw) < 0) {
+            f["record"] = "unreadable";
+        } else {
+            // Told by the record itself: the node has no generation of its own.
+            f["record"] = record_label(raw, sizeof raw);
+            const Frame fr = read_frame(raw, std::string_view(f["record"].get<std::string>()) != "EXT_IOCTL_O");
+            f["subcode"] = fr.subcode;
+            f["instance"] = fr.instance;
+            f["request_len"] = fr.request_len;
+            f["response_len"] = fr.response_len;
+        }
+        if (std::optional<FaultAction> fault = fault_take("ioctl", hex32(number))) {
+            f["fault"] = fault->text;
+            if (fault->kind == FaultKind::Errno)
+                r = -fault->error;
+        }
     }
     journal_result(f, r);
     journal("ioctl", f);

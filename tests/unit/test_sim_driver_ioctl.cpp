@@ -1,0 +1,310 @@
+// The extended-ioctl commands in-process: instance space, dispatcher, and the
+// records built from a model written in the test.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ioctl.h"
+#include "test_sim_driver_support.h"
+
+using namespace vxsim;
+using namespace vxsim::drv;
+
+namespace {
+
+// Egret (0x1040) and HP (0x1011) boards on the newer node, a converged board
+// on an older node with a missing function, a sysfs board that no node serves.
+const char* const MODEL = R"({"adapters": [
+  {"id": "egret", "device_id": "0x1040", "serial_number": "E40117", "channel": "ioctl",
+   "functions": [{"pci_address": "0000:03:00.0", "port": {"host_no": 7, "remote_ports": [
+     {"number": 0, "wwpn": "0x500000000000000a", "port_id": "0x0a0200", "scsi_target_id": 4, "luns": [{"lun": 0}]},
+     {"number": 1, "wwpn": "0x500000000000000b", "port_id": "0x0a0300", "roles": "FCP Initiator"},
+     {"number": 2, "wwpn": "0x500000000000000c", "port_id": "0x0a0400", "scsi_target_id": 1, "state": "Blocked",
+      "luns": [{"lun": 0}, {"lun": 1}]},
+     {"number": 3, "wwpn": "0x500000000000000d", "port_id": "0x0000e8", "scsi_target_id": 2, "loop_id": 5,
+      "roles": "FCP Target, FCP Initiator"},
+     {"number": 4, "wwpn": "0x500000000000000e", "port_id": "0xfffffc", "roles": "", "state": "Not Present"},
+     {"number": 5, "channel": 1, "wwpn": "0x500000000000000f", "port_id": "0x0a0500", "scsi_target_id": 4,
+      "luns": [{"lun": 3}]}]},
+     "vports": [{"host_no": 8}]}]},
+  {"id": "sysfs", "device_id": "0x2050", "functions": [{"pci_address": "0000:04:00.0", "port": {"host_no": 9}}]},
+  {"id": "hp", "device_id": "0x1011", "subsystem_vendor_id": "0x103c", "subsystem_device_id": "0x7101",
+   "serial_number": "HP1234567890", "channel": "ioctl",
+   "functions": [{"pci_address": "0001:0a:1f.3", "port": {"host_no": 3}}]},
+  {"id": "cna", "device_id": "0x2070", "channel": "legacy", "driver_name": "vxfcdrb",
+   "functions": [{"pci_address": "0000:05:00.0", "ioctl_missing": true, "port": {"host_no": 5}},
+                 {"pci_address": "0000:05:00.1", "port": {"host_no": 6, "vlan_id": 12}}]}
+]})";
+
+class Ioctl : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(parse_scenario(MODEL, scenario_, error)) << error;
+        sim_ = std::make_unique<Sim>("/nonexistent", scenario_, std::map<std::pair<unsigned, unsigned>, DeviceEntry>{});
+        ports_ = ioctl_ports(scenario_, NodeKind::Ioctl, "");
+        ASSERT_EQ(ports_.size(), 3u);
+    }
+    const IoctlPort& egret() const { return ports_[0]; }
+
+    Scenario scenario_;
+    std::unique_ptr<Sim> sim_;
+    std::vector<IoctlPort> ports_;
+};
+
+std::vector<uint32_t> hosts(const std::vector<IoctlPort>& ports) {
+    std::vector<uint32_t> out;
+    for (const IoctlPort& p : ports)
+        out.push_back(p.host->host_no + (p.missing ? 1000 : 0));
+    return out;
+}
+
+TEST_F(Ioctl, EachNodeServesItsChannelsPortsInScenarioOrder) {
+    EXPECT_EQ(hosts(ports_), (std::vector<uint32_t>{7, 8, 3}));
+    EXPECT_FALSE(ports_[1].physical);
+    EXPECT_EQ(hosts(ioctl_ports(scenario_, NodeKind::Legacy, "vxfcdrb")), (std::vector<uint32_t>{1005, 6}));
+    EXPECT_TRUE(ioctl_ports(scenario_, NodeKind::Legacy, "vxfcdra").empty());
+    EXPECT_TRUE(ioctl_ports(scenario_, NodeKind::Control, "").empty());
+}
+
+TEST_F(Ioctl, DispatcherSelectsInstancesAndRefusesWhatItLacks) {
+    std::vector<IoctlPort> old = ioctl_ports(scenario_, NodeKind::Legacy, "vxfcdrb");
+    struct Case {
+        const char* what;
+        const std::vector<IoctlPort>* ports;
+        int32_t selected;
+        uint8_t command;
+        uint16_t subcode, instance, hba_select;
+        size_t request;
+        uint32_t status;
+        int port;  // -1: none
+        uint16_t instance_out, hba_select_out;
+    };
+    const Case cases[] = {
+        {"count", &ports_, -1, EXT_CC_GET_HBA_CNT, 0, 9, 0, 0, 0, -1, 3, 0},
+        {"count with a hole", &old, -1, EXT_CC_GET_HBA_CNT, 0, 0, 0, 0, 0, -1, 2, 0},
+        {"select gives the host", &ports_, -1, EXT_CC_SET_INSTANCE, 0, 2, 0, 0, 0, 2, 2, 3},
+        {"select past the count", &ports_, -1, EXT_CC_SET_INSTANCE, 0, 3, 0, 0, 9, -1, 3, 0},
+        {"select a missing one", &old, -1, EXT_CC_SET_INSTANCE, 0, 0, 0, 0, 9, -1, 0, 0},
+        {"unselected: HbaSelect names it", &ports_, -1, EXT_CC_QUERY, 1, 0, 1, 0, 0, 1, 0, 1},
+        {"selected wins", &ports_, 0, EXT_CC_QUERY, 1, 0, 1, 0, 0, 0, 0, 1},
+        {"HbaSelect past the count", &ports_, -1, EXT_CC_QUERY, 1, 0, 3, 0, 9, -1, 0, 3},
+        {"HbaSelect names a missing one", &old, -1, EXT_CC_QUERY, 1, 0, 0, 0, 9, -1, 0, 0},
+        {"commands it lacks", &ports_, 0, EXT_CC_SEND_SCSI_PASSTHRU, 0, 0, 0, 0, 20, -1, 0, 0},
+        {"query sub-code it lacks", &ports_, 0, EXT_CC_QUERY, 5, 0, 0, 0, 12, 0, 0, 0},
+        {"get-data sub-code it lacks", &ports_, 0, EXT_CC_GET_DATA, 7, 0, 0, 0, 12, 0, 0, 0},
+        {"converged data of an FC port", &ports_, 0, EXT_CC_QUERY, 9, 0, 0, 0, 12, 0, 0, 0},
+        {"converged data", &old, 1, EXT_CC_QUERY, 9, 0, 0, 0, 0, 1, 0, 0},
+        {"summary without its mask", &ports_, 0, EXT_CC_GET_DATA, 106, 0, 0, 3, 6, 0, 0, 0},
+        {"WWPN too short", &ports_, 0, EXT_CC_WWPN_TO_SCSIADDR, 0, 0, 0, 7, 6, 0, 0, 0},
+        {"LUN data input too short", &ports_, 0, EXT_CC_GET_LUN_DATA, 0, 0, 0, 31, 6, 0, 0, 0},
+        {"discovered port past the list", &ports_, 0, EXT_CC_QUERY, 3, 6, 0, 0, 9, 0, 6, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        IoctlRequest req{c.command, c.subcode, c.instance, c.hba_select, std::vector<uint8_t>(c.request), 4096};
+        IoctlAnswer a = ioctl_dispatch(*sim_, *c.ports, c.selected, req);
+        EXPECT_EQ(a.status, c.status);
+        EXPECT_EQ(a.port ? static_cast<int>(*a.port) : -1, c.port);
+        EXPECT_EQ(a.instance, c.instance_out);
+        EXPECT_EQ(a.hba_select, c.hba_select_out);
+        EXPECT_EQ(a.select.has_value(), c.command == EXT_CC_SET_INSTANCE && c.status == 0);
+        if (c.status != 0) {
+            EXPECT_TRUE(a.response.empty());
+        }
+    }
+}
+
+TEST_F(Ioctl, FixedRecordsAreCutAtTheResponseLengthAsAnOverrun) {
+    const std::pair<uint16_t, size_t> queries[] = {{1, 696}, {2, 56}, {6, 200}, {7, 200}, {8, 84}};
+    for (auto [subcode, size] : queries)
+        for (uint32_t room : {uint32_t(size + 100), uint32_t(size), uint32_t(size - 1), 0u}) {
+            IoctlAnswer a = ioctl_dispatch(*sim_, ports_, 0, {EXT_CC_QUERY, subcode, 0, 0, {}, room});
+            EXPECT_EQ(a.response.size(), std::min<size_t>(size, room)) << subcode << " " << room;
+            EXPECT_EQ(a.status, room < size ? 7u : 0u) << subcode << " " << room;
+        }
+}
+
+TEST(IoctlSerial, BytesComeBackAsTheTextThroughTheLibrarysComputation) {
+    for (const char* text : {"A00000", "E40117", "T99999", "Z99999"}) {
+        std::optional<std::array<uint8_t, 3>> s = serial_bytes(text);
+        ASSERT_TRUE(s) << text;
+        uint32_t n = ((*s)[0] & 0x3Fu) * 65536 + (*s)[2] * 256u + (*s)[1];
+        char back[16];
+        std::snprintf(back, sizeof back, "%c%05u", 'A' + n / 100000, n % 100000);
+        EXPECT_STREQ(back, text);
+    }
+    for (const char* text : {"", "E4011", "E401170", "e40117", "E4011x", "VXE10400117", "540117"})
+        EXPECT_FALSE(serial_bytes(text)) << text;
+}
+
+TEST_F(Ioctl, NodeRecordCarriesTheBoardsTexts) {
+    EXT_HBA_NODE n = ioctl_node(egret());
+    EXPECT_STREQ(reinterpret_cast<const char*>(n.Manufacturer), "Varnex Corporation");
+    EXPECT_STREQ(reinterpret_cast<const char*>(n.Model), "VXE1040");
+    EXPECT_STREQ(reinterpret_cast<const char*>(n.OptRomVersion), "3.18");
+    EXPECT_EQ(std::vector<uint8_t>(n.BIFwVersion, n.BIFwVersion + 4), (std::vector<uint8_t>{8, 5, 63, 0}));
+    EXPECT_EQ(std::vector<uint8_t>(n.BIFCodeVersion, n.BIFCodeVersion + 4), (std::vector<uint8_t>{4, 2, 0, 0}));
+    EXPECT_EQ(n.InterfaceType, 1);
+    EXPECT_EQ(ioctl_node(ports_[1]).InterfaceType, 3);
+    // The HP board: serial text in the last 8 bytes, no serial bytes.
+    EXT_HBA_NODE hp = ioctl_node(ports_[2]);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(hp.Reserved), 8), "HP123456");
+    EXPECT_EQ(hp.SerialNum[0] | hp.SerialNum[1] | hp.SerialNum[2], 0);
+}
+
+TEST_F(Ioctl, PortStateAndSpeedFollowTheSysfsTables) {
+    struct Case {
+        const char* link;
+        uint16_t state, mode, topology;
+    };
+    for (const Case& c : {Case{"Link Down", 2, 0, 0}, Case{"Unknown Link State", 1, 0, 0},
+                          Case{"Link Up - Loop", 0, 2, 1}, Case{"Link Up - FL_Port", 0, 2, 4},
+                          Case{"Link Up - N_Port to N_Port", 0, 1, 2}, Case{"Link Up - F_Port", 0, 1, 8},
+                          Case{"Link Up - f_port", 2, 0, 0}}) {
+        HostPort h = *egret().host;
+        h.link_state = c.link;
+        IoctlPort p = egret();
+        p.host = &h;
+        EXT_HBA_PORT r = ioctl_port(p);
+        EXPECT_EQ((std::vector<int>{r.State, r.Mode, r.Topology}), (std::vector<int>{c.state, c.mode, c.topology}))
+            << c.link;
+    }
+    const std::pair<const char*, uint8_t> speeds[] = {{"1 Gbit", 0x01}, {"8 Gbit", 0x08}, {"10 Gbit", 0x10},
+                                                      {"16 Gbit", 0x16}, {"32 Gbit", 0x32}, {"unknown", 0}};
+    for (auto [text, code] : speeds) {
+        HostPort h = *egret().host;
+        h.speed = text;
+        IoctlPort p = egret();
+        p.host = &h;
+        EXPECT_EQ(ioctl_port(p).PortSpeed, code) << text;
+    }
+}
+
+TEST_F(Ioctl, DiscoveredPortsTargetsAndCounts) {
+    EXT_HBA_PORT port = ioctl_port(egret());
+    EXPECT_EQ(port.DiscPortCount, 3);    // roles exactly "FCP Target", blocked one included
+    EXPECT_EQ(port.DiscTargetCount, 2);  // target ids 4 (on two channels) and 1 carry LUNs
+    struct Disc {
+        uint16_t type, status, bus, target, loop;
+    };
+    const Disc ports[] = {{2, 2, 0, 4, 0xFFFF}, {1, 2, 0, 0xFFFF, 0xFFFF}, {2, 1, 0, 1, 0xFFFF},
+                          {2, 2, 0, 2, 5},      {0, 1, 0, 0xFFFF, 0xFFFF}, {2, 2, 1, 4, 0xFFFF}};
+    for (uint16_t i = 0; i < 6; ++i) {
+        std::optional<EXT_DISC_PORT> d = ioctl_disc_port(egret(), i);
+        ASSERT_TRUE(d) << i;
+        EXPECT_EQ((std::vector<int>{d->Type, d->Status, d->Bus, d->TargetId, d->LoopID}),
+                  (std::vector<int>{ports[i].type, ports[i].status, ports[i].bus, ports[i].target, ports[i].loop}))
+            << i;
+    }
+    // Targets in target-id order; a blocked one reads gone (0x1 without 0x2).
+    const std::pair<uint8_t, uint16_t> targets[] = {{0x0c, 2}, {0x0d, 0}, {0x0a, 1}, {0x0f, 1}};
+    for (uint16_t i = 0; i < 4; ++i) {
+        std::optional<EXT_DISC_TARGET> t = ioctl_disc_target(egret(), i);
+        ASSERT_TRUE(t) << i;
+        EXPECT_EQ(t->WWPN[7], targets[i].first) << i;
+        EXPECT_EQ(t->LunCount, targets[i].second) << i;
+    }
+    EXPECT_EQ(ioctl_disc_target(egret(), 0)->Status, 1);
+    EXPECT_FALSE(ioctl_disc_target(egret(), 4));
+    EXPECT_FALSE(ioctl_disc_port(egret(), 6));
+
+    const uint8_t known[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x0d}, initiator[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x0b};
+    std::optional<EXT_SCSI_ADDR> addr = ioctl_wwpn_to_scsiaddr(egret(), known);
+    ASSERT_TRUE(addr);
+    EXPECT_EQ(addr->Target, 2);
+    EXPECT_FALSE(ioctl_wwpn_to_scsiaddr(egret(), initiator));  // no SCSI target behind it
+}
+
+std::vector<uint8_t> summary_names(const ListAnswer& a, uint32_t* total) {
+    uint32_t count = 0;
+    std::memcpy(total, a.bytes.data(), 4);
+    std::memcpy(&count, a.bytes.data() + 4, 4);
+    std::vector<uint8_t> out;
+    for (uint32_t i = 0; i < count; ++i)
+        out.push_back(a.bytes[8 + i * sizeof(EXT_DEVICEDATAENTRY) + offsetof(EXT_DEVICEDATAENTRY, PortWWN) + 7]);
+    return out;
+}
+
+TEST_F(Ioctl, PortSummarySelectsByTypeMaskAndListsWhatFits) {
+    struct Case {
+        uint32_t mask;
+        std::vector<uint8_t> names;  // last WWPN byte of each entry
+    };
+    const Case cases[] = {
+        {0x0001, {0x0a, 0x0d, 0x0f}},        {0x0011, {0x0a, 0x0c, 0x0d, 0x0f}},
+        {0x0002, {0x0b}},                    {0x0014, {0x0e}},
+        {0x0004, {}},                        {0x0008, {}},
+        {0x1000, {0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f}}, {0x0020, {}},
+    };
+    for (const Case& c : cases) {
+        uint32_t total = 0;
+        ListAnswer a = ioctl_port_summary(egret(), c.mask, 65536);
+        EXPECT_EQ(summary_names(a, &total), c.names) << std::hex << c.mask;
+        EXPECT_EQ(total, c.names.size()) << std::hex << c.mask;
+    }
+    // Room for one entry of three: all counted, one listed, nothing past the room.
+    const uint32_t room = 8 + sizeof(EXT_DEVICEDATAENTRY) * 2 - 1;
+    uint32_t total = 0;
+    ListAnswer a = ioctl_port_summary(egret(), 0x0001, room);
+    EXPECT_EQ(summary_names(a, &total), (std::vector<uint8_t>{0x0a}));
+    EXPECT_EQ(total, 3u);
+    EXPECT_EQ(a.status, 0u);
+    EXPECT_EQ(ioctl_port_summary(egret(), 0x0001, 7).status, 6u);
+
+    // The loop target: both roles, no fabric address; its TargetAddress and loop id.
+    EXT_DEVICEDATAENTRY e;
+    std::memcpy(&e, ioctl_port_summary(egret(), 0x0001, 65536).bytes.data() + 8 + sizeof e, sizeof e);
+    EXPECT_EQ(e.ControlFlags, 0x03);
+    EXPECT_EQ((std::vector<int>{e.TargetAddress.Bus, e.TargetAddress.Target, e.LoopID, int(e.DeviceFlags)}),
+              (std::vector<int>{0, 2, 5, 1}));
+}
+
+TEST_F(Ioctl, LunListsMapLunsAsTheSysfsChannelDecodesThem) {
+    // One online target with LUNs whose 16-bit numbers use each addressing method.
+    Adapter a = *egret().adapter;
+    HostPort h;
+    RemotePort r;
+    r.scsi_target_id = 3;
+    for (uint16_t lun : {0, 7, 256, 0x4005, 0x4FFF, 0x7002, 0x8025, 0xC001})
+        r.luns.push_back(Lun{lun});
+    h.remote_ports = {r};
+    for (uint32_t flags : {0x04u, 0x00u}) {
+        a.driver_flags = flags;
+        const size_t map = flags ? 4096 : 2048, entry = 32 + map;
+        IoctlPort p{&a, 0, &h, true, false};
+        ListAnswer list = ioctl_tgt_lun_list(p, static_cast<uint32_t>(32 + entry));
+        ASSERT_EQ(list.bytes.size(), 32 + entry) << flags;
+        EXPECT_EQ(list.status, 0u);
+        TGT_LUN_DATA_ENTRY e;
+        std::memcpy(&e, list.bytes.data() + 32, 32);
+        std::vector<size_t> marked;
+        for (size_t i = 0; i < map; ++i)
+            if (list.bytes[64 + i] == 0x80)
+                marked.push_back(i);
+        // 256 and 0xC001 read as 0 and 1 (low byte), 0x4005, 0x7002 and 0x8025 as 5, 2
+        // and 5 (low 12 and 5 bits); 0x4FFF reads 4095, which only the large map holds.
+        EXPECT_EQ(marked, flags ? (std::vector<size_t>{0, 1, 2, 5, 7, 4095}) : (std::vector<size_t>{0, 1, 2, 5, 7}));
+        EXPECT_EQ(e.LunCount, flags ? 8 : 7);
+        EXPECT_EQ(e.TargetId, 3);
+        EXPECT_EQ(ioctl_tgt_lun_list(p, static_cast<uint32_t>(32 + entry - 1)).status, 6u) << "no entry fits";
+    }
+    // Only online ports whose roles are exactly "FCP Target"; FO entries are numbered.
+    ListAnswer fo = ioctl_fo_lun_list(egret(), 1u << 20);
+    FO_LUN_DATA_LIST head;
+    std::memcpy(&head, fo.bytes.data(), 32);
+    ASSERT_EQ(head.EntryCount, 2);
+    FO_EXTERNAL_LUN_DATA_ENTRY second;
+    std::memcpy(&second, fo.bytes.data() + 32 + 32 + 4096, 32);
+    EXPECT_EQ(second.PortName[7], 0x0f);
+    EXPECT_EQ(second.Dev_No, 1);
+    EXPECT_EQ(second.LunCount, 1);  // counted by target id on channel 0: the channel-0 target 4's LUN
+    HostPort empty;
+    EXPECT_EQ(ioctl_tgt_lun_list({egret().adapter, 0, &empty, true, false}, 1u << 20).status, 9u);
+}
+
+}  // namespace
