@@ -44,8 +44,8 @@ void version_numbers(const char* text, uint8_t out[4]) {
 
 // A boot-image version: its attribute, or when that is empty the VPD
 // keyword of the same image, parsed with `vpd_format` (two or three numbers).
-void boot_version(vxapi_priv_database* inst, const char* attr, const char* keyword, const char* vpd_format,
-                  uint8_t out[4]) {
+void boot_version(vxapi_priv_database* inst, vxapi_priv_database* vpd_port, const char* attr, const char* keyword,
+                  const char* vpd_format, uint8_t out[4]) {
     char text[VXSYSFS_ATTR_LEN];
     scsi_host_text(inst->host_no, attr, text, sizeof text);
     if (text[0] != '\0') {
@@ -53,7 +53,7 @@ void boot_version(vxapi_priv_database* inst, const char* attr, const char* keywo
         return;
     }
     uint8_t field[VXSYSFS_ATTR_LEN] = {};
-    if (vxsysfs_get_field_from_vpd(inst, keyword, 2, field, sizeof field - 1) != 0)
+    if (vxsysfs_get_field_from_vpd(vpd_port, keyword, 2, field, sizeof field - 1) != 0)
         return;
     unsigned char parts[3] = {out[0], out[1], out[2]};
     sscanf(reinterpret_cast<const char*>(field), vpd_format, &parts[0], &parts[1], &parts[2]);
@@ -334,12 +334,15 @@ int vxsysfs_query_hbanode(uint32_t handle, vxapi_priv_database* instance, EXT_HB
     if (sscanf(text, "%hhu.%hhu.%hhu", &v[0], &v[1], &v[2]) > 0)
         memcpy(node->BIPepFwVersion, v, sizeof v);
 
+    // The VPD is the adapter's: a virtual port reads its physical port's.
+    vxapi_priv_database* vpd_port =
+        instance->interface_type == VX_IFTYPE_VIRTUAL && instance->parent ? instance->parent : instance;
     scsi_host_text(n, "optrom_bios_version", reinterpret_cast<char*>(node->OptRomVersion), sizeof node->OptRomVersion);
     if (node->OptRomVersion[0] == '\0')
-        vxsysfs_get_field_from_vpd(instance, "V4", 2, node->OptRomVersion, sizeof node->OptRomVersion - 1);
-    boot_version(instance, "optrom_fcode_version", "V5", "%hhu.%hhu", node->BIFCodeVersion);
-    boot_version(instance, "optrom_efi_version", "V1", "%hhu.%hhu", node->BIEfiVersion);
-    boot_version(instance, "optrom_fw_version", "V3", "%hhu.%hhu.%hhu", node->BIFwVersion);
+        vxsysfs_get_field_from_vpd(vpd_port, "V4", 2, node->OptRomVersion, sizeof node->OptRomVersion - 1);
+    boot_version(instance, vpd_port, "optrom_fcode_version", "V5", "%hhu.%hhu", node->BIFCodeVersion);
+    boot_version(instance, vpd_port, "optrom_efi_version", "V1", "%hhu.%hhu", node->BIEfiVersion);
+    boot_version(instance, vpd_port, "optrom_fw_version", "V3", "%hhu.%hhu.%hhu", node->BIFwVersion);
     node->InterfaceType = static_cast<uint16_t>(instance->interface_type);
 
     const vxapi_phy_info* phy = instance->phy_info;

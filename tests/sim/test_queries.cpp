@@ -1,0 +1,563 @@
+// Device properties, discovered ports and targets, the port database and
+// target LUN lists, through the exported interface in simulated hosts
+// (sysfs channel). Caller records are filled with a pattern first, so that
+// every byte a call must not write is seen to stay as it was.
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "simtest.h"
+#include "vsdmgt.h"
+
+namespace {
+
+namespace st = vxsim::test;
+
+constexpr uint8_t PATTERN = 0xA5;
+
+template <typename T>
+T patterned() {
+    T record;
+    memset(&record, PATTERN, sizeof record);
+    return record;
+}
+
+bool untouched(const void* p, size_t n) {
+    const auto* b = static_cast<const uint8_t*>(p);
+    for (size_t i = 0; i < n; ++i)
+        if (b[i] != PATTERN)
+            return false;
+    return true;
+}
+
+// Opens every port; handle of instance i at [i].
+std::vector<int> open_all() {
+    std::vector<int> handles;
+    const uint32_t count = SDGetNumberOfAdapters();
+    for (uint32_t i = 0; i < count; ++i) {
+        SD_UINT32 h = 0;
+        EXPECT_EQ(SDOpenDevice(i, &h), 0u) << i;
+        handles.push_back(static_cast<int>(h));
+    }
+    return handles;
+}
+
+std::vector<uint8_t> wwn(uint64_t v) {
+    std::vector<uint8_t> out(8);
+    for (int i = 7; i >= 0; --i, v >>= 8)
+        out[static_cast<size_t>(i)] = static_cast<uint8_t>(v);
+    return out;
+}
+
+std::vector<uint8_t> bytes(const uint8_t* p, size_t n) { return std::vector<uint8_t>(p, p + n); }
+
+std::string text(const char* p, size_t n) { return std::string(p, strnlen(p, n)); }
+
+std::string attr(const std::string& path) {
+    std::string t = st::read_text(path);
+    while (!t.empty() && t.back() == '\n')
+        t.pop_back();
+    return t;
+}
+
+// One Wren board: function 0x1c.3 with a virtual port, function 0x1c.4;
+// a 20-character model name, no boot-code attributes (versions from VPD),
+// a serial number of the computed form.
+const char* const NODE = R"json({"name": "node", "adapters": [
+  {"id": "wren0", "device_id": "0x2031", "serial_number": "K12345", "model_name": "VXW2031-EXTENDED-NAM",
+   "optrom_attrs": false, "fw_version": "8.05.63 (d0d5)", "driver_version": "10.02.00.103-k",
+   "flash": {"bios": "3.18", "fcode": "4.02", "efi": "6.01", "firmware": "8.05.63"},
+   "functions": [
+     {"pci_address": "0000:0a:1c.3", "sg_tablesize": 256,
+      "port": {"host_no": 4, "wwnn": "20:00:00:1d:5a:20:31:04", "wwpn": "21:00:00:1d:5a:20:31:04",
+               "port_id": "0x0b0400"},
+      "vports": [{"host_no": 6, "wwnn": "20:01:00:1d:5a:20:31:04", "wwpn": "21:01:00:1d:5a:20:31:04",
+                  "port_id": "0x0b0401", "vport_id": 1}]},
+     {"pci_address": "0000:0a:1c.4",
+      "port": {"host_no": 5, "wwnn": "20:00:00:1d:5a:20:31:05", "wwpn": "21:00:00:1d:5a:20:31:05",
+               "port_id": "0x0b0500"}}]}]})json";
+
+// One Plover board with eight functions, one link text and speed each.
+const char* const LINKS = R"json({"name": "links", "adapters": [
+  {"id": "plover0", "device_id": "0x2051", "serial_number": "VXP20510001", "functions": [
+    {"pci_address": "0000:03:00.0", "port": {"host_no": 10, "link_state": "Link Down", "speed": "1 Gbit",
+     "fw_state": [1, 2, 3, 4, 5, 6]}},
+    {"pci_address": "0000:03:00.1", "port": {"host_no": 11, "link_state": "Unknown Link State", "speed": "2 Gbit"}},
+    {"pci_address": "0000:03:00.2", "port": {"host_no": 12, "link_state": "Link Up - Loop", "speed": "4 Gbit"}},
+    {"pci_address": "0000:03:00.3", "port": {"host_no": 13, "link_state": "Link Up - FL_Port", "speed": "8 Gbit"}},
+    {"pci_address": "0000:03:00.4",
+     "port": {"host_no": 14, "link_state": "Link Up - N_Port to N_Port", "speed": "10 Gbit"}},
+    {"pci_address": "0000:03:00.5", "port": {"host_no": 15, "link_state": "Link Up - F_Port", "speed": "16 Gbit"}},
+    {"pci_address": "0000:03:00.6", "port": {"host_no": 16, "link_state": "Link Up - Fabric", "speed": "32 Gbit"}},
+    {"pci_address": "0000:03:00.7",
+     "port": {"host_no": 17, "has_link_state": false, "link_state": "Link Up - Loop", "speed": "unknown"}}]}]})json";
+
+// One port that has discovered every kind of remote port: FCP targets
+// (online, blocked, also an initiator), an initiator, a fabric service and
+// an IP port on channel 2 (listed last: remote ports come in name order).
+// Target 0's LUNs use every address method.
+const char* const DISCOVERED = R"json({"name": "discovered", "adapters": [
+  {"id": "tern0", "device_id": "0x2061", "serial_number": "VXT20610001", "functions": [
+    {"pci_address": "0000:07:00.0", "port": {"host_no": 1, "wwpn": "21:00:00:1d:5a:20:61:01", "port_id": "0x020100",
+     "remote_ports": [
+       {"number": 0, "wwnn": "50:00:00:00:00:00:00:00", "wwpn": "50:00:00:00:00:00:00:10", "port_id": "0x020400",
+        "scsi_target_id": 0,
+        "luns": [{"lun": 0}, {"lun": 5}, {"lun": 16640}, {"lun": 17409}, {"lun": 32775}]},
+       {"number": 1, "wwnn": "50:00:00:00:00:00:01:00", "wwpn": "50:00:00:00:00:00:01:10", "port_id": "0x020500",
+        "roles": "FCP Initiator"},
+       {"number": 2, "wwnn": "50:00:00:00:00:00:02:00", "wwpn": "50:00:00:00:00:00:02:10", "port_id": "0x020600",
+        "state": "Blocked", "scsi_target_id": 2, "luns": [{"lun": 0}]},
+       {"number": 3, "wwnn": "20:fc:00:00:00:00:00:00", "wwpn": "21:fc:00:00:00:00:00:00", "port_id": "0xfffffc",
+        "roles": "unknown"},
+       {"number": 4, "channel": 2, "wwnn": "50:00:00:00:00:00:04:00", "wwpn": "50:00:00:00:00:00:04:10",
+        "port_id": "0x020800", "roles": "IP Port"},
+       {"number": 5, "wwnn": "50:00:00:00:00:00:05:00", "wwpn": "50:00:00:00:00:00:05:10", "port_id": "0x020900",
+        "roles": "FCP Target, FCP Initiator", "scsi_target_id": 3, "luns": [{"lun": 0}, {"lun": 1}]}]}}]}]})json";
+
+// Converged boards: a Kite pair (FCF available on one port only) and a Crane
+// of the multi-processor family.
+const char* const CONVERGED = R"json({"name": "converged", "adapters": [
+  {"id": "kite0", "device_id": "0x2010", "serial_number": "VXK20100001", "functions": [
+    {"pci_address": "0000:04:00.0", "port": {"host_no": 1, "vlan_id": 1002, "vn_port_mac": "0e:fc:00:01:02:03",
+     "fabric_param": 0}},
+    {"pci_address": "0000:04:00.1", "port": {"host_no": 2, "vlan_id": 7, "vn_port_mac": "0e:fc:00:0a:0b:0c",
+     "fabric_param": 512}}]},
+  {"id": "crane0", "device_id": "0x2070", "serial_number": "VXC20700001", "mpi_version": "2.1.4",
+   "pep_version": "1.0.9", "functions": [{"pci_address": "0000:06:00.0", "port": {"host_no": 3}}]}]})json";
+
+}  // namespace
+
+// ---- Node ----
+
+SIM_TEST(Queries, NodeConversion, NODE) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 3u);  // host 4, its vport 6, host 5
+    for (size_t i = 0; i < h.size(); ++i) {
+        SCOPED_TRACE(i);
+        auto n = patterned<DEVICENODEPROPERTY>();
+        n.BIValid = 0x100;
+        ASSERT_EQ(SDGetHbaDeviceNodeProperty(h[i], &n), 0u);
+        // At most 15 characters of the model, the rest of the field is the caller's.
+        EXPECT_EQ(text(n.Model, 16), "VXW2031-EXTENDE");
+        EXPECT_TRUE(untouched(n.Model + 16, sizeof n.Model - 16));
+        EXPECT_EQ(text(n.Manufacturer, sizeof n.Manufacturer), "Varnex Corporation");
+        EXPECT_EQ(text(reinterpret_cast<char*>(n.SerialNumber), sizeof n.SerialNumber), "K12345");
+        EXPECT_EQ(text(n.DriverVersion, sizeof n.DriverVersion), "10.02.00.103-k");
+        EXPECT_EQ(text(n.FirmwareVersion, sizeof n.FirmwareVersion), "8.05.63 (d0d5)");
+        EXPECT_NE(strstr(text(n.OptionRomVersion, sizeof n.OptionRomVersion).c_str(), "3.18"), nullptr)
+            << "BIOS version from VPD";
+        // The validity bits are added to what the caller had.
+        EXPECT_EQ(n.BIValid, 0x107u);
+        EXPECT_EQ(bytes(n.BIFwVersion, 4), (std::vector<uint8_t>{8, 5, 63, 0}));
+        EXPECT_EQ(bytes(n.BIEfiVersion, 4), (std::vector<uint8_t>{6, 1, 0, 0}));
+        EXPECT_EQ(bytes(n.BIFCodeVersion, 4), (std::vector<uint8_t>{4, 2, 0, 0}));
+        // Not a multi-processor board: its fields stay the caller's.
+        EXPECT_TRUE(untouched(n.MpiFwVersion, 16));
+        EXPECT_TRUE(untouched(n.Reserved, sizeof n.Reserved));
+        const bool vport = i == 1;
+        EXPECT_EQ(n.InterfaceType, vport ? 3 : 1);
+        EXPECT_EQ(n.NumberOfPorts, vport ? 2 : 1) << "a physical port counts one, a virtual one its board's";
+    }
+    auto n = patterned<DEVICENODEPROPERTY>();
+    ASSERT_EQ(SDGetHbaDeviceNodeProperty(h[0], &n), 0u);
+    EXPECT_EQ(bytes(n.WWN, 8), wwn(0x2000001d5a203104));
+}
+
+SIM_TEST(Queries, MultiProcessorBoardWithoutLayoutFailsAfterRunningVersions, CONVERGED) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 3u);
+    auto n = patterned<DEVICENODEPROPERTY>();
+    EXPECT_EQ(SDGetHbaDeviceNodeProperty(h[2], &n), 0x20000075u);
+    // The running versions and the common fields are written before the layout is asked for.
+    EXPECT_EQ(bytes(n.MpiFwVersion, 3), (std::vector<uint8_t>{2, 1, 4}));
+    EXPECT_EQ(bytes(n.PepFwVersion, 3), (std::vector<uint8_t>{1, 0, 9}));
+    EXPECT_EQ(n.BIValid & 0xFF, 0xA7u);
+    EXPECT_TRUE(untouched(n.BIMpiFwVersion, 8));
+}
+
+// ---- Port ----
+
+SIM_TEST(Queries, PortLinkStateAndSpeedTables, LINKS) {
+    struct Row {
+        uint8_t state;
+        int mode;  // -1: the caller's byte stays
+        uint32_t speed;
+    };
+    const Row rows[] = {
+        {3, -1, 0x01}, {2, -1, 0x02}, {1, 2, 0x04}, {1, 2, 0x08},
+        {1, 1, 0x10},  {1, 1, 0x16},  {3, -1, 0x32}, {1, 2, 0x00},
+    };
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 8u);
+    for (size_t i = 0; i < h.size(); ++i) {
+        SCOPED_TRACE(i);
+        auto p = patterned<DEVICEPORTPROPERTY>();
+        ASSERT_EQ(SDGetHbaDevicePortProperty(h[i], 0, &p), 0u);
+        EXPECT_EQ(p.PortState, rows[i].state);
+        EXPECT_EQ(p.ConnectionMode, rows[i].mode < 0 ? PATTERN : rows[i].mode);
+        EXPECT_EQ(p.PortSpeed, rows[i].speed);
+        EXPECT_EQ(p.PortType, 1);
+        EXPECT_TRUE(untouched(p.DeviceName, sizeof p.DeviceName));
+        EXPECT_TRUE(untouched(p.Reserved, sizeof p.Reserved));
+    }
+    auto p = patterned<DEVICEPORTPROPERTY>();
+    ASSERT_EQ(SDGetHbaDevicePortProperty(h[0], 0, &p), 0u);
+    EXPECT_EQ((std::vector<unsigned>{p.LinkState1, p.LinkState2, p.LinkState3, p.LinkState6}),
+              (std::vector<unsigned>{1, 2, 3, 6}));
+}
+
+SIM_TEST(Queries, DiscoveredCountsAndIndexedPorts, DISCOVERED) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 1u);
+    auto p = patterned<DEVICEPORTPROPERTY>();
+    ASSERT_EQ(SDGetHbaDevicePortProperty(h[0], 0, &p), 0u);
+    EXPECT_EQ(bytes(p.WWN, 8), wwn(0x2100001d5a206101));
+    EXPECT_EQ(bytes(p.PortID, 3), (std::vector<uint8_t>{0x02, 0x01, 0x00}));
+    // Ports whose roles are exactly "FCP Target", online or not; targets are
+    // the distinct target ids that have LUNs.
+    EXPECT_EQ(p.DiscPortCount, 2);
+    EXPECT_EQ(p.DiscTargetCount, 3);
+
+    // The indexed list holds the online exact targets only: fewer than counted.
+    auto d = patterned<DISCPORTPROPERTY>();
+    ASSERT_EQ(SDGetDiscPortProperty(h[0], 0, 0, 0, &d), 0u);
+    EXPECT_EQ(bytes(d.NodeWWN, 8), wwn(0x5000000000000000));
+    EXPECT_EQ(bytes(d.PortWWN, 8), wwn(0x5000000000000010));
+    EXPECT_EQ(bytes(d.PortID, 3), (std::vector<uint8_t>{0x02, 0x04, 0x00}));
+    EXPECT_EQ(d.PortType, 2);
+    EXPECT_EQ(d.TargetID, 0);
+    EXPECT_EQ(d.BusNumber, 0);
+    EXPECT_EQ(d.LoopID, 0xFFFF);
+    EXPECT_EQ(d.Local, PATTERN);
+    EXPECT_TRUE(untouched(d.Reserved, sizeof d.Reserved));
+    d = patterned<DISCPORTPROPERTY>();
+    EXPECT_EQ(SDGetDiscPortProperty(h[0], 0, 1, 0, &d), SDM_STATUS_DEVICE_NOT_FOUND);
+    EXPECT_TRUE(untouched(&d, sizeof d));
+    EXPECT_EQ(SDGetDiscPortProperty(h[0], 0, 0x10000, 0, &d), 0u) << "the index is 16 bits wide";
+}
+
+SIM_TEST(Queries, DiscoveredTargetsByTargetId, DISCOVERED) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 1u);
+    struct Row {
+        uint32_t tid;
+        uint32_t status;
+        uint64_t wwpn;
+    };
+    // A blocked target and one that is also an initiator are targets here.
+    for (const Row& r : {Row{0, 0, 0x5000000000000010}, Row{2, 0, 0x5000000000000210},
+                         Row{3, 0, 0x5000000000000510}, Row{1, SDM_STATUS_DEVICE_NOT_FOUND, 0},
+                         Row{9, SDM_STATUS_DEVICE_NOT_FOUND, 0}}) {
+        SCOPED_TRACE(r.tid);
+        auto t = patterned<DISCTARGETPROPERTY>();
+        ASSERT_EQ(SDGetDiscTargetProperty(h[0], 0, r.tid, 0, &t), r.status);
+        if (r.status != 0) {
+            EXPECT_TRUE(untouched(&t, sizeof t));
+            continue;
+        }
+        EXPECT_EQ(bytes(t.PortWWN, 8), wwn(r.wwpn));
+        EXPECT_EQ(t.TargetID, r.tid);
+        EXPECT_EQ(t.PortType, 2);
+        EXPECT_EQ(t.BusNumber, 0);
+        EXPECT_EQ(t.LoopID, 0);
+        EXPECT_EQ(t.Local, PATTERN);
+    }
+}
+
+// ---- Port database ----
+
+namespace {
+
+struct Database {
+    std::vector<uint8_t> buf;
+    uint32_t status = 0;
+    DEVICEINFO* info() { return reinterpret_cast<DEVICEINFO*>(buf.data()); }
+    DEVICEINFOENTRY* entry(size_t i) {
+        return reinterpret_cast<DEVICEINFOENTRY*>(buf.data() + 8 + i * sizeof(DEVICEINFOENTRY));
+    }
+};
+
+// The database into a patterned buffer of `size` bytes (with room to spare
+// behind it, so that a write past `size` shows).
+Database port_database(int handle, uint16_t mode, uint32_t size) {
+    Database db;
+    db.buf.assign(size + 4 * sizeof(DEVICEINFOENTRY), PATTERN);
+    db.status = SDGetPortDatabase(handle, mode, db.info(), size);
+    return db;
+}
+
+}  // namespace
+
+SIM_TEST(Queries, PortDatabaseTypeMask, DISCOVERED) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 1u);
+    struct Row {
+        uint16_t mode;
+        std::vector<uint64_t> wwpns;  // in list order
+    };
+    const uint64_t t0 = 0x5000000000000010, init = 0x5000000000000110, blocked = 0x5000000000000210,
+                   fabric = 0x21fc000000000000, ip = 0x5000000000000410, dual = 0x5000000000000510;
+    const Row rows[] = {
+        {0x0001, {t0, dual}},
+        {0x0011, {t0, blocked, dual}},
+        {0x0002, {init}},
+        {0x0004, {fabric}},
+        {0x0008, {ip}},
+        {0x000F, {t0, init, fabric, dual, ip}},
+        {0x1000, {t0, init, blocked, fabric, dual, ip}},
+        {0x0020, {}},  // not a mask bit: nothing is selected
+        {0x0000, {}},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.mode);
+        Database db = port_database(h[0], r.mode, 4096);
+        ASSERT_EQ(db.status, 0u);
+        ASSERT_EQ(db.info()->TotalDevices, r.wwpns.size());
+        ASSERT_EQ(db.info()->ReturnListEntryCount, r.wwpns.size());
+        for (size_t i = 0; i < r.wwpns.size(); ++i)
+            EXPECT_EQ(bytes(db.entry(i)->PortWWN, 8), wwn(r.wwpns[i])) << i;
+    }
+
+    Database db = port_database(h[0], 0x1000, 4096);
+    ASSERT_EQ(db.status, 0u);
+    struct Entry {
+        size_t index;
+        uint8_t control;
+        uint32_t flags;
+        uint16_t bus;
+        uint16_t target;
+        std::vector<uint8_t> port_id;
+    };
+    for (const Entry& e : {Entry{0, 0x09, 1, 0, 0, {0x02, 0x04, 0x00}}, Entry{1, 0x0A, 1, 0, 0xFFFF, {0x02, 0x05, 0x00}},
+                           Entry{2, 0x09, 0, 0, 2, {0x02, 0x06, 0x00}}, Entry{3, 0x08, 1, 0, 0xFFFF, {0xFF, 0xFF, 0xFC}},
+                           Entry{4, 0x0B, 1, 0, 3, {0x02, 0x09, 0x00}},
+                           Entry{5, 0x08, 1, 2, 0xFFFF, {0x02, 0x08, 0x00}}}) {
+        SCOPED_TRACE(e.index);
+        const DEVICEINFOENTRY* d = db.entry(e.index);
+        EXPECT_EQ(d->ControlFlags, e.control);
+        EXPECT_EQ(d->DeviceFlags, e.flags);
+        EXPECT_EQ(d->TargetAddress.BusNumber, e.bus);
+        EXPECT_EQ(d->TargetAddress.TargetID, e.target);
+        EXPECT_EQ(d->TargetAddress.LUN, 0);
+        EXPECT_EQ(bytes(d->PortID, 3), e.port_id);
+        EXPECT_EQ(d->LoopID, 0xFFFF);
+        EXPECT_EQ(d->BaseLunNumber, 0);
+        EXPECT_TRUE(untouched(d->Reserved, sizeof d->Reserved));
+        EXPECT_TRUE(untouched(d->TargetAddress.Reserved, sizeof d->TargetAddress.Reserved));
+    }
+    EXPECT_EQ(bytes(db.entry(0)->NodeWWN, 8), wwn(0x5000000000000000));
+}
+
+SIM_TEST(Queries, PortDatabaseCapacity, DISCOVERED) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 1u);
+    struct Row {
+        uint32_t size;
+        uint32_t status;
+        uint32_t written;  // of the three online and blocked targets (mode 0x11)
+    };
+    const Row rows[] = {
+        {300, SDM_STATUS_BUFFER_TOO_SMALL, 1}, {591, SDM_STATUS_BUFFER_TOO_SMALL, 1},
+        {592, SDM_STATUS_BUFFER_TOO_SMALL, 2}, {884, 0, 3},
+        {100000, 0, 3},
+        // Room for the header alone: the header is all that is written.
+        {299, SDM_STATUS_BUFFER_TOO_SMALL, 0}, {8, SDM_STATUS_BUFFER_TOO_SMALL, 0},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.size);
+        Database db = port_database(h[0], 0x11, r.size);
+        ASSERT_EQ(db.status, r.status);
+        EXPECT_EQ(db.info()->TotalDevices, 3u);
+        EXPECT_EQ(db.info()->ReturnListEntryCount, r.written);
+        // Nothing past the entries written, and never past the size given.
+        const size_t end = 8 + r.written * sizeof(DEVICEINFOENTRY);
+        EXPECT_LE(end, std::max<size_t>(r.size, 8));
+        EXPECT_TRUE(untouched(db.buf.data() + end, db.buf.size() - end));
+    }
+    // Not even the header fits: nothing is written at all.
+    Database db = port_database(h[0], 0x11, 7);
+    EXPECT_EQ(db.status, SDM_STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(untouched(db.buf.data(), db.buf.size()));
+}
+
+// ---- LUNs ----
+
+SIM_TEST(Queries, TargetLunListDecodesAddressMethods, DISCOVERED) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 1u);
+    // 16640 and 17409 are flat-space LUNs 256 and 1025, 32775 logical unit 7.
+    std::vector<SD_UINT16> luns(16, 0xA5A5);
+    SD_UINT32 count = 16;
+    ASSERT_EQ(SDGetTargetLunList(h[0], 0, luns.data(), &count), 0u);
+    ASSERT_EQ(count, 5u);
+    EXPECT_EQ(std::vector<SD_UINT16>(luns.begin(), luns.begin() + 5), (std::vector<SD_UINT16>{0, 5, 7, 256, 1025}));
+    EXPECT_EQ(luns[5], 0xA5A5);
+
+    // Too small: the true count and the first LUNs.
+    luns.assign(4, 0xA5A5);
+    count = 2;
+    ASSERT_EQ(SDGetTargetLunList(h[0], 0, luns.data(), &count), SDM_STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(count, 5u);
+    EXPECT_EQ(luns, (std::vector<SD_UINT16>{0, 5, 0xA5A5, 0xA5A5}));
+    count = 0;
+    ASSERT_EQ(SDGetTargetLunList(h[0], 0, nullptr, &count), SDM_STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(count, 5u);
+
+    // Only online ports whose roles are exactly "FCP Target" are in the list
+    // (not the blocked target 2, nor target 3, also an initiator); ids above
+    // 255 never are.
+    for (uint16_t tid : {2, 3, 1, 9, 256}) {
+        count = 4;
+        EXPECT_EQ(SDGetTargetLunList(h[0], tid, luns.data(), &count), SDM_STATUS_DEVICE_NOT_FOUND) << tid;
+    }
+    count = 4;
+    EXPECT_EQ(SDGetTargetLunList(h[0], 0, nullptr, &count), SDM_STATUS_INVALID_PARAMETER);
+}
+
+// ---- Chip, driver, firmware ----
+
+SIM_TEST(Queries, ChipFromThePciFunction, NODE) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 3u);
+    const std::string pci = "/sys/bus/pci/devices/0000:0a:1c.3/";
+    unsigned long long io = 0, io_end = 0, mem = 0, mem_end = 0, flags = 0;
+    ASSERT_EQ(sscanf(st::read_text(pci + "resource").c_str(), "%llx %llx %llx %llx %llx", &io, &io_end, &flags, &mem,
+                     &mem_end),
+              5);
+    for (size_t i : {0, 1, 2}) {
+        SCOPED_TRACE(i);
+        auto c = patterned<CHIPPROPERTY>();
+        ASSERT_EQ(SDGetHbaDeviceChipProperty(h[i], &c), 0u);
+        EXPECT_EQ(c.VendorID, 0x1D5A);
+        EXPECT_EQ(c.DeviceID, 0x2031);
+        EXPECT_EQ(c.ChipType, 0x2031);
+        EXPECT_EQ(c.SubVendorID, 0x1D5A);
+        EXPECT_EQ(c.PciBusNumber, 0x0A);
+        EXPECT_EQ(c.DomainNr, 0);
+        // Device and function, not the slot alone.
+        EXPECT_EQ(c.PciSlotNumber, i == 2 ? (0x1C << 3 | 4) : (0x1C << 3 | 3));
+        EXPECT_EQ(c.PortNumber, i == 2 ? 2 : 1);
+        // Wren boards train to 5.0 GT/s x8 (speed code 2, width in bits 9:4).
+        EXPECT_EQ(c.PcieLinkCap, 0x82);
+        EXPECT_EQ(c.PcieLinkStat, 0x82);
+        for (uint16_t w : c.OutMbx)
+            EXPECT_EQ(w, 0);
+        EXPECT_TRUE(untouched(c.Reserved, sizeof c.Reserved));
+        EXPECT_EQ(c.Reserved1, PATTERN);
+        if (i == 0) {
+            EXPECT_EQ(c.IoAddress, io);
+            EXPECT_EQ(c.IoAddressLength, io_end - io + 1);
+            EXPECT_EQ(c.MemoryAddress, mem);
+            EXPECT_EQ(c.MemoryAddressLength, mem_end - mem + 1);
+            EXPECT_EQ(c.InterruptLevel, std::stoul(attr(pci + "irq")));
+        }
+    }
+}
+
+SIM_TEST(Queries, DriverAndFirmware, NODE) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 3u);
+    auto d = patterned<DRIVERPROPERTY>();
+    ASSERT_EQ(SDGetHbaDeviceDriverProperty(h[0], &d), 0u);
+    EXPECT_EQ(text(reinterpret_cast<char*>(d.Version), sizeof d.Version), "10.02.00.103-k");
+    EXPECT_EQ(d.NumberOfBus, 1);
+    EXPECT_EQ(d.TargetsPerBus, 512);
+    EXPECT_EQ(d.LunsPerTarget, 256);
+    EXPECT_EQ(d.MaximumTransferLen, 0xFFFFFFFFu);
+    EXPECT_EQ(d.MaximumDataSegments, 256u);
+    EXPECT_TRUE(untouched(d.Reserved, sizeof d.Reserved));
+
+    auto f = patterned<FIRMWAREPROPERTY>();
+    ASSERT_EQ(SDGetHbaDeviceFirmwareProperty(h[0], &f), 0u);
+    // Binary major, minor, subminor; the rest of the text field stays the caller's.
+    EXPECT_EQ(bytes(f.Version, 3), (std::vector<uint8_t>{8, 5, 63}));
+    EXPECT_TRUE(untouched(f.Version + 3, sizeof f.Version - 3));
+    // From the adapter's running firmware attributes (none reported here).
+    EXPECT_EQ(f.Attributes, 0u);
+    EXPECT_EQ(f.AttributesExtended, 0u);
+    EXPECT_TRUE(untouched(f.Reserved, sizeof f.Reserved));
+}
+
+// ---- Converged port data ----
+
+SIM_TEST(Queries, ConvergedPortData, CONVERGED) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 3u);
+    struct Row {
+        int handle;
+        uint16_t vlan;
+        std::vector<uint8_t> mac;
+        uint16_t fabric_param;
+    };
+    // The driver's parameter is never passed on: only "no FCF" (0x8000) is.
+    for (const Row& r : {Row{h[0], 1002, {0x0e, 0xfc, 0, 1, 2, 3}, 0x8000},
+                         Row{h[1], 7, {0x0e, 0xfc, 0, 0x0a, 0x0b, 0x0c}, 0xA5A5}}) {
+        auto c = patterned<CNAPORTPROPERTY>();
+        SD_UINT32 size = sizeof c;
+        ASSERT_EQ(SDGetCnaPortData(r.handle, 0, SDM_CNA_PORT_DATA, reinterpret_cast<SD_UINT8*>(&c), &size), 0u);
+        EXPECT_EQ(c.VLanId, r.vlan);
+        EXPECT_EQ(bytes(c.VNPortMACAddress, 6), r.mac);
+        EXPECT_EQ(c.FabricParam, r.fabric_param);
+        EXPECT_TRUE(untouched(&c.Reserved0, sizeof c.Reserved0 + sizeof c.Reserved));
+        EXPECT_EQ(size, sizeof c);
+    }
+    struct Call {
+        uint32_t op;
+        uint32_t size;
+        uint32_t status;
+        uint32_t size_after;
+    };
+    for (const Call& c : {Call{SDM_CNA_PORT_DATA, 127, SDM_STATUS_INVALID_PARAMETER, 127},
+                          Call{SDM_CNA_PORT_DATA, 129, SDM_STATUS_INVALID_PARAMETER, 129},
+                          Call{SDM_CNA_DCBX_PARAMS, 10, SDM_STATUS_BUFFER_TOO_SMALL, 64},
+                          Call{SDM_CNA_FCOE_VERSIONS, 7, SDM_STATUS_BUFFER_TOO_SMALL, 8},
+                          Call{4, 128, SDM_STATUS_INVALID_PARAMETER, 128}}) {
+        SCOPED_TRACE(c.op * 1000 + c.size);
+        std::vector<uint8_t> buf(256, PATTERN);
+        SD_UINT32 size = c.size;
+        EXPECT_EQ(SDGetCnaPortData(h[0], 0, c.op, buf.data(), &size), c.status);
+        EXPECT_EQ(size, c.size_after);
+        EXPECT_TRUE(untouched(buf.data(), buf.size()));
+    }
+}
+
+// ---- Bad input ----
+
+SIM_TEST(Queries, BadHandlesAndNullRecordsLeaveTheCallerAlone, "default.json") {
+    const std::vector<int> h = open_all();
+    ASSERT_FALSE(h.empty());
+    using Call = std::function<uint32_t(int, void*)>;
+    SD_UINT32 size = 128;
+    const std::vector<std::pair<const char*, Call>> calls = {
+        {"node", [](int d, void* r) { return SDGetHbaDeviceNodeProperty(d, static_cast<DEVICENODEPROPERTY*>(r)); }},
+        {"port", [](int d, void* r) { return SDGetHbaDevicePortProperty(d, 0, static_cast<DEVICEPORTPROPERTY*>(r)); }},
+        {"chip", [](int d, void* r) { return SDGetHbaDeviceChipProperty(d, static_cast<CHIPPROPERTY*>(r)); }},
+        {"driver", [](int d, void* r) { return SDGetHbaDeviceDriverProperty(d, static_cast<DRIVERPROPERTY*>(r)); }},
+        {"firmware",
+         [](int d, void* r) { return SDGetHbaDeviceFirmwareProperty(d, static_cast<FIRMWAREPROPERTY*>(r)); }},
+        {"cna",
+         [&size](int d, void* r) { return SDGetCnaPortData(d, 0, 1, static_cast<SD_UINT8*>(r), &size); }},
+        {"discport",
+         [](int d, void* r) { return SDGetDiscPortProperty(d, 0, 0, 0, static_cast<DISCPORTPROPERTY*>(r)); }},
+        {"disctarget",
+         [](int d, void* r) { return SDGetDiscTargetProperty(d, 0, 0, 0, static_cast<DISCTARGETPROPERTY*>(r)); }},
+        {"portdb", [](int d, void* r) { return SDGetPortDatabase(d, 0x1000, static_cast<DEVICEINFO*>(r), 2048); }},
+        {"luns",
+         [](int d, void* r) {
+             SD_UINT32 count = 8;
+             return SDGetTargetLunList(d, 0, static_cast<SD_UINT16*>(r), &count);
+         }},
+    };
+    for (const auto& [name, call] : calls) {
+        SCOPED_TRACE(name);
+        for (int bad : {0, -1, h.back() + 1, 0x10000 + h[0]}) {
+            std::vector<uint8_t> rec(2048, PATTERN);
+            EXPECT_EQ(call(bad, rec.data()), SDM_STATUS_INVALID_HANDLE) << bad;
+            EXPECT_TRUE(untouched(rec.data(), rec.size())) << bad;
+        }
+        EXPECT_EQ(call(h[0], nullptr), SDM_STATUS_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(size, 128u);
+}
