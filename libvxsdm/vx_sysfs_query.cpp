@@ -1,5 +1,7 @@
 // sysfs twins of the leaf queries: driver records and VPD fields built from
 // the host's attributes.
+#include <dirent.h>
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -90,35 +92,85 @@ constexpr speed_row speeds[] = {
 
 bool starts_with(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
 
+// The entries of a class directory that begin with a prefix, in name order
+// (the order libsysfs lists them in). The directory is read directly: a
+// class holds the entries of every host, and building the sorted list of
+// all of them for one host's few would cost each query milliseconds on a
+// large host.
+class prefixed_entries {
+public:
+    static constexpr size_t NAME_LEN = 64;
+
+    prefixed_entries(const char* dir, const char* prefix) {
+        DIR* d = opendir(dir);
+        if (!d)
+            return;
+        while (const dirent* e = readdir(d)) {
+            if (!starts_with(e->d_name, prefix) || strlen(e->d_name) >= NAME_LEN)
+                continue;
+            // Entries are directories, or in the class directories links to them.
+            if (e->d_type != DT_DIR && e->d_type != DT_LNK && e->d_type != DT_UNKNOWN)
+                continue;
+            if (!add(e->d_name))
+                break;
+        }
+        closedir(d);
+        qsort(names_, count_, NAME_LEN, [](const void* a, const void* b) {
+            return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
+        });
+    }
+    ~prefixed_entries() { free(names_); }
+    prefixed_entries(const prefixed_entries&) = delete;
+    prefixed_entries& operator=(const prefixed_entries&) = delete;
+
+    size_t size() const { return count_; }
+    const char* operator[](size_t i) const { return names_ + i * NAME_LEN; }
+
+private:
+    bool add(const char* name) {
+        if (count_ == capacity_) {
+            const size_t grown = capacity_ ? capacity_ * 2 : 64;
+            auto* more = static_cast<char*>(realloc(names_, grown * NAME_LEN));
+            if (!more)
+                return false;
+            names_ = more;
+            capacity_ = grown;
+        }
+        snprintf(names_ + count_ * NAME_LEN, NAME_LEN, "%s", name);
+        ++count_;
+        return true;
+    }
+
+    char* names_ = nullptr;
+    size_t count_ = 0;
+    size_t capacity_ = 0;
+};
+
 // The host's remote-port entries ("rport-{N}:..."), in list order; `fn`
 // gets each entry's name and path (with a trailing "/") and returns false to stop.
 template <typename F>
 void each_rport(uint32_t host_no, F&& fn) {
     vxsysfs_path_t dir;
     vxsysfs_get_fc_rport_path(dir, nullptr);
-    vxsysfs_list_hold list(vxsysfs_open_entry_list(dir));
     char prefix[32];
     snprintf(prefix, sizeof prefix, "%s-%d:", "rport", static_cast<int>(host_no));
-    vx_dlist_each<char>(list.get(), [&](char* name) {
-        if (!starts_with(name, prefix))
-            return true;
+    const prefixed_entries names(dir, prefix);
+    for (size_t i = 0; i < names.size(); ++i) {
         vxsysfs_path_t rpath;
-        vxsysfs_get_fc_rport_path(rpath, name);
-        return fn(static_cast<const char*>(name), static_cast<const char*>(rpath));
-    });
+        vxsysfs_get_fc_rport_path(rpath, names[i]);
+        if (!fn(names[i], static_cast<const char*>(rpath)))
+            return;
+    }
 }
 
-// The host's scsi_device entries ("{N}:C:T:L"), in list order.
+// The scsi_device entries that begin with `prefix` ("{N}:"), in list order.
 template <typename F>
 void each_scsi_device(const char* prefix, F&& fn) {
     vxsysfs_path_t dir;
     vxsysfs_get_scsi_dev_path(dir, nullptr);
-    vxsysfs_list_hold list(vxsysfs_open_entry_list(dir));
-    vx_dlist_each<char>(list.get(), [&](char* name) {
-        if (starts_with(name, prefix))
-            fn(static_cast<const char*>(name));
-        return true;
-    });
+    const prefixed_entries names(dir, prefix);
+    for (size_t i = 0; i < names.size(); ++i)
+        fn(names[i]);
 }
 
 void rport_attr(vxsysfs_path_t& path, const char* rpath, const char* name) {
