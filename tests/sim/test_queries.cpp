@@ -561,3 +561,61 @@ SIM_TEST(Queries, BadHandlesAndNullRecordsLeaveTheCallerAlone, "default.json") {
     }
     EXPECT_EQ(size, 128u);
 }
+
+// ---- Trace ----
+
+namespace {
+
+// The log's lines (without their time stamps) that contain `marker`.
+std::vector<std::string> log_lines(const std::string& marker) {
+    std::vector<std::string> lines;
+    FILE* fp = fopen("/usr/lib/libvxsdm.log", "re");
+    if (!fp)
+        return lines;
+    char buf[512];
+    while (fgets(buf, sizeof buf, fp)) {
+        std::string line(buf);
+        const size_t at = line.find(marker);
+        if (at == std::string::npos)
+            continue;
+        if (line.back() == '\n')
+            line.pop_back();
+        lines.push_back(line.substr(at));
+    }
+    fclose(fp);
+    return lines;
+}
+
+}  // namespace
+
+SIM_TEST(Queries, TraceLinesOfTheCalls, "default.json") {
+    setenv("VX_FCAPI_DEBUG", "22", 1);  // errors and the SD layer
+    const std::vector<int> h = open_all();
+    ASSERT_FALSE(h.empty());
+    DEVICENODEPROPERTY n{};
+    CHIPPROPERTY c{};
+    DRIVERPROPERTY d{};
+    FIRMWAREPROPERTY f{};
+    ASSERT_EQ(SDGetHbaDeviceNodeProperty(h[0], &n), 0u);
+    ASSERT_EQ(SDGetHbaDeviceChipProperty(h[0], &c), 0u);
+    ASSERT_EQ(SDGetHbaDeviceDriverProperty(h[0], &d), 0u);
+    ASSERT_EQ(SDGetHbaDeviceFirmwareProperty(h[0], &f), 0u);
+    EXPECT_EQ(SDGetHbaDeviceNodeProperty(9, &n), SDM_STATUS_INVALID_HANDLE);
+    DEVICEINFO db{};
+    EXPECT_EQ(SDGetPortDatabase(9, 0, &db, sizeof db), SDM_STATUS_INVALID_HANDLE);
+
+    EXPECT_EQ(log_lines("SDGetHbaDeviceNodeProperty"),
+              (std::vector<std::string>{"SDGetHbaDeviceNodeProperty(1): entered.",
+                                        "SDGetHbaDeviceNodeProperty(1): exiting. ret=0",
+                                        "SDGetHbaDeviceNodeProperty(9): entered.",
+                                        "SDGetHbaDeviceNodeProperty: check_handle failed. handle=9"}));
+    EXPECT_EQ(log_lines("SDGetHbaChipProperty"), (std::vector<std::string>{"SDGetHbaChipProperty exiting. ret=0"}));
+    EXPECT_EQ(log_lines("SDGetHbaDeviceDriverProperty exiting"),
+              (std::vector<std::string>{"SDGetHbaDeviceDriverProperty exiting. ret=0"}));
+    EXPECT_EQ(log_lines("SDGetHbaFirmwareProperty"),
+              (std::vector<std::string>{"SDGetHbaFirmwareProperty: fw version=5 9 2",
+                                        "SDGetHbaFirmwareProperty exiting. ret=0"}));
+    EXPECT_EQ(log_lines("SDGetPortDatabase"),
+              (std::vector<std::string>{"SDGetPortDatabase(9): entered.",
+                                        "SDGetPortDatabase: check_handle failed. handle=9"}));
+}
