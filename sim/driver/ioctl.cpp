@@ -326,8 +326,9 @@ long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields&
             f["host"] = ports[*ans.port].host->host_no;
         }
         if (fault && fault->kind == FaultKind::Status) {
-            // Overrun and underrun still carry the answer; any other status replaces it.
-            if (fault->status != EXT_STATUS_DATA_OVERRUN && fault->status != EXT_STATUS_DATA_UNDERRUN) {
+            // Success, overrun and underrun still carry the answer; any other status replaces it.
+            const uint32_t st = fault->status;
+            if (st != EXT_STATUS_OK && st != EXT_STATUS_DATA_OVERRUN && st != EXT_STATUS_DATA_UNDERRUN) {
                 ans.response.clear();
                 ans.select.reset();
                 ans.instance = fr.instance;

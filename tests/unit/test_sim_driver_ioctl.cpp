@@ -63,16 +63,11 @@ std::vector<uint32_t> hosts(const std::vector<IoctlPort>& ports) {
     return out;
 }
 
-TEST_F(Ioctl, EachNodeServesItsChannelsPortsInScenarioOrder) {
-    EXPECT_EQ(hosts(ports_), (std::vector<uint32_t>{7, 8, 3}));
-    EXPECT_FALSE(ports_[1].physical);
-    EXPECT_EQ(hosts(ioctl_ports(scenario_, NodeKind::Legacy, "vxfcdrb")), (std::vector<uint32_t>{1005, 6}));
-    EXPECT_TRUE(ioctl_ports(scenario_, NodeKind::Legacy, "vxfcdra").empty());
-    EXPECT_TRUE(ioctl_ports(scenario_, NodeKind::Control, "").empty());
-}
-
-TEST_F(Ioctl, DispatcherSelectsInstancesAndRefusesWhatItLacks) {
+TEST_F(Ioctl, EachNodeServesItsPortsAndSelectsInstances) {
     std::vector<IoctlPort> old = ioctl_ports(scenario_, NodeKind::Legacy, "vxfcdrb");
+    EXPECT_EQ(hosts(ports_), (std::vector<uint32_t>{7, 8, 3}));
+    EXPECT_EQ(hosts(old), (std::vector<uint32_t>{1005, 6}));
+    EXPECT_TRUE(ioctl_ports(scenario_, NodeKind::Legacy, "vxfcdra").empty());
     struct Case {
         const char* what;
         const std::vector<IoctlPort>* ports;
@@ -85,23 +80,17 @@ TEST_F(Ioctl, DispatcherSelectsInstancesAndRefusesWhatItLacks) {
         uint16_t instance_out, hba_select_out;
     };
     const Case cases[] = {
-        {"count", &ports_, -1, EXT_CC_GET_HBA_CNT, 0, 9, 0, 0, 0, -1, 3, 0},
-        {"count with a hole", &old, -1, EXT_CC_GET_HBA_CNT, 0, 0, 0, 0, 0, -1, 2, 0},
+        {"count with a hole", &old, -1, EXT_CC_GET_HBA_CNT, 0, 9, 0, 0, 0, -1, 2, 0},
         {"select gives the host", &ports_, -1, EXT_CC_SET_INSTANCE, 0, 2, 0, 0, 0, 2, 2, 3},
         {"select past the count", &ports_, -1, EXT_CC_SET_INSTANCE, 0, 3, 0, 0, 9, -1, 3, 0},
         {"select a missing one", &old, -1, EXT_CC_SET_INSTANCE, 0, 0, 0, 0, 9, -1, 0, 0},
         {"unselected: HbaSelect names it", &ports_, -1, EXT_CC_QUERY, 1, 0, 1, 0, 0, 1, 0, 1},
         {"selected wins", &ports_, 0, EXT_CC_QUERY, 1, 0, 1, 0, 0, 0, 0, 1},
-        {"HbaSelect past the count", &ports_, -1, EXT_CC_QUERY, 1, 0, 3, 0, 9, -1, 0, 3},
         {"HbaSelect names a missing one", &old, -1, EXT_CC_QUERY, 1, 0, 0, 0, 9, -1, 0, 0},
         {"commands it lacks", &ports_, 0, EXT_CC_SEND_SCSI_PASSTHRU, 0, 0, 0, 0, 20, -1, 0, 0},
-        {"query sub-code it lacks", &ports_, 0, EXT_CC_QUERY, 5, 0, 0, 0, 12, 0, 0, 0},
-        {"get-data sub-code it lacks", &ports_, 0, EXT_CC_GET_DATA, 7, 0, 0, 0, 12, 0, 0, 0},
         {"converged data of an FC port", &ports_, 0, EXT_CC_QUERY, 9, 0, 0, 0, 12, 0, 0, 0},
         {"converged data", &old, 1, EXT_CC_QUERY, 9, 0, 0, 0, 0, 1, 0, 0},
         {"summary without its mask", &ports_, 0, EXT_CC_GET_DATA, 106, 0, 0, 3, 6, 0, 0, 0},
-        {"WWPN too short", &ports_, 0, EXT_CC_WWPN_TO_SCSIADDR, 0, 0, 0, 7, 6, 0, 0, 0},
-        {"LUN data input too short", &ports_, 0, EXT_CC_GET_LUN_DATA, 0, 0, 0, 31, 6, 0, 0, 0},
         {"discovered port past the list", &ports_, 0, EXT_CC_QUERY, 3, 6, 0, 0, 9, 0, 6, 0},
     };
     for (const Case& c : cases) {
@@ -113,9 +102,7 @@ TEST_F(Ioctl, DispatcherSelectsInstancesAndRefusesWhatItLacks) {
         EXPECT_EQ(a.instance, c.instance_out);
         EXPECT_EQ(a.hba_select, c.hba_select_out);
         EXPECT_EQ(a.select.has_value(), c.command == EXT_CC_SET_INSTANCE && c.status == 0);
-        if (c.status != 0) {
-            EXPECT_TRUE(a.response.empty());
-        }
+        EXPECT_EQ(a.response.empty(), c.status != 0 || c.command != EXT_CC_QUERY);
     }
 }
 
@@ -129,7 +116,7 @@ TEST_F(Ioctl, FixedRecordsAreCutAtTheResponseLengthAsAnOverrun) {
         }
 }
 
-TEST(IoctlSerial, BytesComeBackAsTheTextThroughTheLibrarysComputation) {
+TEST_F(Ioctl, SerialNumbersComeBackThroughTheLibrarysComputation) {
     for (const char* text : {"A00000", "E40117", "T99999", "Z99999"}) {
         std::optional<std::array<uint8_t, 3>> s = serial_bytes(text);
         ASSERT_TRUE(s) << text;
@@ -140,78 +127,30 @@ TEST(IoctlSerial, BytesComeBackAsTheTextThroughTheLibrarysComputation) {
     }
     for (const char* text : {"", "E4011", "E401170", "e40117", "E4011x", "VXE10400117", "540117"})
         EXPECT_FALSE(serial_bytes(text)) << text;
-}
-
-TEST_F(Ioctl, NodeRecordCarriesTheBoardsTexts) {
-    EXT_HBA_NODE n = ioctl_node(egret());
-    EXPECT_STREQ(reinterpret_cast<const char*>(n.Manufacturer), "Varnex Corporation");
-    EXPECT_STREQ(reinterpret_cast<const char*>(n.Model), "VXE1040");
-    EXPECT_STREQ(reinterpret_cast<const char*>(n.OptRomVersion), "3.18");
-    EXPECT_EQ(std::vector<uint8_t>(n.BIFwVersion, n.BIFwVersion + 4), (std::vector<uint8_t>{8, 5, 63, 0}));
-    EXPECT_EQ(std::vector<uint8_t>(n.BIFCodeVersion, n.BIFCodeVersion + 4), (std::vector<uint8_t>{4, 2, 0, 0}));
-    EXPECT_EQ(n.InterfaceType, 1);
-    EXPECT_EQ(ioctl_node(ports_[1]).InterfaceType, 3);
-    // The HP board: serial text in the last 8 bytes, no serial bytes.
+    // The HP board: the text in the node record's last 8 bytes, no serial bytes.
     EXT_HBA_NODE hp = ioctl_node(ports_[2]);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(hp.Reserved), 8), "HP123456");
     EXPECT_EQ(hp.SerialNum[0] | hp.SerialNum[1] | hp.SerialNum[2], 0);
-}
-
-TEST_F(Ioctl, PortStateAndSpeedFollowTheSysfsTables) {
-    struct Case {
-        const char* link;
-        uint16_t state, mode, topology;
-    };
-    for (const Case& c : {Case{"Link Down", 2, 0, 0}, Case{"Unknown Link State", 1, 0, 0},
-                          Case{"Link Up - Loop", 0, 2, 1}, Case{"Link Up - FL_Port", 0, 2, 4},
-                          Case{"Link Up - N_Port to N_Port", 0, 1, 2}, Case{"Link Up - F_Port", 0, 1, 8},
-                          Case{"Link Up - f_port", 2, 0, 0}}) {
-        HostPort h = *egret().host;
-        h.link_state = c.link;
-        IoctlPort p = egret();
-        p.host = &h;
-        EXT_HBA_PORT r = ioctl_port(p);
-        EXPECT_EQ((std::vector<int>{r.State, r.Mode, r.Topology}), (std::vector<int>{c.state, c.mode, c.topology}))
-            << c.link;
-    }
-    const std::pair<const char*, uint8_t> speeds[] = {{"1 Gbit", 0x01}, {"8 Gbit", 0x08}, {"10 Gbit", 0x10},
-                                                      {"16 Gbit", 0x16}, {"32 Gbit", 0x32}, {"unknown", 0}};
-    for (auto [text, code] : speeds) {
-        HostPort h = *egret().host;
-        h.speed = text;
-        IoctlPort p = egret();
-        p.host = &h;
-        EXPECT_EQ(ioctl_port(p).PortSpeed, code) << text;
-    }
 }
 
 TEST_F(Ioctl, DiscoveredPortsTargetsAndCounts) {
     EXT_HBA_PORT port = ioctl_port(egret());
     EXPECT_EQ(port.DiscPortCount, 3);    // roles exactly "FCP Target", blocked one included
     EXPECT_EQ(port.DiscTargetCount, 2);  // target ids 4 (on two channels) and 1 carry LUNs
-    struct Disc {
-        uint16_t type, status, bus, target, loop;
-    };
-    const Disc ports[] = {{2, 2, 0, 4, 0xFFFF}, {1, 2, 0, 0xFFFF, 0xFFFF}, {2, 1, 0, 1, 0xFFFF},
-                          {2, 2, 0, 2, 5},      {0, 1, 0, 0xFFFF, 0xFFFF}, {2, 2, 1, 4, 0xFFFF}};
-    for (uint16_t i = 0; i < 6; ++i) {
-        std::optional<EXT_DISC_PORT> d = ioctl_disc_port(egret(), i);
-        ASSERT_TRUE(d) << i;
-        EXPECT_EQ((std::vector<int>{d->Type, d->Status, d->Bus, d->TargetId, d->LoopID}),
-                  (std::vector<int>{ports[i].type, ports[i].status, ports[i].bus, ports[i].target, ports[i].loop}))
-            << i;
+    // Every port: type, status, bus, target id, loop id. Targets in target-id
+    // order, with their LUN counts; a blocked one reads gone (0x1 without 0x2).
+    std::string ports, targets;
+    char buf[64];
+    for (uint16_t i = 0; std::optional<EXT_DISC_PORT> d = ioctl_disc_port(egret(), i); ++i) {
+        std::snprintf(buf, sizeof buf, "%u %u %u %x %x|", d->Type, d->Status, d->Bus, d->TargetId, d->LoopID);
+        ports += buf;
     }
-    // Targets in target-id order; a blocked one reads gone (0x1 without 0x2).
-    const std::pair<uint8_t, uint16_t> targets[] = {{0x0c, 2}, {0x0d, 0}, {0x0a, 1}, {0x0f, 1}};
-    for (uint16_t i = 0; i < 4; ++i) {
-        std::optional<EXT_DISC_TARGET> t = ioctl_disc_target(egret(), i);
-        ASSERT_TRUE(t) << i;
-        EXPECT_EQ(t->WWPN[7], targets[i].first) << i;
-        EXPECT_EQ(t->LunCount, targets[i].second) << i;
+    for (uint16_t i = 0; std::optional<EXT_DISC_TARGET> t = ioctl_disc_target(egret(), i); ++i) {
+        std::snprintf(buf, sizeof buf, "%02x %u %u|", t->WWPN[7], t->Status, t->LunCount);
+        targets += buf;
     }
-    EXPECT_EQ(ioctl_disc_target(egret(), 0)->Status, 1);
-    EXPECT_FALSE(ioctl_disc_target(egret(), 4));
-    EXPECT_FALSE(ioctl_disc_port(egret(), 6));
+    EXPECT_EQ(ports, "2 2 0 4 ffff|1 2 0 ffff ffff|2 1 0 1 ffff|2 2 0 2 5|0 1 0 ffff ffff|2 2 1 4 ffff|");
+    EXPECT_EQ(targets, "0c 1 2|0d 2 0|0a 2 1|0f 2 1|");
 
     const uint8_t known[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x0d}, initiator[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x0b};
     std::optional<EXT_SCSI_ADDR> addr = ioctl_wwpn_to_scsiaddr(egret(), known);
@@ -295,14 +234,10 @@ TEST_F(Ioctl, LunListsMapLunsAsTheSysfsChannelDecodesThem) {
     }
     // Only online ports whose roles are exactly "FCP Target"; FO entries are numbered.
     ListAnswer fo = ioctl_fo_lun_list(egret(), 1u << 20);
-    FO_LUN_DATA_LIST head;
-    std::memcpy(&head, fo.bytes.data(), 32);
-    ASSERT_EQ(head.EntryCount, 2);
+    ASSERT_EQ(fo.bytes.size(), 32 + 2 * (32 + 4096));
     FO_EXTERNAL_LUN_DATA_ENTRY second;
     std::memcpy(&second, fo.bytes.data() + 32 + 32 + 4096, 32);
-    EXPECT_EQ(second.PortName[7], 0x0f);
-    EXPECT_EQ(second.Dev_No, 1);
-    EXPECT_EQ(second.LunCount, 1);  // counted by target id on channel 0: the channel-0 target 4's LUN
+    EXPECT_EQ((std::vector<int>{second.PortName[7], second.Dev_No, second.LunCount}), (std::vector<int>{0x0f, 1, 1}));
     HostPort empty;
     EXPECT_EQ(ioctl_tgt_lun_list({egret().adapter, 0, &empty, true, false}, 1u << 20).status, 9u);
 }
