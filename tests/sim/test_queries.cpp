@@ -619,3 +619,101 @@ SIM_TEST(Queries, TraceLinesOfTheCalls, "default.json") {
               (std::vector<std::string>{"SDGetPortDatabase(9): entered.",
                                         "SDGetPortDatabase: check_handle failed. handle=9"}));
 }
+
+// ---- The extended-ioctl channel's records ----
+
+namespace {
+
+// A Plover on the newer ioctl node whose remote ports carry what only that
+// channel reports: loop ids, initiators and other port types, a target that is gone.
+const char* const IOCTL_LOOP = R"json({"name": "ioctl-loop", "adapters": [
+  {"id": "plover0", "device_id": "0x2051", "serial_number": "VXP20510001", "channel": "ioctl", "functions": [
+    {"pci_address": "0000:05:00.0", "port": {"host_no": 1, "port_id": "0x010200", "remote_ports": [
+      {"number": 0, "wwpn": "50:00:00:00:00:00:00:10", "port_id": "0x000000", "loop_id": 0, "scsi_target_id": 0,
+       "luns": [{"lun": 0}]},
+      {"number": 1, "wwpn": "50:00:00:00:00:00:01:10", "port_id": "0x000000", "loop_id": 127, "scsi_target_id": 1},
+      {"number": 2, "wwpn": "50:00:00:00:00:00:02:10", "port_id": "0x010600", "roles": "FCP Initiator"},
+      {"number": 3, "wwpn": "50:00:00:00:00:00:03:10", "port_id": "0x010700", "state": "Blocked",
+       "scsi_target_id": 2, "luns": [{"lun": 0}]},
+      {"number": 4, "wwpn": "21:fc:00:00:00:00:00:00", "port_id": "0xfffffc", "roles": "unknown"}]}}]}]})json";
+
+}  // namespace
+
+SIM_TEST(Queries, IoctlLoopAddressesTypesAndGoneTargets, IOCTL_LOOP) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 1u);
+
+    // A loop device without a fabric address is reported by its AL_PA.
+    Database db = port_database(h[0], 0x1000, 4096);
+    ASSERT_EQ(db.status, 0u);
+    ASSERT_EQ(db.info()->ReturnListEntryCount, 5u);
+    EXPECT_EQ(bytes(db.entry(0)->PortID, 3), (std::vector<uint8_t>{0, 0, 0xEF}));
+    EXPECT_EQ(db.entry(0)->LoopID, 0);
+    EXPECT_EQ(bytes(db.entry(1)->PortID, 3), (std::vector<uint8_t>{0, 0, 0})) << "loop id 127 has no AL_PA";
+    EXPECT_EQ(bytes(db.entry(2)->PortID, 3), (std::vector<uint8_t>{0x01, 0x06, 0x00}));
+
+    // Discovered ports of every kind: only types 1 and 2 are passed on.
+    struct Row {
+        uint32_t index;
+        uint8_t type;
+    };
+    for (const Row& r : {Row{0, 2}, Row{2, 1}, Row{4, PATTERN}}) {
+        auto d = patterned<DISCPORTPROPERTY>();
+        ASSERT_EQ(SDGetDiscPortProperty(h[0], 0, r.index, 0, &d), 0u) << r.index;
+        EXPECT_EQ(d.PortType, r.type) << r.index;
+    }
+
+    // A target the driver marks as gone is not found, and nothing is written.
+    auto t = patterned<DISCTARGETPROPERTY>();
+    EXPECT_EQ(SDGetDiscTargetProperty(h[0], 0, 2, 0, &t), SDM_STATUS_DEVICE_NOT_FOUND);
+    EXPECT_TRUE(untouched(&t, sizeof t));
+    ASSERT_EQ(SDGetDiscTargetProperty(h[0], 0, 0, 0, &t), 0u);
+    EXPECT_EQ(bytes(t.PortWWN, 8), wwn(0x5000000000000010));
+}
+
+SIM_TEST(Queries, IoctlRequestsOfTheLeaves, IOCTL_LOOP) {
+    const std::vector<int> h = open_all();
+    ASSERT_EQ(h.size(), 1u);
+    struct Row {
+        const char* name;
+        std::function<void()> call;
+        const char* request;
+        unsigned subcode, instance, request_len, response_len;
+    };
+    DEVICENODEPROPERTY n{};
+    DEVICEPORTPROPERTY p{};
+    CHIPPROPERTY c{};
+    DRIVERPROPERTY d{};
+    FIRMWAREPROPERTY f{};
+    DISCPORTPROPERTY dp{};
+    std::vector<uint8_t> db(4096);
+    SD_UINT32 count = 0;
+    const Row rows[] = {
+        {"node", [&] { SDGetHbaDeviceNodeProperty(h[0], &n); }, "0xc0747900", 1, 0, 0, 696},
+        {"port", [&] { SDGetHbaDevicePortProperty(h[0], 0, &p); }, "0xc0747900", 2, 0, 0, 56},
+        {"driver", [&] { SDGetHbaDeviceDriverProperty(h[0], &d); }, "0xc0747900", 6, 0, 0, 200},
+        {"firmware", [&] { SDGetHbaDeviceFirmwareProperty(h[0], &f); }, "0xc0747900", 7, 0, 0, 200},
+        {"chip", [&] { SDGetHbaDeviceChipProperty(h[0], &c); }, "0xc0747900", 8, 0, 0, 84},
+        {"discport", [&] { SDGetDiscPortProperty(h[0], 0, 0x10004, 0, &dp); }, "0xc0747900", 3, 4, 0, 60},
+        {"disctarget", [&] { SDGetDiscTargetProperty(h[0], 0, 1, 0, &dp); }, "0xc0747900", 4, 1, 0, 60},
+        {"portdb",
+         [&] { SDGetPortDatabase(h[0], 0xFFFF, reinterpret_cast<DEVICEINFO*>(db.data()), 4096); },
+         "0xc0747906", 106, 0, 4, 43868},
+        // Room for 64 targets with the 4096-byte LUN maps of a driver with capability 0x04.
+        {"luns", [&] { SDGetTargetLunList(h[0], 0, nullptr, &count); }, "0xc0747906", 10, 0, 0,
+         32 + 64 * (32 + 4096)},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.name);
+        const size_t before = st::journal("ioctl").size();
+        r.call();
+        const std::vector<nlohmann::json> entries = st::journal("ioctl");
+        ASSERT_EQ(entries.size(), before + 1);
+        const nlohmann::json& e = entries.back();
+        EXPECT_EQ(e.value("request", ""), r.request);
+        EXPECT_EQ(e.value("subcode", 0u), r.subcode);
+        EXPECT_EQ(e.value("instance", 0u), r.instance);
+        EXPECT_EQ(e.value("request_len", 0u), r.request_len);
+        EXPECT_EQ(e.value("response_len", 0u), r.response_len);
+    }
+}
