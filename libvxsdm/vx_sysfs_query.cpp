@@ -115,9 +115,10 @@ public:
                 break;
         }
         closedir(d);
-        qsort(names_, count_, NAME_LEN, [](const void* a, const void* b) {
-            return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
-        });
+        if (count_ > 1)
+            qsort(names_, count_, NAME_LEN, [](const void* a, const void* b) {
+                return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
+            });
     }
     ~prefixed_entries() { free(names_); }
     prefixed_entries(const prefixed_entries&) = delete;
