@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -52,95 +53,66 @@ std::string status_hex(uint32_t status) {
 
 // ---- The snapshot of one host (runs inside it) ----
 
+// Fields grouped as the records group them; a difference names the group
+// and the position in it.
 json node_json(int h) {
     DEVICENODEPROPERTY p{};
-    json j{{"status", status_hex(SDGetHbaDeviceNodeProperty(h, &p))}};
-    j["WWN"] = hex(p.WWN, 8);
-    j["Manufacturer"] = text(p.Manufacturer);
-    j["Model"] = text(p.Model);
-    j["SerialNumber"] = text(reinterpret_cast<const char(&)[32]>(p.SerialNumber));
-    j["DriverVersion"] = text(p.DriverVersion);
-    j["FirmwareVersion"] = text(p.FirmwareVersion);
-    j["OptionRomVersion"] = text(p.OptionRomVersion);
-    j["NumberOfPorts"] = p.NumberOfPorts;
-    j["InterfaceType"] = p.InterfaceType;
-    j["DriverAttributes"] = p.DriverAttributes;
-    j["FirmwareAttributes"] = p.FirmwareAttributes;
-    j["BIValid"] = p.BIValid;
-    j["BIFwVersion"] = hex(p.BIFwVersion, 4);
-    j["BIEfiVersion"] = hex(p.BIEfiVersion, 4);
-    j["BIFCodeVersion"] = hex(p.BIFCodeVersion, 4);
-    j["MpiFwVersion"] = hex(p.MpiFwVersion, 4);
-    j["PepFwVersion"] = hex(p.PepFwVersion, 4);
-    j["BIMpiFwVersion"] = hex(p.BIMpiFwVersion, 4);
-    j["BIPepFwVersion"] = hex(p.BIPepFwVersion, 4);
-    return j;
+    const uint32_t status = SDGetHbaDeviceNodeProperty(h, &p);
+    return {{"status", status_hex(status)},
+            {"WWN", hex(p.WWN, 8)},
+            {"texts",
+             {text(p.Manufacturer), text(p.Model), text(reinterpret_cast<const char(&)[32]>(p.SerialNumber)),
+              text(p.DriverVersion), text(p.FirmwareVersion), text(p.OptionRomVersion)}},
+            {"numbers", {p.NumberOfPorts, p.InterfaceType, p.DriverAttributes, p.FirmwareAttributes, p.BIValid}},
+            {"versions", hex(reinterpret_cast<const uint8_t*>(&p) + offsetof(DEVICENODEPROPERTY, BIFwVersion), 7 * 4)}};
 }
 
 json port_json(int h) {
     DEVICEPORTPROPERTY p{};
-    json j{{"status", status_hex(SDGetHbaDevicePortProperty(h, 0, &p))}};
-    j["WWN"] = hex(p.WWN, 8);
-    j["PortID"] = hex(p.PortID, 3);
-    j["PortType"] = p.PortType;
-    j["PortState"] = p.PortState;
-    j["ConnectionMode"] = p.ConnectionMode;
-    j["DiscPortCount"] = p.DiscPortCount;
-    j["DiscTargetCount"] = p.DiscTargetCount;
-    j["PortSpeed"] = p.PortSpeed;
-    j["LinkState"] = {p.LinkState1, p.LinkState2, p.LinkState3, p.LinkState6};
-    return j;
+    const uint32_t status = SDGetHbaDevicePortProperty(h, 0, &p);
+    return {{"status", status_hex(status)},
+            {"WWN", hex(p.WWN, 8)},
+            {"PortID", hex(p.PortID, 3)},
+            {"type_state_mode", {p.PortType, p.PortState, p.ConnectionMode}},
+            {"counts", {p.DiscPortCount, p.DiscTargetCount}},
+            {"PortSpeed", p.PortSpeed},
+            {"LinkState", {p.LinkState1, p.LinkState2, p.LinkState3, p.LinkState6}}};
 }
 
 json chip_json(int h) {
     CHIPPROPERTY p{};
-    json j{{"status", status_hex(SDGetHbaDeviceChipProperty(h, &p))}};
-    j["ids"] = {p.VendorID, p.DeviceID, p.SubVendorID, p.SubSystemID};
-    j["PciBusNumber"] = p.PciBusNumber;
-    j["PciSlotNumber"] = p.PciSlotNumber;
-    j["Io"] = {p.IoAddress, p.IoAddressLength};
-    j["Memory"] = {p.MemoryAddress, p.MemoryAddressLength};
-    j["ChipType"] = p.ChipType;
-    j["InterruptLevel"] = p.InterruptLevel;
-    j["OutMbx"] = hex(p.OutMbx, sizeof p.OutMbx);
-    j["DomainNr"] = p.DomainNr;
-    j["PcieLink"] = {p.PcieLinkCap, p.PcieLinkStat};
-    j["PortNumber"] = p.PortNumber;
-    return j;
+    const uint32_t status = SDGetHbaDeviceChipProperty(h, &p);
+    return {{"status", status_hex(status)},
+            {"ids", {p.VendorID, p.DeviceID, p.SubVendorID, p.SubSystemID}},
+            {"location", {p.DomainNr, p.PciBusNumber, p.PciSlotNumber, p.PortNumber}},
+            {"resources", {p.IoAddress, p.IoAddressLength, p.MemoryAddress, p.MemoryAddressLength, p.InterruptLevel}},
+            {"ChipType", p.ChipType},
+            {"OutMbx", hex(p.OutMbx, sizeof p.OutMbx)},
+            {"PcieLink", {p.PcieLinkCap, p.PcieLinkStat}}};
 }
 
 json driver_json(int h) {
     DRIVERPROPERTY p{};
-    json j{{"status", status_hex(SDGetHbaDeviceDriverProperty(h, &p))}};
-    j["Version"] = text(reinterpret_cast<const char(&)[32]>(p.Version));
-    j["NumberOfBus"] = p.NumberOfBus;
-    j["TargetsPerBus"] = p.TargetsPerBus;
-    j["LunsPerTarget"] = p.LunsPerTarget;
-    j["MaximumTransferLen"] = p.MaximumTransferLen;
-    j["MaximumDataSegments"] = p.MaximumDataSegments;
-    j["DmaBitAddresses"] = p.DmaBitAddresses;
-    j["IoMapType"] = p.IoMapType;
-    j["Attributes"] = p.Attributes;
-    j["InternalFlags"] = hex(p.InternalFlags, sizeof p.InternalFlags);
-    return j;
+    const uint32_t status = SDGetHbaDeviceDriverProperty(h, &p);
+    return {{"status", status_hex(status)},
+            {"Version", text(reinterpret_cast<const char(&)[32]>(p.Version))},
+            {"LunsPerTarget", p.LunsPerTarget},
+            {"limits", {p.NumberOfBus, p.TargetsPerBus, p.MaximumTransferLen, p.MaximumDataSegments}},
+            {"kind", {p.DmaBitAddresses, p.IoMapType, p.Attributes}},
+            {"InternalFlags", hex(p.InternalFlags, sizeof p.InternalFlags)}};
 }
 
 json firmware_json(int h) {
     FIRMWAREPROPERTY p{};
-    json j{{"status", status_hex(SDGetHbaDeviceFirmwareProperty(h, &p))}};
-    j["Version"] = hex(p.Version, 3);
-    j["Attributes"] = {p.Attributes, p.AttributesExtended};
-    return j;
+    const uint32_t status = SDGetHbaDeviceFirmwareProperty(h, &p);
+    return {{"status", status_hex(status)}, {"Version", hex(p.Version, 3)}, {"Attributes", {p.Attributes, p.AttributesExtended}}};
 }
 
 json cna_json(int h) {
     CNAPORTPROPERTY p{};
     SD_UINT32 size = sizeof p;
-    json j{{"status", status_hex(SDGetCnaPortData(h, 0, SDM_CNA_PORT_DATA, reinterpret_cast<SD_UINT8*>(&p), &size))}};
-    j["VLanId"] = p.VLanId;
-    j["VNPortMACAddress"] = hex(p.VNPortMACAddress, 6);
-    j["FabricParam"] = p.FabricParam;
-    return j;
+    const uint32_t status = SDGetCnaPortData(h, 0, SDM_CNA_PORT_DATA, reinterpret_cast<SD_UINT8*>(&p), &size);
+    return {{"status", status_hex(status)}, {"values", {p.VLanId, hex(p.VNPortMACAddress, 6), p.FabricParam}}};
 }
 
 json disc_json(const DISCPORTPROPERTY& p) {
