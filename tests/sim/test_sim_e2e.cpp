@@ -802,6 +802,14 @@ TEST(SimRunnerOutside, BuiltRootIsReusedAndKept) {
     std::string tmpl = ::testing::TempDir() + "vxsim-e2e-XXXXXX";
     ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
     const std::string dir = tmpl, r = dir + "/root";
+    // Removed however the test ends.
+    struct remove_at_end {
+        std::string path;
+        ~remove_at_end() {
+            std::string ignored;
+            fs::remove_tree(path, ignored);
+        }
+    } cleanup{dir};
 
     Output built = run_vxsim({"tree", "--scenario", "single", "--root", r});
     ASSERT_EQ(built.status, 0) << built.text;
@@ -821,9 +829,6 @@ TEST(SimRunnerOutside, BuiltRootIsReusedAndKept) {
     // A root named for run alone is built there and kept too.
     EXPECT_EQ(run_vxsim({"run", "--root", dir + "/fresh", "--scenario", "single", "--", "true"}).status, 0);
     EXPECT_TRUE(fs::exists(dir + "/fresh/sys/class/fc_host/host1"));
-
-    std::string error;
-    EXPECT_TRUE(fs::remove_tree(dir, error)) << error;
 }
 
 }  // namespace
