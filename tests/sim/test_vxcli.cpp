@@ -31,7 +31,7 @@ SIM_TEST(Vxcli, PortCommandsOnTheDefaultHost, "default.json") {
     if (access(vxcli_binary().c_str(), X_OK) != 0)
         GTEST_SKIP() << "vxcli is not built";
     int status = -1;
-    // Instance 1 is the Plover's first port: two online targets, the large
+    // Instance 1 is the Swift's first port: two online targets, the large
     // LUNs decoded from their flat-space names.
     json luns = vxcli({"luns", "1"}, &status);
     EXPECT_EQ(status, 0);
@@ -50,9 +50,9 @@ SIM_TEST(Vxcli, PortCommandsOnTheDefaultHost, "default.json") {
 
     json show = vxcli({"show", "3"}, &status);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(show["node"]["serial"], "VXP20510042");
+    EXPECT_EQ(show["node"]["serial"], "VXS10510042");
     EXPECT_EQ(show["node"]["interface"], "physical");
-    EXPECT_EQ(show["port"]["speed"], "16 Gbit");
+    EXPECT_EQ(show["port"]["speed"], "4 Gbit");
     EXPECT_EQ(show["port"]["discovered_targets"], 1);
     EXPECT_EQ(show["chip"]["pci_location"], "0000:05:00.1");
     EXPECT_EQ(show["chip"]["port_number"], 2);
