@@ -22,7 +22,7 @@ bool inside_simulated_host() { return getenv("VXSIM_ROOT") != nullptr; }
 // Instance 0, opened once for every benchmark of the run.
 int port_handle() {
     static int handle = [] {
-        SD_UINT32 h = 0;
+        int h = 0;
         if (SDGetNumberOfAdapters() == 0 || SDOpenDevice(0, &h) != 0)
             return 0;
         return static_cast<int>(h);

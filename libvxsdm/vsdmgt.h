@@ -81,11 +81,11 @@ VXSD_API SD_UINT32 SDGetNumberOfAdapters(void);
 
 /* Opens the port with the given instance number (0 .. count - 1) and stores
  * its handle in *pDevice. Opening a port again returns the same handle. */
-VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, SD_UINT32* pDevice);
+VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, int* pDevice);
 
 /* Closes one open of the port. When no port of the process stays open, the
  * library unloads; the next SDOpenDevice discovers the adapters afresh. */
-VXSD_API SD_UINT32 SDCloseDevice(SD_UINT32 Device);
+VXSD_API SD_UINT32 SDCloseDevice(int Device);
 
 /* Installs handlers for SIGHUP, SIGINT, SIGQUIT and SIGTERM that unload the
  * library and then end the process as the signal would have. */

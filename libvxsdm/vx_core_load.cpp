@@ -308,7 +308,7 @@ extern "C" VXSD_API SD_UINT32 SDGetNumberOfAdapters(void) {
     return count;
 }
 
-extern "C" VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, SD_UINT32* pDevice) {
+extern "C" VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, int* pDevice) {
     vxapi_set_debug_level();
     const uint32_t instance = UserAdapterNumber;
     auto trace_inst = [instance](uint32_t guard, const char* text) {
@@ -354,7 +354,7 @@ extern "C" VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, SD_UINT3
         trace_inst(SD_ERROR, ") : open failed.");
         return status != 0 ? status : SDM_STATUS_UNKNOWN_ERROR;
     }
-    *pDevice = handle;
+    *pDevice = static_cast<int>(handle);
     if (vxdbg_on(SD_TRACE)) {
         vxdbg_print("SDOpenDevice inst ", instance, VXDBG_DEC, 0);
         vxdbg_print(": exiting. Return Handle =", handle, VXDBG_DEC, 1);
@@ -362,9 +362,10 @@ extern "C" VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, SD_UINT3
     return SDM_STATUS_SUCCESS;
 }
 
-extern "C" VXSD_API SD_UINT32 SDCloseDevice(SD_UINT32 Device) {
+extern "C" VXSD_API SD_UINT32 SDCloseDevice(int Device) {
     vxapi_set_debug_level();
-    vxdbg_num(SD_TRACE, "SDCloseDevice: entered. handle=", Device, VXDBG_DEC, 1);
+    const uint32_t handle = static_cast<uint32_t>(Device);
+    vxdbg_num(SD_TRACE, "SDCloseDevice: entered. handle=", handle, VXDBG_DEC, 1);
     if (!api_use_database) {
         vxdbg_line(SD_ERROR, "SDCloseDevice: shm not used.");
         return SDM_STATUS_NOT_SUPPORTED;
@@ -374,9 +375,9 @@ extern "C" VXSD_API SD_UINT32 SDCloseDevice(SD_UINT32 Device) {
     int fd = -1;
     vxapi_priv_database* record = nullptr;
     if (vxapi_open_database(&fd) == 0 && database_ready())
-        record = check_handle(Device);
+        record = check_handle(handle);
     if (!record) {
-        vxdbg_num(SD_ERROR, "SDCloseDevice: check_handle failed. handle=", Device, VXDBG_DEC, 1);
+        vxdbg_num(SD_ERROR, "SDCloseDevice: check_handle failed. handle=", handle, VXDBG_DEC, 1);
         return SDM_STATUS_INVALID_HANDLE;
     }
     uint32_t status = 0;

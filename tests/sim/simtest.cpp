@@ -69,18 +69,18 @@ bool run_outside(const char* scenario) {
     const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
     const std::string test = std::string(info->test_suite_name()) + "." + info->name();
 
-    std::string spec = scenario;
+    std::string source = scenario;
     std::optional<InlineScenario> inline_json;
     std::string file;
-    if (spec.starts_with("{")) {
-        inline_json.emplace(spec);
+    if (source.starts_with("{")) {
+        inline_json.emplace(source);
         file = inline_json->path();
         if (file.empty()) {
             ADD_FAILURE() << "cannot hand the inline scenario to vxsim: " << std::strerror(errno);
             return true;
         }
     } else {
-        file = spec.starts_with("/") ? spec : scenario_dir() + "/" + spec;
+        file = source.starts_with("/") ? source : scenario_dir() + "/" + source;
         if (!file.ends_with(".json"))
             file += ".json";
     }
@@ -101,7 +101,7 @@ bool run_outside(const char* scenario) {
         return true;
     }
     if (out.status != 0)
-        ADD_FAILURE() << test << " in a simulated host (" << spec.substr(0, 60)
+        ADD_FAILURE() << test << " in a simulated host (" << source.substr(0, 60)
                       << ") exited with status " << out.status << ":\n"
                       << out.text;
     else if (keep)

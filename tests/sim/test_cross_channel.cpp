@@ -201,7 +201,7 @@ json snapshot() {
     json ports = json::array();
     const uint32_t n = SDGetNumberOfAdapters();
     for (uint32_t i = 0; i < n; ++i) {
-        SD_UINT32 handle = 0;
+        int handle = 0;
         const uint32_t open = SDOpenDevice(i, &handle);
         json port{{"open", status_hex(open)}};
         if (open == 0) {

@@ -214,7 +214,7 @@ std::vector<std::string> count_records() {
 }
 
 uint32_t open_first_port() {
-    SD_UINT32 handle = 0;
+    int handle = 0;
     EXPECT_EQ(SDOpenDevice(0, &handle), 0u);
     return handle;
 }

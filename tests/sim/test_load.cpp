@@ -149,14 +149,14 @@ SIM_TEST(Load, SysfsHostOpensNetlinkAndTheControlNode, "default.json") {
 SIM_TEST(Load, HostWithoutControlNodeStillLoads, NO_CONTROL_NODE.c_str()) {
     EXPECT_EQ(SDGetNumberOfAdapters(), 1u);
     EXPECT_FALSE(exists("/dev/vxfcapidev"));
-    SD_UINT32 handle = 0;
+    int handle = 0;
     EXPECT_EQ(SDOpenDevice(0, &handle), 0u);
     EXPECT_EQ(SDCloseDevice(handle), 0u);
 }
 
 SIM_TEST(Load, NotRootEveryLoadFails, NOT_ROOT.c_str()) {
     EXPECT_EQ(SDGetNumberOfAdapters(), 0u);
-    SD_UINT32 handle = 0x55;
+    int handle = 0x55;
     EXPECT_EQ(SDOpenDevice(0, &handle), 0x20000075u);
     EXPECT_EQ(SDOpenDevice(0, &handle), 0x20000075u);  // every load fails, not just the first
     EXPECT_EQ(handle, 0x55u);
@@ -169,7 +169,7 @@ SIM_TEST(Load, NotRootEveryLoadFails, NOT_ROOT.c_str()) {
 
 SIM_TEST(Load, HandlesAndInstanceNumbers, "default.json") {
     const uint32_t ports = scenario_ports();
-    SD_UINT32 first = 0, second = 0, none = 0x77;
+    int first = 0, second = 0, none = 0x77;
     ASSERT_EQ(SDOpenDevice(0, &first), 0u);
     ASSERT_EQ(SDOpenDevice(1, &second), 0u);
     EXPECT_EQ(SDOpenDevice(ports, &none), 0x2000006Du);       // one past the end
@@ -187,7 +187,7 @@ SIM_TEST(Load, HandlesAndInstanceNumbers, "default.json") {
     EXPECT_FALSE(sem_exists(829));
     EXPECT_FALSE(sem_exists(980));
     // The next open discovers afresh: handles mean the same again.
-    SD_UINT32 again = 0;
+    int again = 0;
     ASSERT_EQ(SDOpenDevice(1, &again), 0u);
     EXPECT_EQ(again, second);
     EXPECT_EQ(SDCloseDevice(again), 0u);
@@ -200,7 +200,7 @@ SIM_TEST(Load, HostWithoutSystemVIpcCountsButDoesNotOpen, "default.json") {
             return 77;
         if (SDGetNumberOfAdapters() != ports)
             return 1;
-        SD_UINT32 handle = 0;
+        int handle = 0;
         if (SDOpenDevice(0, &handle) != 0x20000066u)
             return 2;
         if (SDCloseDevice(1) != 0x20000066u)
@@ -239,7 +239,7 @@ SIM_TEST(SharedDb, OnlyTheLastInstanceRemovesTheSharedState, "single.json") {
     // Another process loads and ends without unloading: its slot stays claimed.
     ASSERT_EQ(st::run_children(1, [](int) { return SDGetNumberOfAdapters() == 1 ? 0 : 1; }), std::vector<int>{0});
 
-    SD_UINT32 handle = 0;
+    int handle = 0;
     ASSERT_EQ(SDOpenDevice(0, &handle), 0u);
     EXPECT_EQ(slot_flags(), (Flags{0x05, 0x05, 0, 0, 0, 0, 0, 0}));
     ASSERT_EQ(SDCloseDevice(handle), 0u);  // unloads, but is not the last instance

@@ -37,7 +37,7 @@ std::vector<int> open_all() {
     std::vector<int> handles;
     const uint32_t count = SDGetNumberOfAdapters();
     for (uint32_t i = 0; i < count; ++i) {
-        SD_UINT32 h = 0;
+        int h = 0;
         EXPECT_EQ(SDOpenDevice(i, &h), 0u) << i;
         handles.push_back(static_cast<int>(h));
     }

@@ -99,7 +99,7 @@ TEST_F(Load, HostWithoutAdaptersKeepsNothingAndRetriesNextTime) {
         EXPECT_FALSE(sem_exists(VX_SEM_KEY_THREAD));
         EXPECT_FALSE(db_exists());
         EXPECT_EQ(SDGetNumberOfAdapters(), 0u);
-        SD_UINT32 handle = 0;
+        int handle = 0;
         EXPECT_EQ(SDOpenDevice(0, &handle), SDM_STATUS_DEVICE_NOT_FOUND);
     }
 }
@@ -108,7 +108,7 @@ TEST_F(Load, EntryPointsRefuseAMissingDatabase) {
     load_ports(2);
     int fd = api_shm_fildes;
     ASSERT_EQ(vxapi_close_database(fd), 0);
-    SD_UINT32 handle = 0;
+    int handle = 0;
     EXPECT_EQ(SDOpenDevice(0, nullptr), SDM_STATUS_INVALID_PARAMETER);
     // In use but not set up.
     EXPECT_EQ(SDOpenDevice(0, &handle), SDM_STATUS_OUT_OF_MEMORY);

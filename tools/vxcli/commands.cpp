@@ -288,7 +288,7 @@ std::string port_type_text(uint8_t type) {
 void error_line(const char* text) { fmt::print(stderr, "vxcli: {}\n", text); }
 
 int explain_no_ports() {
-    SD_UINT32 handle = 0;
+    int handle = 0;
     const SD_UINT32 status = SDOpenDevice(0, &handle);
     if (status == SDM_STATUS_SUCCESS) {
         SDCloseDevice(handle);

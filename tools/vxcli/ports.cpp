@@ -53,7 +53,7 @@ PortSession::~PortSession() {
 }
 
 uint32_t PortSession::open(uint32_t instance, uint32_t* handle) {
-    SD_UINT32 h = 0;
+    int h = 0;
     const SD_UINT32 status = SDOpenDevice(instance, &h);
     if (status == SDM_STATUS_SUCCESS) {
         handles_.push_back(h);
