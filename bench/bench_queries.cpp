@@ -6,18 +6,10 @@
 //   vxsim run --scenario sim/scenarios/large.json -- build/bench/bench_queries
 // Started outside one, it runs itself that way when the build knows where
 // vxsim and the scenario are.
-#include <benchmark/benchmark.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <vector>
-
+#include "bench_sim.h"
 #include "vsdmgt.h"
 
 namespace {
-
-bool inside_simulated_host() { return getenv("VXSIM_ROOT") != nullptr; }
 
 // Instance 0, opened once for every benchmark of the run.
 int port_handle() {
@@ -25,16 +17,14 @@ int port_handle() {
         int h = 0;
         if (SDGetNumberOfAdapters() == 0 || SDOpenDevice(0, &h) != 0)
             return 0;
-        return static_cast<int>(h);
+        return h;
     }();
     return handle;
 }
 
 bool ready(benchmark::State& state) {
-    if (!inside_simulated_host()) {
-        state.SkipWithError("needs a simulated host (vxsim run ... -- bench_queries)");
+    if (!vxbench::in_host(state))
         return false;
-    }
     if (port_handle() == 0) {
         state.SkipWithError("no port to open");
         return false;
@@ -88,44 +78,6 @@ void BM_DiscPortProperty(benchmark::State& state) {
 }
 BENCHMARK(BM_DiscPortProperty)->Arg(0)->Arg(63)->Unit(benchmark::kMicrosecond);
 
-// Re-runs this program inside a simulated host of the large scenario.
-int run_in_simulated_host(int argc, char** argv) {
-#if defined(VXSIM_BIN) && defined(VX_LARGE_SCENARIO)
-    if (access(VXSIM_BIN, X_OK) != 0)
-        return -1;
-    char self[4096];
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0)
-        return -1;
-    self[n] = '\0';
-    std::vector<char*> args = {const_cast<char*>(VXSIM_BIN), const_cast<char*>("run"),
-                               const_cast<char*>("--scenario"), const_cast<char*>(VX_LARGE_SCENARIO),
-                               const_cast<char*>("--"), self};
-    for (int i = 1; i < argc; ++i)
-        args.push_back(argv[i]);
-    args.push_back(nullptr);
-    execv(VXSIM_BIN, args.data());
-    perror("bench_queries: cannot run vxsim");
-    return 1;
-#else
-    (void)argc;
-    (void)argv;
-    return -1;
-#endif
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (!inside_simulated_host()) {
-        const int rc = run_in_simulated_host(argc, argv);
-        if (rc >= 0)
-            return rc;
-    }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char** argv) { return vxbench::main(argc, argv, VX_SCENARIOS "/large.json"); }
