@@ -67,6 +67,21 @@ int32_t query(const char* name, int handle, vxapi_priv_database* inst, uint16_t 
     return send(name, handle, inst, EXT_CC_QUERY, subcode, index, nullptr, 0, rec, len, ext_stat, nullptr);
 }
 
+// The shape of every record query: refuse a missing port or record, hand a
+// sysfs port to its twin, send one query for any other.
+template <typename Record>
+int32_t query_leaf(const char* name, int handle, vxapi_priv_database* inst, Record* rec, uint32_t* pext_stat,
+                   uint16_t subcode, uint16_t index,
+                   int32_t (*twin)(uint32_t, vxapi_priv_database*, Record*, uint32_t*)) {
+    uint32_t local = 0;
+    uint32_t& ext_stat = status_word(pext_stat, local);
+    if (!inst || !rec)
+        return refuse(name, ext_stat);
+    if (is_sysfs(inst))
+        return twin(static_cast<uint32_t>(handle), inst, rec, &ext_stat);
+    return query(name, handle, inst, subcode, index, rec, sizeof *rec, ext_stat);
+}
+
 bool contains(const uint8_t* text, size_t size, const char* word) {
     const size_t n = strlen(word);
     const size_t len = strnlen(reinterpret_cast<const char*>(text), size);
@@ -79,14 +94,10 @@ bool contains(const uint8_t* text, size_t size, const char* word) {
 }  // namespace
 
 int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !node)
-        return refuse("vxapi_query_hbanode", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_hbanode(static_cast<uint32_t>(handle), inst, node, &ext_stat);
-    const int32_t rc =
-        query("vxapi_query_hbanode", handle, inst, EXT_SC_QUERY_HBA_NODE, 0, node, sizeof *node, ext_stat);
+    const int32_t rc = query_leaf("vxapi_query_hbanode", handle, inst, node, pext_stat, EXT_SC_QUERY_HBA_NODE, 0,
+                                  vxsysfs_query_hbanode);
+    if (!inst || !node || is_sysfs(inst))
+        return rc;
     // A VMware driver reports the ports of the whole board; each physical
     // port counts as one there.
     if (rc == 0 && contains(node->DriverVersion, sizeof node->DriverVersion, "vm") &&
@@ -96,53 +107,23 @@ int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE*
 }
 
 int32_t vxapi_query_hbaport(int handle, vxapi_priv_database* inst, EXT_HBA_PORT* port, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !port)
-        return refuse("vxapi_query_hbaport", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_hbaport(static_cast<uint32_t>(handle), inst, port, &ext_stat);
-    return query("vxapi_query_hbaport", handle, inst, EXT_SC_QUERY_HBA_PORT, 0, port, sizeof *port, ext_stat);
+    return query_leaf("vxapi_query_hbaport", handle, inst, port, pext_stat, EXT_SC_QUERY_HBA_PORT, 0, vxsysfs_query_hbaport);
 }
 
 int32_t vxapi_query_chip(int handle, vxapi_priv_database* inst, EXT_CHIP* chip, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !chip)
-        return refuse("vxapi_query_chip", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_chip(static_cast<uint32_t>(handle), inst, chip, &ext_stat);
-    return query("vxapi_query_chip", handle, inst, EXT_SC_QUERY_CHIP, 0, chip, sizeof *chip, ext_stat);
+    return query_leaf("vxapi_query_chip", handle, inst, chip, pext_stat, EXT_SC_QUERY_CHIP, 0, vxsysfs_query_chip);
 }
 
 int32_t vxapi_query_driver(int handle, vxapi_priv_database* inst, EXT_DRIVER* drv, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !drv)
-        return refuse("vxapi_query_driver", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_driver(static_cast<uint32_t>(handle), inst, drv, &ext_stat);
-    return query("vxapi_query_driver", handle, inst, EXT_SC_QUERY_DRIVER, 0, drv, sizeof *drv, ext_stat);
+    return query_leaf("vxapi_query_driver", handle, inst, drv, pext_stat, EXT_SC_QUERY_DRIVER, 0, vxsysfs_query_driver);
 }
 
 int32_t vxapi_query_fw(int handle, vxapi_priv_database* inst, EXT_FW* fw, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !fw)
-        return refuse("vxapi_query_fw", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_fw(static_cast<uint32_t>(handle), inst, fw, &ext_stat);
-    return query("vxapi_query_fw", handle, inst, EXT_SC_QUERY_FW, 0, fw, sizeof *fw, ext_stat);
+    return query_leaf("vxapi_query_fw", handle, inst, fw, pext_stat, EXT_SC_QUERY_FW, 0, vxsysfs_query_fw);
 }
 
 int32_t vxapi_query_cnaport(int handle, vxapi_priv_database* inst, EXT_CNA_PORT* cna, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !cna)
-        return refuse("vxapi_query_cnaport", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_cnaport(static_cast<uint32_t>(handle), inst, cna, &ext_stat);
-    return query("vxapi_query_cnaport", handle, inst, EXT_SC_QUERY_CNA_PORT, 0, cna, sizeof *cna, ext_stat);
+    return query_leaf("vxapi_query_cnaport", handle, inst, cna, pext_stat, EXT_SC_QUERY_CNA_PORT, 0, vxsysfs_query_cnaport);
 }
 
 int32_t vxapi_query_discport(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_PORT* port,
