@@ -351,6 +351,16 @@ int run_show(uint32_t instance, bool as_json) {
     return result;
 }
 
+// The discovered targets of an opened port; a failed query makes the
+// command's result partial.
+int port_targets(uint32_t instance, int device, std::vector<Target>& targets) {
+    const uint32_t status = discovered_targets(device, targets);
+    if (status == SDM_STATUS_SUCCESS)
+        return EXIT_OK;
+    error_line(fmt::format("port {}: discovered ports query failed: {}", instance, status_text(status)).c_str());
+    return EXIT_PARTIAL;
+}
+
 int run_targets(uint32_t instance, bool as_json) {
     OpenPort port;
     open_port(instance, port);
@@ -358,12 +368,7 @@ int run_targets(uint32_t instance, bool as_json) {
         return port.exit;
     const int device = static_cast<int>(port.handle);
     std::vector<Target> targets;
-    const uint32_t status = discovered_targets(device, targets);
-    int result = EXIT_OK;
-    if (status != SDM_STATUS_SUCCESS) {
-        error_line(fmt::format("port {}: discovered ports query failed: {}", instance, status_text(status)).c_str());
-        result = EXIT_PARTIAL;
-    }
+    const int result = port_targets(instance, device, targets);
     const std::map<std::string, bool> online = online_by_wwpn(device);
     std::vector<json> rows;
     for (const Target& t : targets) {
@@ -397,12 +402,7 @@ int run_luns(uint32_t instance, bool as_json) {
         return port.exit;
     const int device = static_cast<int>(port.handle);
     std::vector<Target> targets;
-    const uint32_t status = discovered_targets(device, targets);
-    int result = EXIT_OK;
-    if (status != SDM_STATUS_SUCCESS) {
-        error_line(fmt::format("port {}: discovered ports query failed: {}", instance, status_text(status)).c_str());
-        result = EXIT_PARTIAL;
-    }
+    int result = port_targets(instance, device, targets);
     std::vector<json> rows;
     for (const Target& t : targets) {
         std::vector<uint16_t> luns;
