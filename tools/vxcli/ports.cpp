@@ -3,6 +3,11 @@
 
 #include <fmt/format.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
 #include "format.h"
 
 namespace vxcli {
@@ -14,6 +19,38 @@ using json = nlohmann::ordered_json;
 json instance_of(const PortRow& r) { return r.instance; }
 
 json handle_of(const PortRow& r) { return r.handle ? json(*r.handle) : json(); }
+
+// The SCSI host number the kernel gave each port, by port name. The SD
+// records do not carry it; the FC transport class names it in sysfs.
+const std::map<uint64_t, unsigned>& hosts_by_wwpn() {
+    static const std::map<uint64_t, unsigned> hosts = [] {
+        std::map<uint64_t, unsigned> found;
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator("/sys/class/fc_host", ec)) {
+            const std::string name = entry.path().filename().string();
+            if (name.rfind("host", 0) != 0)
+                continue;
+            std::ifstream in(entry.path() / "port_name");
+            std::string text;
+            if (in >> text)
+                found[std::strtoull(text.c_str(), nullptr, 16)] =
+                    static_cast<unsigned>(std::strtoul(name.c_str() + 4, nullptr, 10));
+        }
+        return found;
+    }();
+    return hosts;
+}
+
+json host_of(const PortRow& r) {
+    if (!r.port)
+        return json();
+    uint64_t wwpn = 0;
+    for (uint8_t b : r.port->WWN)
+        wwpn = wwpn << 8 | b;
+    const auto& hosts = hosts_by_wwpn();
+    const auto it = hosts.find(wwpn);
+    return it == hosts.end() ? json() : json(it->second);
+}
 
 json wwnn_of(const PortRow& r) { return r.node ? json(wwn_text(r.node->WWN)) : json(); }
 
@@ -39,7 +76,8 @@ json serial_of(const PortRow& r) {
 const std::vector<Column>& port_columns() {
     static const std::vector<Column> columns = {
         {"INSTANCE", "instance", true, instance_of}, {"HANDLE", "handle", true, handle_of},
-        {"WWNN", "wwnn", false, wwnn_of},            {"WWPN", "wwpn", false, wwpn_of},
+        {"HOST", "host", true, host_of},             {"WWNN", "wwnn", false, wwnn_of},
+        {"WWPN", "wwpn", false, wwpn_of},
         {"PORT ID", "port_id", false, port_id_of},   {"TYPE", "type", false, type_of},
         {"STATE", "state", false, state_of},         {"SPEED", "speed", false, speed_of},
         {"MODEL", "model", false, model_of},         {"SERIAL", "serial", false, serial_of},
