@@ -22,6 +22,7 @@ bench: build
 
 install: build
 	@cmake --install $(BUILD)
+	@ldconfig
 
 clean:
 	rm -rf build build-asan build-tsan

@@ -35,11 +35,23 @@ int complain(const std::string& line) {
 std::string find_scenario(const std::string& name) {
     if (fs::exists(name) || name.find('/') != std::string::npos)
         return name;
-    const char* env = std::getenv("VXSIM_SCENARIOS");
-    std::string dir = env && *env ? env : VXSIM_SCENARIO_DIR;
-    for (const std::string& candidate : {dir + "/" + name, dir + "/" + name + ".json"})
-        if (fs::exists(candidate))
-            return candidate;
+    // The variable, the source tree this vxsim was built from, or the shared
+    // data of an installed one (<prefix>/libexec/vxsim/vxsim ->
+    // <prefix>/share/vxsim/scenarios).
+    std::vector<std::string> dirs;
+    if (const char* env = std::getenv("VXSIM_SCENARIOS"); env && *env)
+        dirs.push_back(env);
+    dirs.push_back(VXSIM_SCENARIO_DIR);
+    char self[4096];
+    if (const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1); n > 0) {
+        self[n] = '\0';
+        const std::string exe(self);
+        dirs.push_back(exe.substr(0, exe.find_last_of('/')) + "/../../share/vxsim/scenarios");
+    }
+    for (const std::string& dir : dirs)
+        for (const std::string& candidate : {dir + "/" + name, dir + "/" + name + ".json"})
+            if (!dir.empty() && fs::exists(candidate))
+                return candidate;
     return name;
 }
 
