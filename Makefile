@@ -25,4 +25,4 @@ install: build
 	@ldconfig
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz

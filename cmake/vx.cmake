@@ -10,7 +10,12 @@ function(vx_defaults target)
 endfunction()
 
 function(vx_sanitize target)
-  if(VX_SANITIZE)
+  if(VX_FUZZ)
+    # Coverage for the fuzzer, with the sanitizers it runs under.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link,address,undefined
+                           -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  elseif(VX_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined
                            -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
