@@ -7,7 +7,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "unit_support.h"
 #include "vx_core.h"
@@ -18,11 +17,10 @@ namespace {
 class Registry : public testing::Test {
 protected:
     void TearDown() override {
+        vx_debug = VXDBG_DEFAULT;
         vxapi_free_api_priv_data_mem();
         vxapi_free_api_phy_info_mem();
-        api_use_database = 1;
         api_shared_data = nullptr;
-        memset(api_priv_data, 0, sizeof api_priv_data);
     }
 
     // Appends a port record; a physical port gets its own adapter record.
@@ -33,7 +31,7 @@ protected:
         vxapi_priv_database* port = current_priv_inst;
         port->interface_type = iftype;
         port->features = features;
-        if (iftype == VX_IFTYPE_VIRTUAL && parent) {
+        if (parent) {
             port->phy_info = parent->phy_info;
             port->parent = parent;
         } else {
@@ -44,29 +42,19 @@ protected:
         }
         return port;
     }
+    vxapi_priv_database* add_vport(vxapi_priv_database* parent) {
+        return add_port(VX_IFTYPE_VIRTUAL, "", "", VX_FEAT_SYSFS, parent);
+    }
 };
 
-TEST_F(Registry, HandleIsInstancePlusOneAndZeroIsNeverValid) {
-    EXPECT_EQ(vxapi_create_apihandle(0), 1u);
+TEST_F(Registry, HandleZeroIsNeverValidAndAChannelIsNeeded) {
     EXPECT_EQ(vxapi_create_apihandle(41), 42u);
     EXPECT_EQ(check_handle(1), nullptr);  // no list yet
-    vxapi_priv_database* first = add_port(VX_IFTYPE_PHYSICAL, "A");
-    add_port(VX_IFTYPE_PHYSICAL, "B");
-    EXPECT_EQ(check_handle(0), nullptr);
-    EXPECT_EQ(check_handle(1), nullptr);  // nothing opened yet
-
-    uint32_t handle = 0, status = 0;
-    ASSERT_EQ(vxapi_open_adapter(first, &handle, &status), 0);
-    EXPECT_EQ(handle, 1u);
-    EXPECT_EQ(check_handle(1), first);
-    EXPECT_EQ(check_handle(2), nullptr);
-    EXPECT_EQ(check_handle(0), nullptr);
-}
-
-TEST_F(Registry, RecordWithoutChannelIsRejected) {
     vxapi_priv_database* port = add_port(VX_IFTYPE_PHYSICAL, "A", "VXW2031", 0);
+    add_port(VX_IFTYPE_PHYSICAL, "B");  // a channel, not opened: its handle field is 0
+    EXPECT_EQ(check_handle(0), nullptr);
     port->apihandle = 1;
-    EXPECT_EQ(check_handle(1), nullptr);
+    EXPECT_EQ(check_handle(1), nullptr);  // no channel
     for (uint32_t channel : {VX_FEAT_IOCTL_NODE, VX_FEAT_SYSFS, VX_FEAT_IOCTL_NODE | VX_FEAT_NEW_IOCTL}) {
         port->features = channel;
         EXPECT_EQ(check_handle(1), port) << channel;
@@ -75,53 +63,37 @@ TEST_F(Registry, RecordWithoutChannelIsRejected) {
     EXPECT_EQ(check_handle(1), nullptr);
 }
 
-TEST_F(Registry, SysfsPortOpensTwiceWithOneHandleAndNoFile) {
+TEST_F(Registry, DoubleOpenSharesOneHandleAndTheNodeUntilTheLastClose) {
     add_port(VX_IFTYPE_PHYSICAL, "A");
-    vxapi_priv_database* port = add_port(VX_IFTYPE_PHYSICAL, "B");
-    uint32_t h1 = 0, h2 = 0, status = 0;
-    ASSERT_EQ(vxapi_open_adapter(port, &h1, &status), 0);
-    ASSERT_EQ(vxapi_open_adapter(port, &h2, &status), 0);
-    EXPECT_EQ(h1, 2u);
-    EXPECT_EQ(h2, h1);
-    EXPECT_EQ(port->open_cnt, 2u);
-    EXPECT_EQ(port->oshandle, -1);
+    vxapi_priv_database* sysfs = add_port(VX_IFTYPE_PHYSICAL, "B");
+    vxapi_priv_database* ioctl = add_port(VX_IFTYPE_PHYSICAL, "C", "VXE1040", VX_FEAT_IOCTL_NODE);
+    snprintf(reinterpret_cast<char*>(ioctl->phys_path), sizeof ioctl->phys_path, "/dev/null");
 
-    ASSERT_EQ(vxapi_close_adapter(port, &status), 0);
-    EXPECT_EQ(port->open_cnt, 1u);
-    EXPECT_EQ(check_handle(2), port);  // one close leaves it open
-    ASSERT_EQ(vxapi_close_adapter(port, &status), 0);
-    EXPECT_EQ(port->open_cnt, 0u);
-    EXPECT_EQ(port->apihandle, 0u);
-    EXPECT_EQ(check_handle(2), nullptr);
-    EXPECT_EQ(vxapi_close_adapter(port, &status), 0);  // closing a closed port does nothing
-    EXPECT_EQ(port->open_cnt, 0u);
+    for (auto [port, handle_wanted] : {std::pair{sysfs, 2u}, std::pair{ioctl, 3u}}) {
+        SCOPED_TRACE(handle_wanted);
+        uint32_t h1 = 0, h2 = 0, status = 0;
+        ASSERT_EQ(vxapi_open_adapter(port, &h1, &status), 0);
+        const int fd = port->oshandle;
+        ASSERT_EQ(vxapi_open_adapter(port, &h2, &status), 0);
+        EXPECT_EQ(h1, handle_wanted);  // its position plus one
+        EXPECT_EQ(h2, h1);
+        EXPECT_EQ(port->open_cnt, 2u);
+        EXPECT_EQ(port->oshandle, fd);  // not reopened
+        EXPECT_TRUE(port == sysfs ? fd == -1 : (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0);  // no file; close-on-exec
+
+        ASSERT_EQ(vxapi_close_adapter(port, &status), 0);
+        EXPECT_EQ(check_handle(h1), port);  // one close leaves it open
+        EXPECT_EQ(port->oshandle, fd);
+        ASSERT_EQ(vxapi_close_adapter(port, &status), 0);
+        EXPECT_EQ(check_handle(h1), nullptr);
+        EXPECT_EQ(port->oshandle, -1);
+        EXPECT_TRUE(fd < 0 || fcntl(fd, F_GETFD) == -1);  // the node was closed
+        EXPECT_EQ(vxapi_close_adapter(port, &status), 0);  // closing a closed port does nothing
+        EXPECT_EQ(port->open_cnt, 0u);
+    }
 }
 
-TEST_F(Registry, NodePortOpensItsPathOnceAndClosesOnLastClose) {
-    const std::string dir = make_temp_dir();
-    const std::string node = dir + "/node";
-    close(open(node.c_str(), O_CREAT | O_WRONLY, 0600));
-    vxapi_priv_database* port = add_port(VX_IFTYPE_PHYSICAL, "A", "VXE1040", VX_FEAT_IOCTL_NODE);
-    snprintf(reinterpret_cast<char*>(port->phys_path), sizeof port->phys_path, "%s", node.c_str());
-
-    uint32_t handle = 0, status = 0;
-    ASSERT_EQ(vxapi_open_adapter(port, &handle, &status), 0);
-    const int fd = port->oshandle;
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    ASSERT_EQ(vxapi_open_adapter(port, &handle, &status), 0);
-    EXPECT_EQ(port->oshandle, fd);  // not reopened
-    EXPECT_EQ(handle, 1u);
-
-    ASSERT_EQ(vxapi_close_adapter(port, &status), 0);
-    EXPECT_EQ(fcntl(fd, F_GETFD) != -1, true);
-    ASSERT_EQ(vxapi_close_adapter(port, &status), 0);
-    EXPECT_EQ(port->oshandle, -1);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    remove_tree(dir);
-}
-
-TEST_F(Registry, OpenFailuresReportTheirCause) {
+TEST_F(Registry, OpenAndCloseFailures) {
     vxapi_priv_database* port = add_port(VX_IFTYPE_PHYSICAL, "A", "VXE1040", VX_FEAT_IOCTL_NODE);
     snprintf(reinterpret_cast<char*>(port->phys_path), sizeof port->phys_path, "/nonexistent/vxfcdrv");
     uint32_t handle = 99, status = 0;
@@ -131,30 +103,20 @@ TEST_F(Registry, OpenFailuresReportTheirCause) {
     EXPECT_EQ(port->open_cnt, 0u);
     EXPECT_EQ(port->apihandle, 0u);
 
-    // A record that is not in the list has no position.
-    vxapi_priv_database stray{};
+    vxapi_priv_database stray{};  // not in the list: no position
     stray.features = VX_FEAT_SYSFS;
     EXPECT_EQ(vxapi_open_adapter(&stray, &handle, &status), 1);
 
-    // Without the shared database nothing opens.
-    api_use_database = 0;
-    EXPECT_EQ(vxapi_open_adapter(port, &handle, &status), 2);
-}
-
-TEST_F(Registry, CloseOfMissingRecordIsTracedWithItsText) {
-    const uint32_t saved = vx_debug;
-    vx_debug = 0x006;
-    uint32_t status = 0;
     int rc = 0;
-    const std::string err = capture_stderr([&] { rc = vxapi_close_adapter(nullptr, &status); });
-    vx_debug = saved;
+    vx_debug = 0x006;  // the echo on
+    EXPECT_EQ(capture_stderr([&] { rc = vxapi_close_adapter(nullptr, &status); }),
+              "vxapi_close_adpter: api_priv_data_instnot found, exiting\n");
     EXPECT_EQ(rc, 1);
-    EXPECT_EQ(err, "vxapi_close_adpter: api_priv_data_instnot found, exiting\n");
 }
 
 TEST_F(Registry, PortsAreNumberedPerAdapterBySerialNumber) {
     vxapi_priv_database* a1 = add_port(VX_IFTYPE_PHYSICAL, "SN-A");
-    vxapi_priv_database* v1 = add_port(VX_IFTYPE_VIRTUAL, "", "", VX_FEAT_SYSFS, a1);
+    add_vport(a1);
     vxapi_priv_database* a2 = add_port(VX_IFTYPE_PHYSICAL, "SN-A");
     vxapi_priv_database* b1 = add_port(VX_IFTYPE_PHYSICAL, "SN-B");
     vxapi_priv_database* a3 = add_port(VX_IFTYPE_PHYSICAL, "SN-A");
@@ -164,7 +126,6 @@ TEST_F(Registry, PortsAreNumberedPerAdapterBySerialNumber) {
     EXPECT_EQ(a2->phy_info->port_number, 2);
     EXPECT_EQ(b1->phy_info->port_number, 1);
     EXPECT_EQ(a3->phy_info->port_number, 3);  // the virtual port in between does not count
-    EXPECT_EQ(v1->phy_info, a1->phy_info);
 }
 
 TEST_F(Registry, AdapterNameNeedsModelAndPosition) {
@@ -181,37 +142,23 @@ TEST_F(Registry, AdapterNameNeedsModelAndPosition) {
 }
 
 TEST_F(Registry, LookupsWithoutListsFindNothing) {
-    uint32_t value = 7;
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_user_instance(0), nullptr);
-    EXPECT_EQ(vxapi_get_instance_from_api_priv_inst(nullptr, &value), 1);
-    EXPECT_EQ(vxapi_get_host_no_by_handle(1, &value), 1);
-    EXPECT_EQ(value, 0xFFFFu);
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_adaptername("varnex-VXW2031-0"), nullptr);
     vxapi_phy_info pci{};
-    const uint32_t saved = vx_debug;
     vx_debug = 0x006;
-    std::string err = capture_stderr([&] {
+    const std::string err = capture_stderr([&] {
         EXPECT_EQ(vxapi_get_open_adapter_count(), 0u);
         EXPECT_EQ(vxapi_is_host_no_present(3), 1);
         EXPECT_EQ(vxapi_get_api_phy_info_inst(&pci), nullptr);
     });
-    vx_debug = saved;
     EXPECT_NE(err.find("no memory allocated for api_priv_data"), std::string::npos) << err;
     EXPECT_NE(err.find("api_phy_info is NOT initialized"), std::string::npos) << err;
 }
 
-TEST_F(Registry, LookupsByInstanceHostAndHandle) {
+// A handle that finds nothing yields host 0xFFFF; "present" answers 0.
+TEST_F(Registry, LookupsByHandleAndHost) {
     vxapi_priv_database* p0 = add_port(VX_IFTYPE_PHYSICAL, "A");
     vxapi_priv_database* p1 = add_port(VX_IFTYPE_PHYSICAL, "A");
     p0->host_no = 5;
     p1->host_no = 7;
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_user_instance(1), p1);
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_user_instance(2), nullptr);
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_user_instance(0xFFFFFFFF), nullptr);
-    uint32_t instance = 0;
-    EXPECT_EQ(vxapi_get_instance_from_api_priv_inst(p1, &instance), 0);
-    EXPECT_EQ(instance, 1u);
-
     uint32_t handle = 0, status = 0, host = 0;
     ASSERT_EQ(vxapi_open_adapter(p1, &handle, &status), 0);
     EXPECT_EQ(vxapi_get_host_no_by_handle(handle, &host), 0);
@@ -226,73 +173,22 @@ TEST_F(Registry, LookupsByInstanceHostAndHandle) {
 TEST_F(Registry, VirtualPortLookups) {
     vxapi_priv_database* phys = add_port(VX_IFTYPE_PHYSICAL, "A");
     vxapi_priv_database* other = add_port(VX_IFTYPE_PHYSICAL, "B");
-    vxapi_priv_database* v1 = add_port(VX_IFTYPE_VIRTUAL, "", "", VX_FEAT_SYSFS, phys);
-    vxapi_priv_database* v2 = add_port(VX_IFTYPE_VIRTUAL, "", "", VX_FEAT_SYSFS, phys);
-    v1->vp_idx = 1;
+    add_vport(phys)->vp_idx = 1;
+    vxapi_priv_database* v2 = add_vport(phys);
     v2->vp_idx = 2;
-    const uint8_t wwnn[8] = {0x20, 0, 0, 0x1b, 0x32, 0, 0, 1};
-    const uint8_t wwpn[8] = {0x21, 0, 0, 0x1b, 0x32, 0, 0, 1};
+    const uint8_t wwnn[8] = {0x20, 0, 0, 0x1b, 0x32, 0, 0, 1}, wwpn[8] = {0x21, 0, 0, 0x1b, 0x32, 0, 0, 1};
     memcpy(v2->wwnn, wwnn, 8);
     memcpy(v2->wwpn, wwpn, 8);
-
-    EXPECT_EQ(vxapi_get_phy_port_from_vport(v2), phys);
-    vxapi_priv_database orphan{};
-    EXPECT_EQ(vxapi_get_phy_port_from_vport(&orphan), nullptr);
     EXPECT_EQ(vxapi_get_vport_from_wwn(phys, wwnn, wwpn), v2);
     EXPECT_EQ(vxapi_get_vport_from_wwn(other, wwnn, wwpn), nullptr);
     EXPECT_EQ(vxapi_get_vport_from_wwn(phys, wwpn, wwnn), nullptr);
-    EXPECT_EQ(vxapi_get_vport_from_vport_id(phys, 1), v1);
     EXPECT_EQ(vxapi_get_vport_from_vport_id(phys, 2), v2);
     EXPECT_EQ(vxapi_get_vport_from_vport_id(phys, 3), nullptr);
     EXPECT_EQ(vxapi_get_vport_from_vport_id(other, 1), nullptr);
 }
 
-TEST_F(Registry, AdapterRecordByPciLocation) {
-    vxapi_priv_database* a = add_port(VX_IFTYPE_PHYSICAL, "A");
-    vxapi_priv_database* b = add_port(VX_IFTYPE_PHYSICAL, "A");
-    a->phy_info->pci_bus = 3;
-    a->phy_info->pci_dev_func = 0;
-    b->phy_info->pci_bus = 3;
-    b->phy_info->pci_dev_func = 1;
-    vxapi_phy_info where{};
-    where.pci_bus = 3;
-    where.pci_dev_func = 1;
-    EXPECT_EQ(vxapi_get_api_phy_info_inst(&where), b->phy_info);
-    where.pci_domain = 1;
-    EXPECT_EQ(vxapi_get_api_phy_info_inst(&where), nullptr);
-}
-
-TEST_F(Registry, FreeingOneRecordKeepsTheOthersInOrder) {
-    vxapi_priv_database* p0 = add_port(VX_IFTYPE_PHYSICAL, "A");
-    vxapi_priv_database* p1 = add_port(VX_IFTYPE_PHYSICAL, "B");
-    vxapi_priv_database* p2 = add_port(VX_IFTYPE_PHYSICAL, "C");
-    vxapi_phy_info* info1 = p1->phy_info;
-    vxapi_free_api_priv_data_element(p1);
-    vxapi_free_api_phy_info_element(info1);
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_user_instance(0), p0);
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_user_instance(1), p2);
-    EXPECT_EQ(vxapi_get_api_priv_inst_from_user_instance(2), nullptr);
-    EXPECT_EQ(api_phy_info->count, 2u);
-    // The newest record is the current one; freeing it clears the pointer.
-    EXPECT_EQ(current_priv_inst, p2);
-    vxapi_free_api_priv_data_element(p2);
-    EXPECT_EQ(current_priv_inst, nullptr);
-    EXPECT_EQ(api_priv_database->count, 1u);
-    vxapi_priv_database* fresh = add_port(VX_IFTYPE_PHYSICAL, "D");
-    EXPECT_EQ(fresh->oshandle, -1);
-    EXPECT_NE(fresh->api_event_cbs, nullptr);
-}
-
-TEST_F(Registry, LegacyTableLookup) {
-    int index = 5;
-    EXPECT_EQ(vxapi_get_api_inst_by_handle(77, &index), 1);
-    EXPECT_EQ(index, -1);
-    api_priv_data[31].apihandle = 77;
-    EXPECT_EQ(vxapi_get_api_inst_by_handle(77, &index), 0);
-    EXPECT_EQ(index, 31);
-}
-
-TEST_F(Registry, LibraryInstanceCountAndBitCount) {
+// Slots with any of the bits 0x01, 0x04, 0x08 count.
+TEST_F(Registry, LibraryInstanceCount) {
     EXPECT_EQ(vxapi_get_total_libinst_count(), 0u);  // no mapping
     auto shared = std::make_unique<vxapi_shared_t>();
     memset(shared.get(), 0, sizeof *shared);
@@ -300,10 +196,6 @@ TEST_F(Registry, LibraryInstanceCountAndBitCount) {
     memcpy(shared->libinst_flags, flags, sizeof flags);
     api_shared_data = shared.get();
     EXPECT_EQ(vxapi_get_total_libinst_count(), 4u);
-
-    const std::pair<uint32_t, uint32_t> bits[] = {{0, 0}, {1, 1}, {0x7, 3}, {0x80000001, 2}, {0xFFFFFFFF, 32}};
-    for (const auto& [value, count] : bits)
-        EXPECT_EQ(vxapi_get_number_of_bits_set(value), count) << value;
 }
 
 }  // namespace
