@@ -2,7 +2,6 @@
 // code against a tree mounted over /sys in a private mount namespace.
 #pragma once
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -26,10 +25,9 @@ public:
 
     void dir(const std::string& rel) const { std::filesystem::create_directories(path(rel)); }
 
-    void file(const std::string& rel, const std::string& text, mode_t mode = 0644) const {
+    void file(const std::string& rel, const std::string& text) const {
         std::filesystem::create_directories(std::filesystem::path(path(rel)).parent_path());
         std::ofstream(path(rel), std::ios::binary) << text;
-        chmod(path(rel).c_str(), mode);
     }
 
     // A relative link, as the kernel makes them, from `rel` to `target` (both under the root).
