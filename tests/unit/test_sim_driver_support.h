@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,30 +28,19 @@ protected:
     }
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-    static void write_bytes(const std::string& p, const std::vector<uint8_t>& bytes) {
-        std::ofstream out(p, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    }
-    static void write_text(const std::string& p, const std::string& text) {
-        std::ofstream out(p, std::ios::trunc);
-        out << text;
-    }
-    static std::vector<uint8_t> read_bytes(const std::string& p) {
-        std::vector<uint8_t> out;
-        if (FILE* f = std::fopen(p.c_str(), "rb")) {
-            uint8_t buf[4096];
-            size_t n;
-            while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
-                out.insert(out.end(), buf, buf + n);
-            std::fclose(f);
-        }
-        return out;
+    static void write_text(const std::string& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
+    static void write_bytes(const std::string& p, const std::vector<uint8_t>& b) {
+        write_text(p, std::string(b.begin(), b.end()));
     }
     static std::string read_text(const std::string& p) {
-        std::vector<uint8_t> b = read_bytes(p);
-        return std::string(b.begin(), b.end());
+        std::ostringstream out;
+        out << std::ifstream(p, std::ios::binary).rdbuf();
+        return out.str();
     }
-
+    static std::vector<uint8_t> read_bytes(const std::string& p) {
+        std::string t = read_text(p);
+        return std::vector<uint8_t>(t.begin(), t.end());
+    }
     // Bytes whose value depends on the position, so a misplaced copy shows.
     static std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
         std::vector<uint8_t> v(n);
