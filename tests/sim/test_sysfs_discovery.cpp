@@ -1,12 +1,11 @@
 // sysfs discovery in simulated hosts, through the exported interface: what
 // each discovered port became is read from the library's own sysfs trace
 // (one line per accepted port) and from the driver's request journal.
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "simtest.h"
+#include "libtest.h"
 #include "vsdmgt.h"
 
 namespace {
@@ -37,26 +36,6 @@ const char* const NO_PCI_BUS = R"({"name": "no-pci-bus", "options": {"pci_bus": 
   {"id": "plover0", "device_id": "0x2050", "serial_number": "VXP20500001",
    "functions": [{"pci_address": "0000:04:00.0",
      "port": {"host_no": 1, "wwnn": "20:00:00:1d:5a:02:50:01", "wwpn": "21:00:00:1d:5a:02:50:01"}}]}]})";
-
-// Trace lines of the log (without their time stamps) that contain `marker`.
-std::vector<std::string> trace_lines(const std::string& marker) {
-    std::vector<std::string> lines;
-    FILE* fp = fopen("/usr/lib/libvxsdm.log", "re");
-    if (!fp)
-        return lines;
-    char buf[512];
-    while (fgets(buf, sizeof buf, fp)) {
-        std::string line(buf);
-        const size_t at = line.find(marker);
-        if (at == std::string::npos)
-            continue;
-        if (!line.empty() && line.back() == '\n')
-            line.pop_back();
-        lines.push_back(line.substr(at + marker.size()));
-    }
-    fclose(fp);
-    return lines;
-}
 
 // The journal's requests of one endpoint on one host, as "<command or op>:<ok|errno>".
 std::vector<std::string> requests(const std::string& endpoint, uint32_t host) {
@@ -89,8 +68,8 @@ SIM_TEST(SysfsDiscovery, PortsInHostOrderWithTheirFlags, DISCOVERY) {
         "host_no=7 instance=2 interface_type=3 features=1020h topology=8 vp_idx=2",
         "host_no=3 instance=3 interface_type=1 features=20h topology=2 vp_idx=0",
     };
-    EXPECT_EQ(trace_lines("vxsysfs_get_driver_devices: >> added "), expected);
-    EXPECT_EQ(trace_lines("vxsysfs_get_driver_devices: >> adapter "),
+    EXPECT_EQ(st::trace_lines("vxsysfs_get_driver_devices: >> added "), expected);
+    EXPECT_EQ(st::trace_lines("vxsysfs_get_driver_devices: >> adapter "),
               (std::vector<std::string>{"device_id=2031h serial_num=VXW20310001",
                                         "device_id=2050h serial_num=VXP20500001"}));
 
@@ -105,5 +84,5 @@ SIM_TEST(SysfsDiscovery, PortsInHostOrderWithTheirFlags, DISCOVERY) {
 SIM_TEST(SysfsDiscovery, NoPciBusFindsNothing, NO_PCI_BUS) {
     trace_discovery();
     EXPECT_EQ(SDGetNumberOfAdapters(), 0u);
-    EXPECT_EQ(trace_lines("vxsysfs_supported_driver_exist: > no pci bus").size(), 1u);
+    EXPECT_EQ(st::trace_lines("vxsysfs_supported_driver_exist: > no pci bus").size(), 1u);
 }
