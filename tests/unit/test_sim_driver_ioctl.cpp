@@ -22,15 +22,8 @@ namespace {
 const char* const MODEL = R"({"adapters": [
   {"id": "egret", "device_id": "0x1040", "serial_number": "E40117", "channel": "ioctl",
    "functions": [{"pci_address": "0000:03:00.0", "port": {"host_no": 7, "remote_ports": [
-     {"number": 0, "wwpn": "0x500000000000000a", "port_id": "0x0a0200", "scsi_target_id": 4, "luns": [{"lun": 0}]},
-     {"number": 1, "wwpn": "0x500000000000000b", "port_id": "0x0a0300", "roles": "FCP Initiator"},
-     {"number": 2, "wwpn": "0x500000000000000c", "port_id": "0x0a0400", "scsi_target_id": 1, "state": "Blocked",
-      "luns": [{"lun": 0}, {"lun": 1}]},
-     {"number": 3, "wwpn": "0x500000000000000d", "port_id": "0x0000e8", "scsi_target_id": 2, "loop_id": 5,
-      "roles": "FCP Target, FCP Initiator"},
-     {"number": 4, "wwpn": "0x500000000000000e", "port_id": "0xfffffc", "roles": "", "state": "Not Present"},
-     {"number": 5, "channel": 1, "wwpn": "0x500000000000000f", "port_id": "0x0a0500", "scsi_target_id": 4,
-      "luns": [{"lun": 3}]}]},
+     {"number": 0, "wwpn": "0x500000000000000a", "scsi_target_id": 4, "luns": [{"lun": 0}]},
+     {"number": 1, "wwpn": "0x500000000000000b", "roles": "FCP Initiator"}]},
      "vports": [{"host_no": 8}]}]},
   {"id": "sysfs", "device_id": "0x2050", "functions": [{"pci_address": "0000:04:00.0", "port": {"host_no": 9}}]},
   {"id": "hp", "device_id": "0x1011", "subsystem_vendor_id": "0x103c", "subsystem_device_id": "0x7101",
@@ -92,7 +85,7 @@ TEST_F(Ioctl, EachNodeServesItsPortsAndSelectsInstances) {
         {"converged data of an FC port", &ports_, 0, EXT_CC_QUERY, 9, 0, 0, 0, 12, 0, 0, 0},
         {"converged data", &old, 1, EXT_CC_QUERY, 9, 0, 0, 0, 0, 1, 0, 0},
         {"summary without its mask", &ports_, 0, EXT_CC_GET_DATA, 106, 0, 0, 3, 6, 0, 0, 0},
-        {"discovered port past the list", &ports_, 0, EXT_CC_QUERY, 3, 6, 0, 0, 9, 0, 6, 0},
+        {"discovered port past the list", &ports_, 0, EXT_CC_QUERY, 3, 2, 0, 0, 9, 0, 2, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -123,43 +116,24 @@ TEST_F(Ioctl, MalformedSerialNumbersHaveNoSerialBytes) {
         EXPECT_FALSE(serial_bytes(text)) << text;
 }
 
-TEST_F(Ioctl, LunListsMapLunsAsTheSysfsChannelDecodesThem) {
-    // One online target with LUNs whose 16-bit numbers use each addressing method.
+// The LUN map's size follows the driver's capability 0x04: LUN 4095 fits
+// only the large one. (The addressing methods are compared with the sysfs
+// channel through the library.)
+TEST_F(Ioctl, LunMapSizeFollowsTheDriversCapability) {
     Adapter a = *egret().adapter;
     HostPort h;
-    RemotePort r;
-    r.scsi_target_id = 3;
-    for (uint16_t lun : {0, 7, 256, 0x4005, 0x4FFF, 0x7002, 0x8025, 0xC001})
-        r.luns.push_back(Lun{lun});
-    h.remote_ports = {r};
+    h.remote_ports.emplace_back().scsi_target_id = 3;
+    h.remote_ports[0].luns = {Lun{7}, Lun{0x4FFF}};
     for (uint32_t flags : {0x04u, 0x00u}) {
         a.driver_flags = flags;
-        const size_t map = flags ? 4096 : 2048, entry = 32 + map;
+        const size_t size = 32 + 32 + (flags ? 4096 : 2048);  // header, entry, map
         IoctlPort p{&a, 0, &h, true, false};
-        ListAnswer list = ioctl_tgt_lun_list(p, static_cast<uint32_t>(32 + entry));
-        ASSERT_EQ(list.bytes.size(), 32 + entry) << flags;
-        EXPECT_EQ(list.status, 0u);
-        TGT_LUN_DATA_ENTRY e;
-        std::memcpy(&e, list.bytes.data() + 32, 32);
-        std::vector<size_t> marked;
-        for (size_t i = 0; i < map; ++i)
-            if (list.bytes[64 + i] == 0x80)
-                marked.push_back(i);
-        // 256 and 0xC001 read as 0 and 1 (low byte), 0x4005, 0x7002 and 0x8025 as 5, 2
-        // and 5 (low 12 and 5 bits); 0x4FFF reads 4095, which only the large map holds.
-        EXPECT_EQ(marked, flags ? (std::vector<size_t>{0, 1, 2, 5, 7, 4095}) : (std::vector<size_t>{0, 1, 2, 5, 7}));
-        EXPECT_EQ(e.LunCount, flags ? 8 : 7);
-        EXPECT_EQ(e.TargetId, 3);
-        EXPECT_EQ(ioctl_tgt_lun_list(p, static_cast<uint32_t>(32 + entry - 1)).status, 6u) << "no entry fits";
+        ListAnswer list = ioctl_tgt_lun_list(p, static_cast<uint32_t>(size));
+        ASSERT_EQ(list.bytes.size(), size) << flags;
+        EXPECT_EQ(std::count(list.bytes.begin() + 64, list.bytes.end(), 0x80), flags ? 2 : 1) << flags;
+        EXPECT_EQ(list.bytes[64 + 7], 0x80);
+        EXPECT_EQ(ioctl_tgt_lun_list(p, static_cast<uint32_t>(size - 1)).status, 6u) << "no entry fits";
     }
-    // Only online ports whose roles are exactly "FCP Target"; FO entries are numbered.
-    ListAnswer fo = ioctl_fo_lun_list(egret(), 1u << 20);
-    ASSERT_EQ(fo.bytes.size(), 32 + 2 * (32 + 4096));
-    FO_EXTERNAL_LUN_DATA_ENTRY second;
-    std::memcpy(&second, fo.bytes.data() + 32 + 32 + 4096, 32);
-    EXPECT_EQ((std::vector<int>{second.PortName[7], second.Dev_No, second.LunCount}), (std::vector<int>{0x0f, 1, 1}));
-    HostPort empty;
-    EXPECT_EQ(ioctl_tgt_lun_list({egret().adapter, 0, &empty, true, false}, 1u << 20).status, 9u);
 }
 
 }  // namespace

