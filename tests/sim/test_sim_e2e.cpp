@@ -1,11 +1,10 @@
 // The simulator itself, end to end: what programs see inside a simulated
-// host (tools, libsysfs, the tree's layout and texts, device numbers, state
-// files, the subcommands) and what the real host sees afterwards (nothing).
+// host (tools, libsysfs, the tree's layout, device numbers, state files, the
+// subcommands) and what the real host sees afterwards (nothing). What the
+// library reads from the attributes is tested through the library.
 #include <dirent.h>
-#include <ftw.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sysfs/libsysfs.h>
@@ -17,18 +16,14 @@
 #include <set>
 #include <sstream>
 
-#include "flash.h"
 #include "fsutil.h"
 #include "root.h"
 #include "simtest.h"
-#include "vx_adapters.h"
 
 namespace {
 
 using namespace vxsim;
 using namespace vxsim::test;
-
-// ---------------------------------------------------------------- helpers
 
 using Attrs = std::map<std::string, std::string>;
 
@@ -40,65 +35,37 @@ std::map<std::string, Attrs> parse_systool(const std::string& text) {
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
         line.erase(0, line.find_first_not_of(' '));
-        auto value_of = [&](const std::string& l) {
-            size_t q = l.find('"');
-            return q == std::string::npos ? std::string() : l.substr(q + 1, l.rfind('"') - q - 1);
-        };
-        if (line.starts_with("Class Device path = ")) {
-            std::string path = value_of(line);
-            current = path.substr(path.find_last_of('/') + 1);
-            out[current];
-        } else if (line.starts_with("Device = ") || line.starts_with("Class Device = ")) {
+        const size_t q = line.find('"');
+        const std::string value = q == std::string::npos ? "" : line.substr(q + 1, line.rfind('"') - q - 1);
+        if (line.starts_with("Class Device path = "))
+            out[current = value.substr(value.find_last_of('/') + 1)];
+        else if (line.starts_with("Device = ") || line.starts_with("Class Device = "))
             current.clear();  // the parent device's attributes follow
-        } else if (!current.empty() && line.find(" = ") != std::string::npos) {
-            std::string key = line.substr(0, line.find(' '));
-            out[current][key] = value_of(line);
-        }
+        else if (!current.empty() && line.find(" = ") != std::string::npos)
+            out[current][line.substr(0, line.find(' '))] = value;
     }
     return out;
 }
 
 uint64_t hex(const std::string& s) { return std::strtoull(s.c_str(), nullptr, 16); }
 
-std::string chomp(std::string s) {
-    while (!s.empty() && s.back() == '\n')
-        s.pop_back();
-    return s;
-}
-
-std::string sys_text(const std::string& path) { return chomp(read_text("/sys/" + path)); }
-
-// The library's hex attribute conversion: pairs of digits after "0x", left
-// to right, into `size` bytes.
-std::vector<uint8_t> hex_bytes(const std::string& text, size_t size) {
-    std::vector<uint8_t> out(size, 0);
-    std::string digits = text.starts_with("0x") ? text.substr(2) : text;
-    for (size_t i = 0; i < size && 2 * i + 1 < digits.size(); ++i)
-        out[i] = static_cast<uint8_t>(std::stoul(digits.substr(2 * i, 2), nullptr, 16));
-    return out;
-}
-
-std::vector<uint8_t> big_endian(uint64_t v, size_t size) {
-    std::vector<uint8_t> out(size);
-    for (size_t i = 0; i < size; ++i)
-        out[size - 1 - i] = static_cast<uint8_t>(v >> (8 * i));
-    return out;
+std::string sys_text(const std::string& path) {
+    const std::string t = read_text("/sys/" + path);
+    return t.substr(0, t.find_last_not_of('\n') + 1);
 }
 
 struct HostRef {
-    const Adapter* adapter;
     const PciFunction* function;
     const HostPort* port;
-    int vport_index;  // -1 for the physical port
 };
 
 std::vector<HostRef> hosts_of(const Scenario& s) {
     std::vector<HostRef> out;
     for (const Adapter& a : s.adapters)
         for (const PciFunction& f : a.functions) {
-            out.push_back({&a, &f, &f.port, -1});
-            for (size_t i = 0; i < f.vports.size(); ++i)
-                out.push_back({&a, &f, &f.vports[i], static_cast<int>(i)});
+            out.push_back({&f, &f.port});
+            for (const HostPort& v : f.vports)
+                out.push_back({&f, &v});
         }
     return out;
 }
@@ -120,84 +87,56 @@ std::set<std::string> list_dir(const std::string& dir) {
 
 // Outside tests need what `vxsim run` needs.
 bool simulator_usable() {
-    if (::geteuid() == 0)
-        return true;
     const char* require = std::getenv("VXSIM_REQUIRE");
-    if (require && std::string(require) == "1")
-        ADD_FAILURE() << "VXSIM_REQUIRE=1 but not running as root";
-    return false;
+    EXPECT_TRUE(::geteuid() == 0 || !require || std::string(require) != "1") << "VXSIM_REQUIRE=1 but not root";
+    return ::geteuid() == 0;
 }
 
 // ---------------------------------------------------------------- tools inside the host
 
-SIM_TEST(SimTools, SystoolShowsEveryFcHost, "default.json") {
-    Output out = run({"systool", "-c", "fc_host", "-v"});
-    ASSERT_EQ(out.status, 0) << out.text;
-    auto devices = parse_systool(out.text);
+// Names and addresses compared as numbers, whatever their spelling.
+SIM_TEST(SimTools, SystoolShowsEveryHostAndRemotePort, "default.json") {
+    std::map<std::string, std::map<std::string, Attrs>> want;  // class -> device -> attributes
+    auto num = [](uint64_t v) { return std::to_string(v); };
     std::vector<HostRef> hosts = hosts_of(scenario());
     ASSERT_EQ(hosts.size(), 4u);
-    EXPECT_EQ(devices.size(), hosts.size());
     for (const HostRef& h : hosts) {
-        std::string name = "host" + std::to_string(h.port->host_no);
-        ASSERT_TRUE(devices.count(name)) << name << " missing in:\n" << out.text;
-        Attrs& a = devices[name];
-        EXPECT_EQ(hex(a["port_name"]), h.port->wwpn) << name;
-        EXPECT_EQ(hex(a["node_name"]), h.port->wwnn) << name;
-        EXPECT_EQ(hex(a["port_id"]), h.port->port_id) << name;
-        EXPECT_EQ(hex(a["fabric_name"]), h.port->fabric_name) << name;
-        EXPECT_EQ(a["speed"], h.port->speed) << name;
-        EXPECT_EQ(a["port_state"], h.port->port_state) << name;
-        EXPECT_EQ(a["port_type"], h.port->port_type) << name;
+        const HostPort& p = *h.port;
+        const std::string name = "host" + std::to_string(p.host_no);
+        want["fc_host"][name] = {{"port_name", num(p.wwpn)}, {"node_name", num(p.wwnn)},
+                                 {"port_id", num(p.port_id)}, {"fabric_name", num(p.fabric_name)},
+                                 {"speed", p.speed},          {"port_state", p.port_state},
+                                 {"port_type", p.port_type}};
+        for (const auto& [counter, value] : p.stats.values)  // not shown by systool
+            EXPECT_EQ(hex(sys_text("class/fc_host/" + name + "/statistics/" + counter)), value) << counter;
+        for (const RemotePort& r : p.remote_ports)
+            want["fc_remote_ports"][rport_name(p.host_no, r)] = {
+                {"port_name", num(r.wwpn)}, {"node_name", num(r.wwnn)}, {"port_id", num(r.port_id)},
+                {"roles", r.roles},         {"port_state", r.state},
+                {"scsi_target_id", std::to_string(r.scsi_target_id)}};
+    }
+    for (const auto& [cls, devices] : want) {
+        Output out = run({"systool", "-c", cls, "-v"});
+        ASSERT_EQ(out.status, 0) << out.text;
+        std::map<std::string, Attrs> shown = parse_systool(out.text);
+        EXPECT_EQ(shown.size(), devices.size()) << out.text;
+        for (const auto& [name, attrs] : devices)
+            for (const auto& [key, value] : attrs) {
+                const std::string& got = shown[name][key];
+                const bool number = key.ends_with("_name") || key == "port_id";
+                EXPECT_EQ(number ? num(hex(got)) : got, value) << name << " " << key;
+            }
     }
 }
 
-SIM_TEST(SimTools, SystoolShowsRemotePorts, "default.json") {
-    Output out = run({"systool", "-c", "fc_remote_ports", "-v"});
-    ASSERT_EQ(out.status, 0) << out.text;
-    auto devices = parse_systool(out.text);
-    size_t expected = 0;
-    for (const HostRef& h : hosts_of(scenario()))
-        for (const RemotePort& r : h.port->remote_ports) {
-            ++expected;
-            std::string name = rport_name(h.port->host_no, r);
-            ASSERT_TRUE(devices.count(name)) << name << " missing in:\n" << out.text;
-            Attrs& a = devices[name];
-            EXPECT_EQ(hex(a["port_name"]), r.wwpn) << name;
-            EXPECT_EQ(hex(a["node_name"]), r.wwnn) << name;
-            EXPECT_EQ(hex(a["port_id"]), r.port_id) << name;
-            EXPECT_EQ(a["roles"], r.roles) << name;
-            EXPECT_EQ(a["port_state"], r.state) << name;
-            EXPECT_EQ(std::atoi(a["scsi_target_id"].c_str()), r.scsi_target_id) << name;
-        }
-    EXPECT_EQ(devices.size(), expected);
-    // The scenario covers what the library distinguishes.
-    std::set<std::string> roles, states;
-    for (auto& [name, a] : devices) {
-        roles.insert(a["roles"]);
-        states.insert(a["port_state"]);
-    }
-    EXPECT_TRUE(roles.count("FCP Initiator") && roles.count("FCP Target"));
-    EXPECT_TRUE(states.count("Blocked") && states.count("Online"));
-}
-
-SIM_TEST(SimTools, SystoolListsTheDriversPciFunctions, "default.json") {
-    Output out = run({"systool", "-b", "pci", "-D"});
-    ASSERT_EQ(out.status, 0) << out.text;
-    EXPECT_NE(out.text.find("Driver = \"vxfcdrv\""), std::string::npos) << out.text;
-    for (const HostRef& h : hosts_of(scenario()))
-        EXPECT_NE(out.text.find(h.function->pci_address), std::string::npos) << h.function->pci_address;
-}
-
-SIM_TEST(SimTools, LibsysfsFindsAdaptersThroughTheirDriver, "default.json") {
+SIM_TEST(SimTools, LibsysfsAndSystoolFindAdaptersThroughTheirDriver, "default.json") {
     char mnt[256] = {};
     ASSERT_EQ(sysfs_get_mnt_path(mnt, sizeof mnt), 0);
     EXPECT_STREQ(mnt, "/sys");
-
     sysfs_bus* bus = sysfs_open_bus("pci");
     ASSERT_NE(bus, nullptr);
     sysfs_driver* drv = sysfs_get_bus_driver(bus, "vxfcdrv");
-    ASSERT_NE(drv, nullptr);
-    dlist* devs = sysfs_get_driver_devices(drv);
+    dlist* devs = drv ? sysfs_get_driver_devices(drv) : nullptr;
     ASSERT_NE(devs, nullptr);
 
     std::map<std::string, const Adapter*> expected;
@@ -210,313 +149,90 @@ SIM_TEST(SimTools, LibsysfsFindsAdaptersThroughTheirDriver, "default.json") {
         found.insert(dev->bus_id);
         ASSERT_TRUE(expected.count(dev->bus_id)) << dev->bus_id;
         const Adapter& a = *expected[dev->bus_id];
-        const std::pair<const char*, uint16_t> ids[] = {{"vendor", a.vendor_id},
-                                                        {"device", a.device_id},
-                                                        {"subsystem_vendor", a.subsystem_vendor_id},
-                                                        {"subsystem_device", a.subsystem_device_id}};
-        for (const auto& [attr, want] : ids) {
+        for (auto [attr, want] : {std::pair{"vendor", a.vendor_id}, {"device", a.device_id},
+                                  {"subsystem_vendor", a.subsystem_vendor_id},
+                                  {"subsystem_device", a.subsystem_device_id}}) {
             sysfs_attribute* at = sysfs_get_device_attr(dev, attr);
-            ASSERT_NE(at, nullptr) << dev->bus_id << " " << attr;
-            EXPECT_EQ(std::strtoul(at->value, nullptr, 16), want) << dev->bus_id << " " << attr;
+            EXPECT_EQ(at ? std::strtoul(at->value, nullptr, 16) : ~0ul, want) << dev->bus_id << " " << attr;
         }
     }
     EXPECT_EQ(found.size(), expected.size());
     sysfs_close_bus(bus);
+    Output out = run({"systool", "-b", "pci", "-D"});
+    EXPECT_NE(out.text.find("Driver = \"vxfcdrv\""), std::string::npos) << out.text;
+    for (const auto& [address, adapter] : expected)
+        EXPECT_NE(out.text.find(address), std::string::npos) << address;
 }
 
-// ---------------------------------------------------------------- layout and texts
-
-// The library's own walk: from the PCI function's directory, "host*" entries,
-// and in each the hosts under its "vport-H:" entries.
-SIM_TEST(SimTree, HostWalkFindsPhysicalAndVirtualHosts, "default.json") {
-    for (const Adapter& a : scenario().adapters)
-        for (const PciFunction& f : a.functions) {
-            std::string dev = "/sys/bus/pci/drivers/" + a.driver_name + "/" + f.pci_address;
-            std::set<uint32_t> found;
-            for (const std::string& h : list_dir(dev)) {
-                if (!h.starts_with("host"))
-                    continue;
-                uint32_t n = static_cast<uint32_t>(std::stoul(h.substr(4)));
-                found.insert(n);
-                std::string vprefix = "vport-" + std::to_string(n) + ":";
-                for (const std::string& v : list_dir(dev + "/" + h))
-                    if (v.starts_with(vprefix))
-                        for (const std::string& vh : list_dir(dev + "/" + h + "/" + v))
-                            if (vh.starts_with("host"))
-                                found.insert(static_cast<uint32_t>(std::stoul(vh.substr(4))));
-            }
-            std::set<uint32_t> expected{f.port.host_no};
-            for (const HostPort& v : f.vports)
-                expected.insert(v.host_no);
-            EXPECT_EQ(found, expected) << f.pci_address;
-        }
-}
-
-std::vector<std::string> g_bad_links;
-size_t g_links = 0;
-
-int check_link(const char* path, const struct stat*, int type, struct FTW*) {
-    if (type != FTW_SL && type != FTW_SLN)
-        return 0;
-    ++g_links;
-    char target[4096];
-    ssize_t n = ::readlink(path, target, sizeof target - 1);
-    std::string t(target, n > 0 ? static_cast<size_t>(n) : 0);
-    std::string real = fs::real_path(path);
-    if (t.empty() || t[0] == '/' || real.empty() || !real.starts_with("/sys/"))
-        g_bad_links.push_back(std::string(path) + " -> " + t);
-    return 0;
-}
+// ---------------------------------------------------------------- layout
 
 SIM_TEST(SimTree, EveryLinkIsRelativeAndResolvesInsideSys, "default.json") {
-    ASSERT_EQ(::nftw("/sys", check_link, 64, FTW_PHYS), 0);
-    EXPECT_GT(g_links, 50u);
-    EXPECT_TRUE(g_bad_links.empty()) << g_bad_links.size() << " bad links, first: " << g_bad_links.front();
+    EXPECT_GT(std::atoi(run({"sh", "-c", "find /sys -type l | wc -l"}).text.c_str()), 50);
+    EXPECT_EQ(run({"find", "/sys", "-type", "l", "-lname", "/*"}).text, "") << "absolute links";
+    EXPECT_EQ(run({"sh", "-c", "find /sys -type l -exec realpath -e {} + | grep -cv '^/sys/'"}).text, "0\n");
 }
 
-// Class entries lead into the device hierarchy exactly where the kernel puts
-// them: hosts under their PCI function (NPIV hosts under their vport),
-// remote ports under their host, LUNs under their target.
-SIM_TEST(SimTree, ClassLinksLeadIntoTheOwningDevice, "default.json") {
-    std::set<std::string> luns;
-    for (const HostRef& h : hosts_of(scenario())) {
-        const std::string n = "host" + std::to_string(h.port->host_no);
-        std::string host_dir = fs::real_path("/sys/bus/pci/devices/" + h.function->pci_address);
-        ASSERT_FALSE(host_dir.empty()) << h.function->pci_address;
-        host_dir += "/host" + std::to_string(h.function->port.host_no);
-        if (h.vport_index >= 0)
-            host_dir += "/vport-" + std::to_string(h.function->port.host_no) + ":0-" +
-                        std::to_string(h.vport_index) + "/" + n;
-        EXPECT_EQ(fs::real_path("/sys/class/fc_host/" + n), host_dir + "/fc_host/" + n);
-        EXPECT_EQ(fs::real_path("/sys/class/scsi_host/" + n), host_dir + "/scsi_host/" + n);
-        EXPECT_EQ(fs::real_path("/sys/class/scsi_host/" + n + "/device"), host_dir);
-        EXPECT_EQ(fs::real_path("/sys/class/bsg/fc_" + n), host_dir + "/bsg/fc_" + n);
-        for (const RemotePort& r : h.port->remote_ports) {
-            const std::string rn = rport_name(h.port->host_no, r);
-            const std::string rdir = host_dir + "/" + rn;
-            EXPECT_EQ(fs::real_path("/sys/class/fc_remote_ports/" + rn), rdir + "/fc_remote_ports/" + rn);
-            for (const Lun& l : r.luns) {
-                std::string hct = std::to_string(h.port->host_no) + ":" + std::to_string(r.channel) + ":" +
-                                  std::to_string(r.scsi_target_id);
-                std::string name = hct + ":" + std::to_string(l.lun);
-                luns.insert(name);
-                EXPECT_EQ(fs::real_path("/sys/class/scsi_device/" + name),
-                          rdir + "/target" + hct + "/" + name + "/scsi_device/" + name);
-                // INQUIRY texts, blank-padded to their field widths.
-                EXPECT_EQ(read_text("/sys/class/scsi_device/" + name + "/device/vendor"),
-                          (l.vendor + "        ").substr(0, 8) + "\n");
-            }
-        }
-    }
-    EXPECT_EQ(list_dir("/sys/class/scsi_device"), luns);
-    // Functions are bound to their driver through bus/pci and back.
-    for (const Adapter& a : scenario().adapters)
-        for (const PciFunction& f : a.functions)
-            EXPECT_EQ(fs::real_path("/sys/bus/pci/devices/" + f.pci_address + "/driver"),
-                      fs::real_path("/sys/bus/pci/drivers/" + a.driver_name));
-}
-
-SIM_TEST(SimTree, AttributesReadAsTheLibraryParsesThem, "default.json") {
-    for (const HostRef& h : hosts_of(scenario())) {
-        const HostPort& p = *h.port;
-        const std::string n = std::to_string(p.host_no);
-        const std::string sh = "class/scsi_host/host" + n + "/";
-        const std::string fh = "class/fc_host/host" + n + "/";
-        SCOPED_TRACE("host" + n);
-        EXPECT_EQ(hex_bytes(sys_text(fh + "node_name"), 8), big_endian(p.wwnn, 8));
-        EXPECT_EQ(hex_bytes(sys_text(fh + "port_name"), 8), big_endian(p.wwpn, 8));
-        EXPECT_EQ(hex_bytes(sys_text(fh + "port_id"), 3), big_endian(p.port_id, 3));
-        EXPECT_EQ(std::strtoul(sys_text(fh + "max_npiv_vports").c_str(), nullptr, 10), p.max_npiv_vports);
-        EXPECT_EQ(std::strtoul(sys_text(sh + "max_npiv_vports").c_str(), nullptr, 10), p.max_npiv_vports);
-
-        unsigned short w[4] = {};
-        ASSERT_EQ(std::sscanf(sys_text(sh + "fw_state").c_str(), "0x%hx 0x%hx 0x%hx 0x%*x 0x%*x 0x%hx", &w[0], &w[1],
-                              &w[2], &w[3]),
-                  4);
-        EXPECT_EQ(std::vector<unsigned short>(w, w + 4),
-                  (std::vector<unsigned short>{p.fw_state[0], p.fw_state[1], p.fw_state[2], p.fw_state[5]}));
-
-        std::string link = p.has_link_state ? sys_text(sh + "link_state") : sys_text(sh + "state");
-        EXPECT_EQ(link, p.link_state);
-        EXPECT_EQ(sys_text(sh + "driver_version"), h.adapter->driver_version);
-        EXPECT_EQ(sys_text(sh + "fw_version"), h.adapter->fw_version);
-        EXPECT_EQ(sys_text(sh + "serial_num"), h.adapter->serial_number);
-        EXPECT_EQ(std::strtoul(sys_text(sh + "sg_tablesize").c_str(), nullptr, 10), h.function->sg_tablesize);
-        const vx_adapter_type* t = vx_adapter_lookup(h.adapter->device_id);
-        ASSERT_NE(t, nullptr);
-        EXPECT_EQ(sys_text(sh + "model_name"), h.adapter->model_name.empty() ? t->model : h.adapter->model_name);
-        if (p.vport_id >= 0)
-            EXPECT_EQ(std::strtol(sys_text(sh + "vport_id").c_str(), nullptr, 16), p.vport_id);
-        else
-            EXPECT_FALSE(fs::exists("/sys/" + sh + "vport_id"));
-        for (const auto& [counter, value] : p.stats.values)
-            EXPECT_EQ(hex(sys_text(fh + "statistics/" + counter)), value) << counter;
-    }
-}
-
-// Every bsg entry has a device number in the simulator's reserved majors,
-// distinct, in the old 8-bit-minor range, and the devices map says which
-// endpoint it is.
-SIM_TEST(SimTree, BsgNodesAreNumberedAndMapped, "default.json") {
-    nlohmann::json devices = nlohmann::json::parse(read_text(root::devices(sim_root())));
-    std::set<std::string> numbers;
-    for (const std::string& name : list_dir("/sys/class/bsg")) {
-        std::string dev = sys_text("class/bsg/" + name + "/dev");
-        unsigned major = 0, minor = 0;
-        ASSERT_EQ(std::sscanf(dev.c_str(), "%u:%u", &major, &minor), 2) << name;
-        EXPECT_GE(major, root::MAJOR_BSG_FIRST) << name;
-        EXPECT_LE(major, root::MAJOR_BSG_LAST) << name;
-        EXPECT_LT(minor, 256u) << name;
-        EXPECT_TRUE(numbers.insert(dev).second) << "number used twice: " << dev;
-        ASSERT_TRUE(devices.contains(dev)) << dev;
-        const nlohmann::json& d = devices[dev];
-        if (name.starts_with("fc_host")) {
-            EXPECT_EQ(d["kind"], "bsg_host");
-            EXPECT_EQ(d["host"], std::stoul(name.substr(7)));
-        } else {
-            EXPECT_EQ(d["kind"], "bsg_rport");
-            EXPECT_EQ(d["rport"], name);
-            EXPECT_EQ(d["host"], std::stoul(name.substr(6)));
-        }
-    }
-    size_t bsg_entries = 0, expected = 0;
-    for (auto& [key, d] : devices.items())
-        bsg_entries += d["kind"].get<std::string>().starts_with("bsg_");
-    for (const HostRef& h : hosts_of(scenario()))
-        expected += 1 + h.port->remote_ports.size();
-    EXPECT_EQ(bsg_entries, numbers.size());
-    EXPECT_EQ(numbers.size(), expected);
-}
-
-constexpr const char* OPTIONS_A = R"({
-  "name": "options-a",
-  "options": { "vioctlmod": true, "control_node": false, "euid": 500 },
-  "adapters": [
-    { "id": "old", "device_id": "0x1041", "serial_number": "VXE0000001", "channel": "ioctl",
-      "serial_in_sysfs": false, "optrom_attrs": false,
-      "functions": [ { "pci_address": "0000:00:07.0", "bsg": false,
-                       "port": { "host_no": 4, "wwnn": "0x2000001d5a000004", "wwpn": "0x2100001d5a000004",
-                                 "has_link_state": false, "link_state": "Link Up - Loop" } } ] },
-    { "id": "cna", "device_id": "0x2070", "serial_number": "VXC0000002",
-      "functions": [ { "pci_address": "0001:0a:00.1",
-                       "port": { "host_no": 9, "wwnn": "0x2000001d5a000009", "wwpn": "0x2100001d5a000009",
-                                 "vlan_id": 1002, "vn_port_mac": "0e:fc:00:01:02:03", "fabric_param": 7 } } ] }
-  ],
-  "faults": [ { "endpoint": "optrom_ctl", "match": "1*", "action": "ebusy", "count": 2 } ],
-  "events": [ { "host_no": 9, "code": 3, "data": 17 }, { "host_no": 4, "code": 1 } ]
-})";
-
-constexpr const char* OPTIONS_B = R"({
-  "name": "options-b",
-  "options": { "pci_bus": false },
-  "adapters": [
-    { "id": "one", "device_id": "0x2050", "serial_number": "VXP0000003",
-      "functions": [ { "pci_address": "0000:04:00.0",
-                       "port": { "host_no": 1, "wwnn": "0x2000001d5a000001", "wwpn": "0x2100001d5a000001" } } ] }
-  ]
-})";
-
-// Scenario switches, both ways round, between the two small hosts above.
-SIM_TEST(SimOptions, SwitchesShapeTheTreeA, OPTIONS_A) {
-    EXPECT_TRUE(fs::is_dir("/sys/module/vioctlmod"));
-    EXPECT_FALSE(fs::exists("/sys/class/vxfcapidev"));
-    EXPECT_EQ(sys_text("class/vxfcdrv/vxfcdrv/dev"), "60:0");  // an ioctl-channel adapter
-    EXPECT_TRUE(fs::is_dir("/sys/bus/pci/drivers/vxfcdrv"));
-
-    // The ioctl adapter's port: link in "state", hidden serial, no boot versions, no bsg.
-    EXPECT_FALSE(fs::exists("/sys/class/scsi_host/host4/link_state"));
-    EXPECT_EQ(sys_text("class/scsi_host/host4/state"), "Link Up - Loop");
-    EXPECT_EQ(sys_text("class/scsi_host/host4/serial_num"), "");
-    EXPECT_FALSE(fs::exists("/sys/class/scsi_host/host4/optrom_bios_version"));
-    EXPECT_FALSE(fs::exists("/sys/class/bsg/fc_host4"));
-    // The converged port on another PCI domain.
-    EXPECT_EQ(sys_text("class/scsi_host/host9/link_state"), "Link Up - F_Port");
-    EXPECT_EQ(sys_text("class/scsi_host/host9/state"), "running");
-    EXPECT_EQ(sys_text("class/scsi_host/host9/vlan_id"), "1002");
-    EXPECT_EQ(sys_text("class/scsi_host/host9/vn_port_mac_address"), "0e:fc:00:01:02:03");
-    EXPECT_TRUE(fs::exists("/sys/class/scsi_host/host9/optrom_bios_version"));
-    EXPECT_TRUE(fs::real_path("/sys/class/fc_host/host9").starts_with("/sys/devices/pci0001:00/"));
-
-    nlohmann::json devices = nlohmann::json::parse(read_text(root::devices(sim_root())));
-    EXPECT_EQ(devices["60:0"]["kind"], "ioctl");
-    EXPECT_FALSE(devices.contains("61:0"));
-
-    // Faults and events of the scenario wait in the state files, in order.
-    Output faults = run_vxsim({"fault", "list", "--json"});
-    ASSERT_EQ(faults.status, 0) << faults.text;
-    EXPECT_EQ(nlohmann::json::parse(faults.text),
-              nlohmann::json::parse(R"([{"endpoint":"optrom_ctl","match":"1*","action":"ebusy","count":2}])"));
-    std::vector<std::string> spool;
-    for (const std::string& e : list_dir(root::events(sim_root())))
-        spool.push_back(chomp(read_text(root::events(sim_root()) + "/" + e)));
-    ASSERT_EQ(spool.size(), 2u);
-    EXPECT_EQ(nlohmann::json::parse(spool[0]),
-              nlohmann::json::parse(R"({"host_no":9,"code":3,"data":17,"kind":"fc"})"));
-    EXPECT_EQ(nlohmann::json::parse(spool[1])["host_no"], 4);
-
-    const char* euid = std::getenv("VXSIM_EUID");
-    EXPECT_STREQ(euid ? euid : "(unset)", "500");
-}
-
-SIM_TEST(SimOptions, SwitchesShapeTheTreeB, OPTIONS_B) {
-    EXPECT_FALSE(fs::exists("/sys/bus/pci"));
-    EXPECT_FALSE(fs::exists("/sys/module/vioctlmod"));
-    EXPECT_FALSE(fs::exists("/sys/class/vxfcdrv"));
-    EXPECT_EQ(sys_text("class/vxfcapidev/vxfcapidev/dev"), "61:0");
-    EXPECT_EQ(sys_text("class/fc_host/host1/port_name"), "0x2100001d5a000001");
-    EXPECT_TRUE(fs::exists("/sys/module/vxfcdrv/parameters/vxfcsmartsan"));
-    EXPECT_EQ(std::getenv("VXSIM_EUID"), nullptr);
-    EXPECT_TRUE(fs::is_empty_dir(root::events(sim_root())));
-}
-
-// Flash images are the table's size; NVRAM and VPD state files exist exactly
-// for the ports whose images the family keeps outside the flash.
-// Every family once: NVRAM and VPD inside the flash or in state files of their own.
-SIM_TEST(SimState, ImagesExistWhereTheDriverKeepsThem, "families.json") {
-    for (const Adapter& a : scenario().adapters) {
-        const vx_adapter_type* t = vx_adapter_lookup(a.device_id);
-        ASSERT_NE(t, nullptr);
-        EXPECT_EQ(flash_image(a.id).size(), t->flash_size) << a.id;
-        for (const PciFunction& f : a.functions) {
-            size_t fn = pci_function_number(f.pci_address);
-            EXPECT_EQ(fs::exists(root::nvram(sim_root(), f.port.host_no)), !nvram_in_flash(a, fn).has_value()) << a.id;
-            EXPECT_EQ(fs::exists(root::vpd(sim_root(), f.port.host_no)), !vpd_in_flash(a, fn).has_value()) << a.id;
-        }
-    }
-    EXPECT_TRUE(journal().empty());
-}
-
+// Every bsg entry has a number in the simulator's reserved majors, distinct,
+// in the old 8-bit-minor range, mapped to its endpoint; when the numbers run
+// out, the hosts keep theirs.
 SIM_TEST(SimTree, LargeHostKeepsEveryPortAndBsgNumbersLast, "large.json") {
     size_t rports = 0;
     for (const HostRef& h : hosts_of(scenario()))
         rports += h.port->remote_ports.size();
     EXPECT_EQ(list_dir("/sys/class/fc_host").size(), 64u);
     EXPECT_EQ(list_dir("/sys/class/fc_remote_ports").size(), rports);
-    std::set<std::string> bsg = list_dir("/sys/class/bsg");
+    std::set<std::string> bsg = list_dir("/sys/class/bsg"), numbers;
     EXPECT_EQ(bsg.size(), size_t{(root::MAJOR_BSG_LAST - root::MAJOR_BSG_FIRST + 1) * 256});
-    for (const HostRef& h : hosts_of(scenario()))  // hosts come first
+    for (const HostRef& h : hosts_of(scenario()))
         EXPECT_TRUE(bsg.count("fc_host" + std::to_string(h.port->host_no)));
+    const nlohmann::json devices = nlohmann::json::parse(read_text(root::devices(sim_root())));
+    for (const std::string& name : bsg) {
+        const std::string dev = sys_text("class/bsg/" + name + "/dev");
+        unsigned major = 0, minor = 0;
+        EXPECT_TRUE(std::sscanf(dev.c_str(), "%u:%u", &major, &minor) == 2 && major >= root::MAJOR_BSG_FIRST &&
+                    major <= root::MAJOR_BSG_LAST && minor < 256 && numbers.insert(dev).second)
+            << name << " " << dev;
+        const nlohmann::json d = devices.value(dev, nlohmann::json::object());
+        const bool host = name.starts_with("fc_host");
+        EXPECT_EQ(d.value("kind", ""), host ? "bsg_host" : "bsg_rport") << name;
+        EXPECT_EQ(d.value("host", 0ul), std::stoul(name.substr(host ? 7 : 6))) << name;
+        EXPECT_EQ(d.value("rport", name), name);
+    }
+}
+
+// Scenario switches the library's own tests do not cover: the compatibility
+// module, a PCI domain other than 0, armed faults and queued events, the
+// effective user.
+constexpr const char* OPTIONS = R"({"name": "options", "options": {"vioctlmod": true, "euid": 500},
+  "adapters": [{"id": "cna", "device_id": "0x2070", "serial_number": "VXC0000002",
+                "functions": [{"pci_address": "0001:0a:00.1", "port": {"host_no": 9}}]}],
+  "faults": [{"endpoint": "optrom_ctl", "match": "1*", "action": "ebusy", "count": 2}],
+  "events": [{"host_no": 9, "code": 3, "data": 17}, {"host_no": 4, "code": 1}]})";
+
+SIM_TEST(SimOptions, SwitchesShapeTheHost, OPTIONS) {
+    EXPECT_TRUE(fs::is_dir("/sys/module/vioctlmod"));
+    EXPECT_TRUE(fs::real_path("/sys/class/fc_host/host9").starts_with("/sys/devices/pci0001:00/"));
+    Output faults = run_vxsim({"fault", "list", "--json"});
+    ASSERT_EQ(faults.status, 0) << faults.text;
+    EXPECT_EQ(nlohmann::json::parse(faults.text),
+              nlohmann::json::parse(R"([{"endpoint":"optrom_ctl","match":"1*","action":"ebusy","count":2}])"));
+    std::vector<nlohmann::json> spool;  // in order
+    for (const std::string& e : list_dir(root::events(sim_root())))
+        spool.push_back(nlohmann::json::parse(read_text(root::events(sim_root()) + "/" + e)));
+    ASSERT_EQ(spool.size(), 2u);
+    EXPECT_EQ(spool[0], nlohmann::json::parse(R"({"host_no":9,"code":3,"data":17,"kind":"fc"})"));
+    EXPECT_EQ(spool[1]["host_no"], 4);
+    EXPECT_STREQ(std::getenv("VXSIM_EUID"), "500");
+    EXPECT_EQ(::geteuid(), 500u);
 }
 
 // ---------------------------------------------------------------- the runner, inside
 
 SIM_TEST(SimRunner, CommandGetsAPrivateHost, "single.json") {
-    // Files the library creates land in the root, not on the real host.
-    const std::pair<std::string, std::string> writes[] = {
-        {"/etc/hba.conf", root::etc_upper(sim_root()) + "/hba.conf"},
-        {"/etc/modprobe.d/vxfcdrv.conf", root::etc_upper(sim_root()) + "/modprobe.d/vxfcdrv.conf"},
-        {"/usr/lib/libvxsdm.log", root::usrlib_upper(sim_root()) + "/libvxsdm.log"},
-    };
-    for (const auto& [path, upper] : writes) {
-        std::string error;
-        ASSERT_TRUE(fs::make_dirs(path.substr(0, path.rfind('/')), error)) << error;
-        ASSERT_TRUE(fs::write_file(path, "x\n", 0644, error)) << error;
-        EXPECT_EQ(read_text(upper), "x\n") << path;
-    }
+    // Files written to /etc and /usr/lib stay in the root (tested from outside).
     // Fresh /tmp (holding only the root when it lives there) and /dev.
-    std::set<std::string> tmp = list_dir("/tmp");
     if (sim_root().starts_with("/tmp/")) {
-        EXPECT_EQ(tmp, std::set<std::string>{sim_root().substr(5)});
+        EXPECT_EQ(list_dir("/tmp"), std::set<std::string>{sim_root().substr(5)});
     }
     for (const char* node : {"null", "zero", "urandom"})
         EXPECT_TRUE(fs::exists(std::string("/dev/") + node)) << node;
@@ -527,102 +243,37 @@ SIM_TEST(SimRunner, CommandGetsAPrivateHost, "single.json") {
     EXPECT_GE(id, 0);
     if (id >= 0)
         ::semctl(id, 0, IPC_RMID);
-
     std::string preload = std::getenv("LD_PRELOAD") ? std::getenv("LD_PRELOAD") : "";
     EXPECT_TRUE(preload.ends_with("/libvxsim_driver.so")) << preload;
     EXPECT_STREQ(std::getenv("VXSIM_SLEEP_SCALE"), "0.01");
 }
 
-// ---------------------------------------------------------------- subcommands and harness helpers
-
-SIM_TEST(SimCommands, EventsFromManyProcessesGetDistinctSequenceNumbers, "single.json") {
-    std::vector<int> statuses = run_children(4, [](int i) {
-        Output o = run_vxsim({"event", "--host", std::to_string(i), "--code", "0x3", "--data", std::to_string(10 + i)});
-        return o.status;
-    });
-    EXPECT_EQ(statuses, std::vector<int>(4, 0));
-    EXPECT_EQ(run_vxsim({"event", "--host", "1", "--code", "5", "--kind", "aen"}).text, "0000000005\n");
-    EXPECT_NE(run_vxsim({"event", "--host", "1", "--code", "5", "--kind", "rscn"}).status, 0);
-    EXPECT_NE(run_vxsim({"event", "--host", "x", "--code", "5"}).status, 0);
-
-    std::vector<std::string> names;
-    std::set<uint32_t> hosts;
-    for (const std::string& n : list_dir(root::events(sim_root()))) {
-        names.push_back(n);
-        nlohmann::json e = nlohmann::json::parse(read_text(root::events(sim_root()) + "/" + n));
-        hosts.insert(e["host_no"].get<uint32_t>());
-        if (e["kind"] == "fc") {
-            EXPECT_EQ(e["code"], 3);
-            EXPECT_EQ(e["data"], 10 + e["host_no"].get<int>());
-        }
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"0000000001", "0000000002", "0000000003", "0000000004",
-                                               "0000000005"}));
-    EXPECT_EQ(hosts, (std::set<uint32_t>{0, 1, 2, 3}));
-}
+// ---------------------------------------------------------------- subcommands
 
 SIM_TEST(SimCommands, FaultsAreArmedListedAndCleared, "single.json") {
-    struct Case {
-        std::vector<std::string> args;
-        bool ok;
-    };
-    const Case cases[] = {
+    const std::pair<std::vector<std::string>, bool> cases[] = {
         {{"--endpoint", "optrom_ctl", "--action", "ebusy", "--count", "2"}, true},
         {{"--endpoint", "ioctl", "--match", "0xc0747900", "--action", "status:0x1d", "--count", "-1"}, true},
-        {{"--endpoint", "bsg", "--action", "enosys"}, true},
-        {{"--endpoint", "bsg", "--action", "explode"}, false},
-        {{"--endpoint", "bsg", "--action", "status:"}, false},
-        {{"--endpoint", "bsg", "--action", "eio", "--count", "0"}, false},
+        {{"--endpoint", "bsg", "--action", "explode"}, false},  // the actions' spelling is tested with the driver
         {{"--action", "eio"}, false},
     };
-    for (const Case& c : cases) {
-        std::vector<std::string> args{"fault", "add"};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        Output o = run_vxsim(args);
-        EXPECT_EQ(o.status == 0, c.ok) << c.args[1] << " " << o.text;
+    for (const auto& [args, ok] : cases) {
+        std::vector<std::string> argv{"fault", "add"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        Output o = run_vxsim(argv);
+        EXPECT_EQ(o.status == 0, ok) << args[1] << " " << o.text;
     }
     arm_fault("vpd", "", "short");
     Output list = run_vxsim({"fault", "list", "--json"});
     ASSERT_EQ(list.status, 0) << list.text;
     nlohmann::json faults = nlohmann::json::parse(list.text);
-    ASSERT_EQ(faults.size(), 4u);
-    EXPECT_EQ(faults[0]["count"], 2);
-    EXPECT_EQ(faults[1]["match"], "0xc0747900");
-    EXPECT_EQ(faults[1]["count"], -1);
-    EXPECT_EQ(faults[2]["count"], 1);
-    EXPECT_EQ(faults[3]["endpoint"], "vpd");
+    ASSERT_EQ(faults.size(), 3u);
+    EXPECT_EQ((std::vector<nlohmann::json>{faults[0]["count"], faults[1]["match"], faults[1]["count"],
+                                           faults[2]["endpoint"], faults[2]["count"]}),
+              (std::vector<nlohmann::json>{2, "0xc0747900", -1, "vpd", 1}));
     EXPECT_NE(run_vxsim({"fault", "list"}).text.find("always"), std::string::npos);
-
     ASSERT_EQ(run_vxsim({"fault", "clear"}).status, 0);
     EXPECT_EQ(nlohmann::json::parse(run_vxsim({"fault", "list", "--json"}).text), nlohmann::json::array());
-}
-
-SIM_TEST(SimCommands, JournalIsPrintedWholeOrByEndpoint, "single.json") {
-    std::string lines =
-        R"({"seq":1,"pid":10,"ep":"optrom_ctl","cmd":"1:0:1000"})"
-        "\n"
-        R"({"seq":2,"pid":10,"ep":"optrom","op":"read","offset":0,"length":4096})"
-        "\n"
-        R"({"seq":3,"pid":11,"ep":"optrom_ctl","cmd":"0"})"
-        "\n";
-    std::string error;
-    ASSERT_TRUE(fs::write_file(root::journal(sim_root()), lines, 0644, error)) << error;
-
-    Output raw = run_vxsim({"journal", "--endpoint", "optrom_ctl", "--json"});
-    ASSERT_EQ(raw.status, 0) << raw.text;
-    std::istringstream in(raw.text);
-    std::vector<int> seqs;
-    for (std::string l; std::getline(in, l);)
-        seqs.push_back(nlohmann::json::parse(l)["seq"].get<int>());
-    EXPECT_EQ(seqs, (std::vector<int>{1, 3}));
-
-    Output table = run_vxsim({"journal"});
-    ASSERT_EQ(table.status, 0) << table.text;
-    EXPECT_NE(table.text.find("length=4096"), std::string::npos) << table.text;
-    EXPECT_NE(table.text.find("cmd=\"1:0:1000\""), std::string::npos) << table.text;
-
-    EXPECT_EQ(journal("optrom").size(), 1u);
-    EXPECT_EQ(journal().size(), 3u);
 }
 
 // ---------------------------------------------------------------- the runner, from outside
@@ -640,27 +291,16 @@ TEST(SimRunnerOutside, RefusesClearlyWithoutRoot) {
 TEST(SimRunnerOutside, ExitStatusOfTheCommandComesBack) {
     if (!simulator_usable())
         GTEST_SKIP() << "needs root";
-    struct Case {
-        std::vector<std::string> command;
-        int status;
-        std::string says;
-    };
-    const Case cases[] = {
-        {{"true"}, 0, ""},
-        {{"sh", "-c", "exit 7"}, 7, ""},
-        {{"sh", "-c", "kill -TERM $$"}, 128 + 15, ""},
-        {{"/nonexistent/program"}, 127, "vxsim: cannot run /nonexistent/program"},
-    };
-    for (const Case& c : cases) {
-        std::vector<std::string> args{"run", "--scenario", "single", "--"};
-        args.insert(args.end(), c.command.begin(), c.command.end());
-        Output o = run_vxsim(args);
-        EXPECT_EQ(o.status, c.status) << c.command.back() << ": " << o.text;
-        EXPECT_NE(o.text.find(c.says), std::string::npos) << o.text;
+    for (auto [script, status] : {std::pair{"true", 0}, {"exit 7", 7}, {"kill -TERM $$", 128 + 15}}) {
+        Output o = run_vxsim({"run", "--scenario", "single", "--", "sh", "-c", script});
+        EXPECT_EQ(o.status, status) << script << ": " << o.text;
     }
-    Output bad = run_vxsim({"run", "--scenario", "no-such-scenario", "--", "true"});
-    EXPECT_EQ(bad.status, 2);
-    EXPECT_TRUE(bad.text.starts_with("vxsim: ")) << bad.text;
+    Output o = run_vxsim({"run", "--scenario", "single", "--", "/nonexistent/program"});
+    EXPECT_EQ(o.status, 127);
+    EXPECT_NE(o.text.find("vxsim: cannot run /nonexistent/program"), std::string::npos) << o.text;
+    o = run_vxsim({"run", "--scenario", "no-such-scenario", "--", "true"});
+    EXPECT_EQ(o.status, 2);
+    EXPECT_TRUE(o.text.starts_with("vxsim: ")) << o.text;
 }
 
 TEST(SimRunnerOutside, CommandEnvironmentCarriesTheEmulation) {
@@ -669,75 +309,31 @@ TEST(SimRunnerOutside, CommandEnvironmentCarriesTheEmulation) {
     const std::string other = fs::real_path("/usr/lib/x86_64-linux-gnu/libsysfs.so.2");
     if (other.empty())
         GTEST_SKIP() << "no library to preload";
-    // vxsim itself may carry a sanitizer runtime that would object to a
-    // preload ahead of it.
-    const std::string asan = "ASAN_OPTIONS=verify_asan_link_order=0";
-    struct Case {
-        std::vector<std::string> env;   // set for vxsim
-        std::vector<std::string> args;  // vxsim run options
-        std::vector<std::string> want;  // lines of `env` inside
-        std::vector<std::string> absent;
-    };
-    const Case cases[] = {
-        {{"ASAN_OPTIONS=", "LD_PRELOAD=", "VXSIM_SLEEP_SCALE="},
-         {},
-         {"VXSIM_SLEEP_SCALE=0.01", "ASAN_OPTIONS=verify_asan_link_order=0"},
-         {"VXSIM_EUID="}},
-        {{"ASAN_OPTIONS=detect_leaks=1"}, {"--real-sleep", "--euid", "42"},
-         {"ASAN_OPTIONS=detect_leaks=1:verify_asan_link_order=0", "VXSIM_EUID=42"}, {"VXSIM_SLEEP_SCALE="}},
-        {{asan, "LD_PRELOAD=" + other}, {}, {"LD_PRELOAD=" + other + ":"}, {}},
-        {{asan, "VXSIM_PRELOAD_FIRST=" + other, "LD_PRELOAD="}, {}, {"LD_PRELOAD=" + other + ":"}, {}},
-    };
-    for (const Case& c : cases) {
-        std::vector<std::string> argv{"env"};
-        argv.insert(argv.end(), c.env.begin(), c.env.end());
-        argv.insert(argv.end(), {vxsim_binary(), "run", "--scenario", "single"});
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        argv.insert(argv.end(), {"--", "env"});
+    // `env` inside, run by `env <argv> --scenario single -- env`.
+    auto inside = [](std::vector<std::string> argv) {
+        argv.insert(argv.begin(), "env");
+        argv.insert(argv.end(), {"--scenario", "single", "--", "env"});
         Output o = run(argv);
-        ASSERT_EQ(o.status, 0) << o.text;
-        std::vector<std::string> lines;
-        std::istringstream in(o.text);
-        for (std::string l; std::getline(in, l);)
-            lines.push_back(l);
-        auto has_prefix = [&](const std::string& p) {
-            return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.starts_with(p); });
-        };
-        for (const std::string& w : c.want)
-            EXPECT_TRUE(has_prefix(w)) << w << " in:\n" << o.text;
-        for (const std::string& a : c.absent)
-            EXPECT_FALSE(has_prefix(a)) << a << " in:\n" << o.text;
-        for (const std::string& l : lines)
-            if (l.starts_with("LD_PRELOAD=")) {
-                EXPECT_TRUE(l.ends_with("/libvxsim_driver.so")) << l;
-            }
-        EXPECT_TRUE(has_prefix("VXSIM_ROOT=/"));
-    }
-}
-
-std::set<std::string> mount_points() {
-    std::set<std::string> out;
-    std::istringstream in(read_text("/proc/self/mountinfo"));
-    for (std::string l; std::getline(in, l);) {
-        std::istringstream f(l);
-        std::string id, parent, devno, root_, point;
-        f >> id >> parent >> devno >> root_ >> point;
-        out.insert(point);
-    }
-    return out;
-}
-
-std::set<long> semaphore_keys() {
-    std::set<long> keys;
-    std::istringstream in(read_text("/proc/sysvipc/sem"));
-    std::string header;
-    std::getline(in, header);
-    for (long key; in >> key;) {
-        keys.insert(key);
-        std::string rest;
-        std::getline(in, rest);
-    }
-    return keys;
+        EXPECT_EQ(o.status, 0) << o.text;
+        return "\n" + o.text;
+    };
+    // The caller's preload stays ahead of the emulation's; the options reach
+    // the command. (vxsim itself may carry a sanitizer runtime that would
+    // object to a preload ahead of it.)
+    std::string env = inside({"ASAN_OPTIONS=verify_asan_link_order=0", "LD_PRELOAD=" + other, vxsim_binary(), "run",
+                              "--real-sleep", "--euid", "42"});
+    for (const std::string& w : {"\nLD_PRELOAD=" + other + ":", std::string("/libvxsim_driver.so\n"),
+                                 std::string("\nVXSIM_EUID=42\n"), std::string("\nVXSIM_ROOT=/")})
+        EXPECT_NE(env.find(w), std::string::npos) << w << " in:" << env;
+    EXPECT_EQ(env.find("\nVXSIM_SLEEP_SCALE="), std::string::npos) << env;
+    // A library named to go first goes ahead of everything; the sanitizer
+    // setting the preload needs is added; the sleep scale defaults.
+    env = inside({"ASAN_OPTIONS=detect_leaks=1", "VXSIM_SLEEP_SCALE=", "LD_PRELOAD=", "VXSIM_PRELOAD_FIRST=" + other,
+                  vxsim_binary(), "run"});
+    for (const std::string& w : {"\nLD_PRELOAD=" + other + ":", std::string("\nVXSIM_SLEEP_SCALE=0.01\n"),
+                                 std::string("\nASAN_OPTIONS=detect_leaks=1:verify_asan_link_order=0\n")})
+        EXPECT_NE(env.find(w), std::string::npos) << w << " in:" << env;
+    EXPECT_EQ(env.find("\nVXSIM_EUID="), std::string::npos) << env;
 }
 
 // Whatever the command does, the real host stays as it was: no files in
@@ -750,32 +346,27 @@ TEST(SimRunnerOutside, LeavesTheRealHostUnchanged) {
                                          "/usr/lib/" + tag};
     for (const std::string& p : paths)
         ASSERT_FALSE(fs::exists(p)) << p;
-    std::set<std::string> mounts = mount_points();
-    std::set<long> sems = semaphore_keys();
+    const std::string mounts = "cut -d' ' -f5 /proc/self/mountinfo | sort";
+    const std::string keys = "awk 'NR > 1 {print $1}' /proc/sysvipc/sem";
+    const std::string mounts_before = run({"sh", "-c", mounts}).text, keys_before = "\n" + run({"sh", "-c", keys}).text;
 
-    std::string script = "echo ROOT=$VXSIM_ROOT; ipcmk -S 1 >/dev/null && cat /proc/sysvipc/sem";
+    std::string script = "echo ROOT=$VXSIM_ROOT; ipcmk -S 1 >/dev/null && echo KEY=$(" + keys + ")";
     for (const std::string& p : paths)
         script += " && touch " + p;
-    script += " && mount -t tmpfs none /mnt";
-    Output o = run_vxsim({"run", "--scenario", "single", "--", "sh", "-c", script});
+    Output o = run_vxsim({"run", "--scenario", "single", "--", "sh", "-c", script + " && mount -t tmpfs none /mnt"});
     ASSERT_EQ(o.status, 0) << o.text;
-
+    auto said = [&](const std::string& name) {  // NAME=value printed inside
+        const size_t at = o.text.find(name + "="), from = at + name.size() + 1;
+        return at == std::string::npos ? std::string() : o.text.substr(from, o.text.find('\n', at) - from);
+    };
     for (const std::string& p : paths)
         EXPECT_FALSE(fs::exists(p)) << p;
-    size_t at = o.text.find("ROOT=");
-    ASSERT_NE(at, std::string::npos);
-    std::string root_path = o.text.substr(at + 5, o.text.find('\n', at) - at - 5);
-    EXPECT_FALSE(fs::exists(root_path)) << root_path;
-    EXPECT_EQ(mount_points(), mounts);
-    // The semaphore made inside: its key must not exist out here.
-    size_t table = o.text.find("semid");
-    ASSERT_NE(table, std::string::npos) << o.text;
-    std::istringstream in(o.text.substr(o.text.rfind('\n', table) + 1));
-    std::string header;
-    std::getline(in, header);
-    long key = 0;
-    ASSERT_TRUE(in >> key) << o.text;
-    EXPECT_EQ(semaphore_keys().count(key), sems.count(key));
+    // One semaphore inside (a namespace of its own), which must not exist out here.
+    ASSERT_TRUE(!said("ROOT").empty() && !said("KEY").empty() && said("KEY").find(' ') == std::string::npos) << o.text;
+    EXPECT_FALSE(fs::exists(said("ROOT"))) << said("ROOT");
+    EXPECT_EQ(run({"sh", "-c", mounts}).text, mounts_before);
+    const std::string key = "\n" + said("KEY") + "\n";
+    EXPECT_EQ(("\n" + run({"sh", "-c", keys}).text).find(key), keys_before.find(key)) << key;
 }
 
 // Hosts whose mounts propagate (systemd makes / shared) must not see the
@@ -800,8 +391,7 @@ TEST(SimRunnerOutside, BuiltRootIsReusedAndKept) {
     std::string tmpl = ::testing::TempDir() + "vxsim-e2e-XXXXXX";
     ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
     const std::string dir = tmpl, r = dir + "/root";
-    // Removed however the test ends.
-    struct remove_at_end {
+    struct remove_at_end {  // however the test ends
         std::string path;
         ~remove_at_end() {
             std::string ignored;
@@ -817,7 +407,7 @@ TEST(SimRunnerOutside, BuiltRootIsReusedAndKept) {
     ASSERT_EQ(run_vxsim({"fault", "--root", r, "add", "--endpoint", "nvram", "--action", "eio"}).status, 0);
 
     Output o = run_vxsim({"run", "--root", r, "--", "sh", "-c",
-                      "cat /sys/class/fc_host/host1/port_name; ls $VXSIM_ROOT/state/events; touch /etc/vxsim-e2e"});
+                          "cat /sys/class/fc_host/host1/port_name; ls $VXSIM_ROOT/state/events; touch /etc/vxsim-e2e"});
     ASSERT_EQ(o.status, 0) << o.text;
     EXPECT_NE(o.text.find("0x2100001d5a025001"), std::string::npos) << o.text;
     EXPECT_NE(o.text.find("0000000001"), std::string::npos) << o.text;
