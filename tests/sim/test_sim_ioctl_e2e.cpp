@@ -1,6 +1,7 @@
 // The extended-ioctl endpoint through the preload: both node generations,
-// framed as the library frames them, answers checked against the sysfs
-// attributes the same host renders.
+// framed as the library frames them. The records' contents are compared with
+// the sysfs channel through the library; here the instance space, the
+// journal's bytes, faults and bad requests.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -10,6 +11,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,12 +24,6 @@ using namespace vxsim::test;
 
 namespace {
 
-std::string attr(const std::string& path) {
-    std::string s = read_text(path);
-    return s.substr(0, s.find('\n'));
-}
-unsigned long hex_attr(const std::string& path) { return std::stoul(attr(path), nullptr, 16); }
-
 uint64_t wwn_of(const uint8_t* b) {
     uint64_t v = 0;
     for (int i = 0; i < 8; ++i)
@@ -35,19 +32,16 @@ uint64_t wwn_of(const uint8_t* b) {
 }
 
 std::string hex(const void* p, size_t n) {
-    std::string s;
-    char buf[3];
-    for (size_t i = 0; i < n; ++i) {
-        std::snprintf(buf, sizeof buf, "%02x", static_cast<const uint8_t*>(p)[i]);
-        s += buf;
-    }
-    return s;
+    std::ostringstream out;
+    for (size_t i = 0; i < n; ++i)
+        out << std::hex << std::setw(2) << std::setfill('0') << int(static_cast<const uint8_t*>(p)[i]);
+    return out.str();
 }
 
 // The newer node, made the way the library makes it.
 int open_newer_node() {
     unsigned major = 0, minor = 0;
-    std::sscanf(attr("/sys/class/vxfcdrv/vxfcdrv/dev").c_str(), "%u:%u", &major, &minor);
+    std::sscanf(read_text("/sys/class/vxfcdrv/vxfcdrv/dev").c_str(), "%u:%u", &major, &minor);
     EXPECT_EQ(::mknod("/dev/vxfcdrv", S_IFCHR | 0600, major * 256 + minor), 0) << std::strerror(errno);
     return ::open("/dev/vxfcdrv", O_RDWR);
 }
@@ -83,7 +77,6 @@ uint32_t query(int fd, uint16_t subcode, T& out, uint16_t hba_select = 0xFFFF) {
 }
 
 struct HostInfo {
-    const Adapter* adapter;
     const PciFunction* function;
     const HostPort* host;
 };
@@ -93,65 +86,38 @@ std::vector<HostInfo> instances() {
     std::vector<HostInfo> out;
     for (const Adapter& a : scenario().adapters)
         for (const PciFunction& f : a.functions) {
-            out.push_back({&a, &f, &f.port});
+            out.push_back({&f, &f.port});
             for (const HostPort& v : f.vports)
-                out.push_back({&a, &f, &v});
+                out.push_back({&f, &v});
         }
     return out;
 }
 
 }  // namespace
 
-SIM_TEST(SimIoctl, NewerNodeAnswersEveryQueryAsSysfsShowsTheHost, "ioctl") {
+SIM_TEST(SimIoctl, NewerNodeAnswersForEveryInstance, "ioctl") {
     int fd = open_newer_node();
     ASSERT_GE(fd, 0) << std::strerror(errno);
     std::vector<HostInfo> hosts = instances();
     ASSERT_EQ(call(fd, EXT_CC_GET_HBA_CNT, 0, 0, 0).rec.Instance, hosts.size());
     for (uint16_t i = 0; i < hosts.size(); ++i) {
         const HostInfo& h = hosts[i];
-        const std::string n = std::to_string(h.host->host_no);
-        SCOPED_TRACE("host" + n);
-        const std::string sh = "/sys/class/scsi_host/host" + n + "/", fc = "/sys/class/fc_host/host" + n + "/";
-        const std::string pci = "/sys/bus/pci/devices/" + h.function->pci_address + "/";
+        SCOPED_TRACE("host" + std::to_string(h.host->host_no));
         Result sel = call(fd, EXT_CC_SET_INSTANCE, 0, i, 0);
         ASSERT_EQ(sel.rec.Status, 0u);
         EXPECT_EQ(sel.rec.HbaSelect, h.host->host_no);
-
         // HbaSelect 0xffff: the instance chosen on the descriptor answers.
         EXT_HBA_NODE node{};
-        EXT_HBA_PORT port{};
-        EXT_CHIP chip{};
-        EXT_DRIVER drv{};
-        ASSERT_EQ(query(fd, EXT_SC_QUERY_HBA_NODE, node) | query(fd, EXT_SC_QUERY_HBA_PORT, port) |
-                      query(fd, EXT_SC_QUERY_CHIP, chip) | query(fd, EXT_SC_QUERY_DRIVER, drv),
-                  0u);
-        EXPECT_EQ(wwn_of(node.WWNN), hex_attr(fc + "node_name"));
-        EXPECT_EQ(reinterpret_cast<const char*>(node.Model), attr(sh + "model_name"));
-        EXPECT_EQ(reinterpret_cast<const char*>(node.FWVersion), attr(sh + "fw_version"));
-        EXPECT_EQ(wwn_of(port.WWPN), hex_attr(fc + "port_name"));
-        EXPECT_EQ(wwn_of(port.FabricName), hex_attr(fc + "fabric_name"));
-        EXPECT_EQ(static_cast<unsigned long>(port.Id[1] << 16 | port.Id[2] << 8 | port.Id[3]), hex_attr(fc + "port_id"));
-        unsigned long long io = 0, io_end = 0, mem = 0;
-        std::sscanf(attr(pci + "resource").c_str(), "%llx %llx", &io, &io_end);
-        std::sscanf(read_text(pci + "resource").substr(57).c_str(), "%llx", &mem);
-        EXPECT_EQ((std::vector<unsigned long long>{chip.VendorId, chip.DeviceId, chip.SubVendorId, chip.SubSystemId,
-                                                   chip.InterruptLevel, chip.IoAddr, chip.IoAddrLen, chip.MemAddr,
-                                                   chip.FlashBlockSize}),
-                  (std::vector<unsigned long long>{hex_attr(pci + "vendor"), hex_attr(pci + "device"),
-                                                   hex_attr(pci + "subsystem_vendor"),
-                                                   hex_attr(pci + "subsystem_device"), std::stoul(attr(pci + "irq")),
-                                                   io, io_end - io + 1, mem,
-                                                   std::stoul(attr(sh + "flash_block_size"))}));
-        EXPECT_EQ(drv.MaxDataSegments, std::stoul(attr(sh + "sg_tablesize")));
-
+        ASSERT_EQ(query(fd, EXT_SC_QUERY_HBA_NODE, node), 0u);
+        EXPECT_EQ(wwn_of(node.WWNN), h.host->wwnn);
         // The VPD is the physical port's "vpd" attribute, byte for byte.
         std::vector<uint8_t> vpd(4096);
         ASSERT_EQ(call(fd, EXT_CC_GET_VPD, 0, 0, 0xFFFF, vpd.data(), 4096).rec.Status, 0u);
-        std::string want = read_text(pci + "host" + std::to_string(h.function->port.host_no) + "/vpd");
+        std::string want = read_text("/sys/bus/pci/devices/" + h.function->pci_address + "/host" +
+                                     std::to_string(h.function->port.host_no) + "/vpd");
         ASSERT_GE(want.size(), 512u);
         EXPECT_EQ(std::string(vpd.begin(), vpd.begin() + static_cast<long>(want.size())), want);
     }
-
     // A descriptor without a chosen instance answers for HbaSelect; the port
     // summary reads its type mask from the request buffer.
     int other = ::open("/dev/vxfcdrv", O_RDWR);
@@ -171,7 +137,7 @@ SIM_TEST(SimIoctl, OlderNodeAnswersRecordsWithThirtyTwoBitAddresses, "legacy") {
     int fd = ::open("/proc/scsi/vxfcdra/HbaApiNode", O_RDWR);
     ASSERT_GE(fd, 0) << std::strerror(errno);
     auto send = [&](uint8_t command, uint16_t subcode, uint16_t instance, void* resp, uint32_t len) {
-        std::memset(rec, 0, sizeof *rec);
+        *rec = EXT_IOCTL_O{};
         std::memcpy(rec->Signature, EXT_SIGNATURE, 4);
         rec->AddrMode = 1;
         rec->Version = EXT_VERSION_O;
@@ -199,14 +165,13 @@ SIM_TEST(SimIoctl, OlderNodeAnswersRecordsWithThirtyTwoBitAddresses, "legacy") {
     rec->Version = EXT_VERSION;
     ASSERT_EQ(::ioctl(fd, EXT_IOCTL_BASE_O | EXT_CC_QUERY, rec), 0);
     EXPECT_EQ(rec->Status, 13u);  // unsupported version
+    EXPECT_LT(::open("/proc/scsi/vxfcdrc/HbaApiNode", O_RDWR), 0);  // no adapter on that driver
 
     std::vector<nlohmann::json> io = journal("ioctl");
     ASSERT_GE(io.size(), 3u);
     const nlohmann::json& q = io[io.size() - 3];
-    EXPECT_EQ(q["generation"], "old");
-    EXPECT_EQ(q["request"], "0xc0047900");
-    EXPECT_EQ(q["host"], hosts[0].host->host_no);
-    EXPECT_EQ(q["bytes"], sent);
+    EXPECT_EQ(std::vector<nlohmann::json>({q["generation"], q["request"], q["host"], q["bytes"]}),
+              std::vector<nlohmann::json>({"old", "0xc0047900", hosts[0].host->host_no, sent}));
     EXPECT_EQ(io.back()["status"], 13);
     ::close(fd);
     ::munmap(low, 1 << 16);
@@ -255,8 +220,7 @@ SIM_TEST(SimIoctl, FaultsStatusesAndBadRequests, "ioctl") {
     nlohmann::json last = journal("ioctl").back();
     EXPECT_EQ(last["bytes"], hex(&sent, sizeof sent));
     EXPECT_EQ(last["bytes"].get<std::string>().substr(76 * 2, 16), "0200000000000000");  // VendorSpecificData
-    EXPECT_EQ(last["generation"], "new");
-    EXPECT_EQ(last["host"], r.rec.HbaSelect);
-    EXPECT_EQ(last["status"], 0);
+    EXPECT_EQ(std::vector<nlohmann::json>({last["generation"], last["host"], last["status"]}),
+              std::vector<nlohmann::json>({"new", r.rec.HbaSelect, 0}));
     ::close(fd);
 }
