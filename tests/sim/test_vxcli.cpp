@@ -54,6 +54,9 @@ SIM_TEST(Vxcli, PortCommandsOnTheDefaultHost, "default.json") {
     ASSERT_EQ(list["ports"].size(), 4u);
     EXPECT_EQ(list["ports"][2]["type"], "virtual");
     EXPECT_EQ(list["ports"][2]["wwpn"], "21:01:00:1d:5a:02:51:42");
+    // Host numbers by port name, not in instance order: the NPIV port is host 8.
+    EXPECT_EQ(list["ports"][0]["host"], 7);
+    EXPECT_EQ(list["ports"][2]["host"], 8);
 
     vxcli({"show", "4"}, 2);  // no port 4
 }
