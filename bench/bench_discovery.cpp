@@ -11,24 +11,9 @@
 namespace {
 
 using vxbench::in_host;
-using vxbench::port_count;
 
-// The whole load: semaphores, discovery, shared file, event thread, netlink,
-// control node; then the unload that undoes it.
-void BM_LoadUnload(benchmark::State& state) {
-    if (!in_host(state))
-        return;
-    uint32_t ports = 0;
-    for (auto _ : state) {
-        if (vxapi_load_lib() != 0 || !api_priv_database) {
-            state.SkipWithError("load failed");
-            return;
-        }
-        ports = port_count();
-        vxapi_unload_lib();
-    }
-    state.counters["ports"] = ports;
-}
+// The whole load and unload, for scale.
+void BM_LoadUnload(benchmark::State& state) { vxbench::load_unload(state); }
 BENCHMARK(BM_LoadUnload)->Unit(benchmark::kMillisecond);
 
 // Only the sysfs walk that makes the port records.

@@ -45,22 +45,8 @@ void BM_OlderGeneration(benchmark::State& state) {
 }
 BENCHMARK(BM_OlderGeneration)->Unit(benchmark::kMillisecond);
 
-// The whole load (the newer node wins): semaphores, discovery, shared file,
-// event thread; then the unload.
-void BM_LoadUnload(benchmark::State& state) {
-    if (!in_host(state))
-        return;
-    uint32_t ports = 0;
-    for (auto _ : state) {
-        if (vxapi_load_lib() != 0 || !api_priv_database) {
-            state.SkipWithError("load failed");
-            return;
-        }
-        ports = port_count();
-        vxapi_unload_lib();
-    }
-    state.counters["ports"] = ports;
-}
+// The whole load and unload, for scale.
+void BM_LoadUnload(benchmark::State& state) { vxbench::load_unload(state); }
 BENCHMARK(BM_LoadUnload)->Unit(benchmark::kMillisecond);
 
 std::string board(int i, const char* channel, const char* driver) {

@@ -35,6 +35,23 @@ inline uint32_t port_count() {
     return count;
 }
 
+// The whole load (semaphores, discovery, shared file, event thread, netlink,
+// control node) and the unload that undoes it, per iteration.
+inline void load_unload(benchmark::State& state) {
+    if (!in_host(state))
+        return;
+    uint32_t ports = 0;
+    for (auto _ : state) {
+        if (vxapi_load_lib() != 0 || !api_priv_database) {
+            state.SkipWithError("load failed");
+            return;
+        }
+        ports = port_count();
+        vxapi_unload_lib();
+    }
+    state.counters["ports"] = ports;
+}
+
 // A scenario file, or scenario text handed over through an anonymous file.
 inline std::string scenario_path(const std::string& file_or_text) {
     if (!file_or_text.starts_with("{"))

@@ -88,27 +88,25 @@ struct control_answer {
 // One request without buffers in the record's generation. The answer's
 // Instance and HbaSelect are what these commands return, which the common
 // send path does not hand back. The ioctl result, or 1 when not framed.
-int control_request(int fd, const vxapi_priv_database* record, uint8_t command, uint16_t instance,
-                    control_answer* out) {
-    const uint32_t number = ext_ioctl_number(command);
-    if (record->features & VX_FEAT_NEW_IOCTL) {
-        EXT_IOCTL ext;
-        if (vxapi_init_ext_ioctl_n(0, instance, nullptr, 0, nullptr, 0, record, &ext) != 0)
-            return 1;
-        const int rc = sdm_ioctl(fd, number, &ext, record);
-        out->status = ext.Status;
-        out->instance = ext.Instance;
-        out->hba_select = ext.HbaSelect;
-        return rc;
-    }
-    EXT_IOCTL_O ext;
-    if (vxapi_init_ext_ioctl_o(0, instance, nullptr, 0, nullptr, 0, record, &ext) != 0)
+template <typename Ext, typename Init>
+int control_request_as(Init init, int fd, const vxapi_priv_database* record, uint32_t number, uint16_t instance,
+                       control_answer* out) {
+    Ext ext;
+    if (init(0, instance, nullptr, 0, nullptr, 0, record, &ext) != 0)
         return 1;
     const int rc = sdm_ioctl(fd, number, &ext, record);
     out->status = ext.Status;
     out->instance = ext.Instance;
     out->hba_select = ext.HbaSelect;
     return rc;
+}
+
+int control_request(int fd, const vxapi_priv_database* record, uint8_t command, uint16_t instance,
+                    control_answer* out) {
+    const uint32_t number = ext_ioctl_number(command);
+    if (record->features & VX_FEAT_NEW_IOCTL)
+        return control_request_as<EXT_IOCTL>(vxapi_init_ext_ioctl_n, fd, record, number, instance, out);
+    return control_request_as<EXT_IOCTL_O>(vxapi_init_ext_ioctl_o, fd, record, number, instance, out);
 }
 
 int open_device(const char* fn, bool older, const char* path, uint32_t drvr_inst, uint32_t inst, uint32_t* hba_cnt,
