@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -72,9 +73,18 @@ public:
             if (!exe.empty())
                 keep.push_back(dirname_of(exe));
         }
+        // The whole top-level entry is kept, not just the directory: a build
+        // tree under /tmp also holds the libraries the command loads.
+        std::vector<std::string> tops;
         for (const std::string& k : keep)
-            if (under(k, "/tmp") || under(k, "/dev"))
-                keep_.push_back({k, open_path(k, O_DIRECTORY)});
+            for (const char* hidden : {"/tmp", "/dev"})
+                if (under(k, hidden)) {
+                    const std::string top = k.substr(0, k.find('/', std::string_view(hidden).size() + 1));
+                    if (std::find(tops.begin(), tops.end(), top) == tops.end())
+                        tops.push_back(top);
+                }
+        for (const std::string& top : tops)
+            keep_.push_back({top, open_path(top, O_DIRECTORY)});
         static const char* const nodes[] = {"null", "zero", "full", "random", "urandom", "tty"};
         for (const char* n : nodes) {
             // A node the host lacks (no /dev/tty in some containers) is left out.
@@ -93,7 +103,7 @@ public:
             std::string err;
             if (!fs::make_dirs(path, err))
                 fail("cannot set up the simulated host: " + err);
-            mount_or_fail(fd_path(fd), path, nullptr, MS_BIND, nullptr);
+            mount_or_fail(fd_path(fd), path, nullptr, MS_BIND | MS_REC, nullptr);
         }
         for (const auto& [path, fd] : keep_)
             ::close(fd);
@@ -155,7 +165,7 @@ private:
             if (f < 0)
                 fail("cannot set up the simulated host: " + fs::errno_text("create", path));
             ::close(f);
-            mount_or_fail(fd_path(fd), path, nullptr, MS_BIND, nullptr);
+            mount_or_fail(fd_path(fd), path, nullptr, MS_BIND | MS_REC, nullptr);
             ::close(fd);
         }
         const std::pair<const char*, const char*> links[] = {
