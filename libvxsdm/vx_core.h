@@ -405,6 +405,21 @@ int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t 
 // serial_num, on the families that keep it there. 0 when found.
 int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst);
 
+// ---- NVRAM images (vx_core_nvram) ----
+inline constexpr uint32_t VX_NVRAM_SIZE = 256;        // older families: 16-bit word layout
+inline constexpr uint32_t VX_NVRAM_SWIFT_SIZE = 512;  // Swift and FLT families: nvram_swift
+
+// True for the families that keep the 512-byte layout.
+bool vxapi_nvram_is_swift(uint16_t device_id);
+uint32_t vxapi_nvram_size(uint16_t device_id);
+// The checksum of an image of `size` bytes. 512-byte layout (`swift`): the
+// image as little-endian 32-bit words sums to 0, the last word being the
+// checksum. 256-byte layout: the bytes sum to 0 modulo 256, the last byte
+// (NVRAMVarCheckSum) being the checksum. Both return 0, or 1 when the image
+// is null or too small for one checksum unit.
+int vxapi_nvram_set_checksum(uint8_t* nvram, uint32_t size, bool swift);
+int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift);
+
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the
 // driver's extended status back through pext_stat. Sysfs ports (feature
