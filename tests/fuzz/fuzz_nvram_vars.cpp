@@ -1,0 +1,63 @@
+// NVRAM variable accessors over arbitrary images and numbers: nothing is read
+// or written outside the image, writing back what was read changes nothing,
+// and a recomputed checksum always verifies.
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "vsdnvram.h"
+#include "vx_core.h"
+
+namespace {
+
+uint32_t take32(const uint8_t*& data, size_t& size) {
+    uint32_t v = 0;
+    const size_t n = size < 4 ? size : 4;
+    memcpy(&v, data, n);
+    data += n;
+    size -= n;
+    return v;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 1)
+        return 0;
+    const bool swift = data[0] & 1;
+    ++data;
+    --size;
+    // An image of exactly its layout's size (ASan sees any overrun), from the first bytes.
+    std::vector<uint8_t> img(swift ? NVRAM_SWIFT_IMAGE_SIZE : NVRAM_IMAGE_SIZE, 0);
+    const size_t n = size < img.size() ? size : img.size();
+    memcpy(img.data(), data, n);
+    data += n;
+    size -= n;
+    auto* rec = static_cast<nvram_swift*>(static_cast<void*>(img.data()));
+
+    // Then (number, value) pairs; numbers run past the table too.
+    while (size > 0) {
+        const uint32_t number = take32(data, size);
+        const uint32_t value = take32(data, size);
+        const uint32_t read = swift ? VXSDNVR_GetVariableValue_swift(rec, number)
+                                    : VXSDNVR_GetVariableValue(img.data(), number);
+        const std::vector<uint8_t> before = img;
+        if (swift)
+            VXSDNVR_SetVariableValue_swift(rec, number, read);
+        else
+            VXSDNVR_SetVariableValue(img.data(), number, read);
+        if (img != before)
+            __builtin_trap();
+        if (swift)
+            VXSDNVR_SetVariableValue_swift(rec, number, value);
+        else
+            VXSDNVR_SetVariableValue(img.data(), number, value);
+        VXSDNVR_GetVariableDescription(img.data(), number);
+        VXSDNVR_IsVariableReadOnly(img.data(), number);
+        VXSDNVR_IsVariableVisible(img.data(), number);
+    }
+    if (vxapi_nvram_set_checksum(img.data(), static_cast<uint32_t>(img.size()), swift) != 0 ||
+        vxapi_nvram_verify_checksum(img.data(), static_cast<uint32_t>(img.size()), swift) != 0)
+        __builtin_trap();
+    return 0;
+}
