@@ -8,19 +8,6 @@
 #include "vsdnvram.h"
 #include "vx_core.h"
 
-namespace {
-
-uint32_t take32(const uint8_t*& data, size_t& size) {
-    uint32_t v = 0;
-    const size_t n = size < 4 ? size : 4;
-    memcpy(&v, data, n);
-    data += n;
-    size -= n;
-    return v;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1)
         return 0;
@@ -36,22 +23,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto* rec = static_cast<nvram_swift*>(static_cast<void*>(img.data()));
 
     // Then (number, value) pairs; numbers run past the table too.
-    while (size > 0) {
-        const uint32_t number = take32(data, size);
-        const uint32_t value = take32(data, size);
+    for (; size >= 8; data += 8, size -= 8) {
+        uint32_t number, value;
+        memcpy(&number, data, 4);
+        memcpy(&value, data + 4, 4);
         const uint32_t read = swift ? VXSDNVR_GetVariableValue_swift(rec, number)
                                     : VXSDNVR_GetVariableValue(img.data(), number);
         const std::vector<uint8_t> before = img;
-        if (swift)
-            VXSDNVR_SetVariableValue_swift(rec, number, read);
-        else
-            VXSDNVR_SetVariableValue(img.data(), number, read);
+        swift ? VXSDNVR_SetVariableValue_swift(rec, number, read) : VXSDNVR_SetVariableValue(img.data(), number, read);
         if (img != before)
             __builtin_trap();
-        if (swift)
-            VXSDNVR_SetVariableValue_swift(rec, number, value);
-        else
-            VXSDNVR_SetVariableValue(img.data(), number, value);
+        swift ? VXSDNVR_SetVariableValue_swift(rec, number, value) : VXSDNVR_SetVariableValue(img.data(), number, value);
         VXSDNVR_GetVariableDescription(img.data(), number);
         VXSDNVR_IsVariableReadOnly(img.data(), number);
         VXSDNVR_IsVariableVisible(img.data(), number);
