@@ -192,8 +192,9 @@ int vxapi_verify_vpd_checksum(const uint8_t* vpd, uint32_t size) {
         vxdbg_line(ERR, "vxapi_verify_vpd_checksum: no checksum field.");
         return 1;
     }
-    if (static_cast<uint8_t>(sum + vpd[rv]) != 0) {
-        vxdbg_num(ERR, "vxapi_verify_vpd_checksum: bad checksum. sum=", static_cast<uint8_t>(sum + vpd[rv]), VXDBG_HEX, 1);
+    sum = static_cast<uint8_t>(sum + vpd[rv]);
+    if (sum != 0) {
+        vxdbg_num(ERR, "vxapi_verify_vpd_checksum: bad checksum. sum=", sum, VXDBG_HEX, 1);
         return 1;
     }
     return 0;

@@ -420,7 +420,8 @@ uint32_t class_flag(const char* name, const uint8_t* image, uint32_t number, con
     if (bad_args(name, image, number))
         return SDM_STATUS_INVALID_PARAMETER;
     const uint32_t cls = std::min(get_word_layout(image, NVRAMVarSubSystemDeviceID1), MAX_CLASS);
-    const uint32_t ret = (g_variables[number].setting_bits & masks[cls]) ? SDM_STATUS_SUCCESS : SDM_STATUS_UNKNOWN_ERROR;
+    const uint32_t ret =
+        (g_variables[number].setting_bits & masks[cls]) ? SDM_STATUS_SUCCESS : SDM_STATUS_UNKNOWN_ERROR;
     trace_value(name, ": exiting. ret=", ret);
     return ret;
 }
@@ -506,8 +507,10 @@ extern "C" VXSD_API SD_UINT32 SDGetVariableValue(int Device, const SD_UINT8* pNV
         vxdbg_line(SD_ERROR, "SDGetVariableValue: null image.");
         return SDM_STATUS_INVALID_PARAMETER;
     }
-    return swift_layout(inst) ? VXSDNVR_GetVariableValue_swift(static_cast<const nvram_swift*>(static_cast<const void*>(pNVRam)), parmNumber)
-                              : VXSDNVR_GetVariableValue(pNVRam, parmNumber);
+    if (!swift_layout(inst))
+        return VXSDNVR_GetVariableValue(pNVRam, parmNumber);
+    const auto* swift = static_cast<const nvram_swift*>(static_cast<const void*>(pNVRam));
+    return VXSDNVR_GetVariableValue_swift(swift, parmNumber);
 }
 
 extern "C" VXSD_API SD_UINT32 SDSetVariableValue(int Device, SD_UINT8* pNVRam, SD_UINT32 parmNumber,
@@ -520,9 +523,9 @@ extern "C" VXSD_API SD_UINT32 SDSetVariableValue(int Device, SD_UINT8* pNVRam, S
         vxdbg_line(SD_ERROR, "SDSetVariableValue: null image.");
         return SDM_STATUS_INVALID_PARAMETER;
     }
-    const uint32_t ret = swift_layout(inst)
-                             ? VXSDNVR_SetVariableValue_swift(static_cast<nvram_swift*>(static_cast<void*>(pNVRam)), parmNumber, dwSetValue)
-                             : VXSDNVR_SetVariableValue(pNVRam, parmNumber, dwSetValue);
+    auto* swift = static_cast<nvram_swift*>(static_cast<void*>(pNVRam));
+    const uint32_t ret = swift_layout(inst) ? VXSDNVR_SetVariableValue_swift(swift, parmNumber, dwSetValue)
+                                            : VXSDNVR_SetVariableValue(pNVRam, parmNumber, dwSetValue);
     trace_value("SDSetVariableValue", ": exiting. ret=", ret);
     return ret;
 }

@@ -30,10 +30,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint32_t read = swift ? VXSDNVR_GetVariableValue_swift(rec, number)
                                     : VXSDNVR_GetVariableValue(img.data(), number);
         const std::vector<uint8_t> before = img;
-        swift ? VXSDNVR_SetVariableValue_swift(rec, number, read) : VXSDNVR_SetVariableValue(img.data(), number, read);
+        const auto set = swift ? [](uint8_t* i, uint32_t n, uint32_t v) {
+            return VXSDNVR_SetVariableValue_swift(static_cast<nvram_swift*>(static_cast<void*>(i)), n, v);
+        } : VXSDNVR_SetVariableValue;
+        set(img.data(), number, read);
         if (img != before)
             __builtin_trap();
-        swift ? VXSDNVR_SetVariableValue_swift(rec, number, value) : VXSDNVR_SetVariableValue(img.data(), number, value);
+        set(img.data(), number, value);
         VXSDNVR_GetVariableDescription(img.data(), number);
         VXSDNVR_IsVariableReadOnly(img.data(), number);
         VXSDNVR_IsVariableVisible(img.data(), number);

@@ -171,7 +171,8 @@ TEST(VpdText, OneLinePerItemInTheFixedFormats) {
     const auto vpd = image(id("VXW2031 FC") + read_only + kw("SN", "X123") + kw("RV", "\xA5\x00") + read_write +
                            kw("RW", std::string("\x07", 1) + "xyz") + kw("V1", "") + end_tag + kw("PN", "after"));
     EXPECT_EQ(print_vpd(vpd, nullptr, &rc),
-              " 0x82  \"VXW2031 FC\"\n 0x90\n \"SN\"  \"X123\"\n \"RV\"  A5\n 0x91\n \"RW\"  07\n \"V1\"  \"\"\n 0x78\n");
+              " 0x82  \"VXW2031 FC\"\n 0x90\n \"SN\"  \"X123\"\n \"RV\"  A5\n"
+              " 0x91\n \"RW\"  07\n \"V1\"  \"\"\n 0x78\n");
     EXPECT_EQ(rc, 0);
 
     // HP boards: one length byte, the data from +2.
