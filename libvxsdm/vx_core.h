@@ -398,12 +398,50 @@ uint32_t vxapi_get_vpd_size(uint16_t device_id);
 // Mode 1: the identifier string; mode 2: the first keyword item equal to
 // `key`. `vpd` holds at least VX_VPD_WALK_LIMIT bytes. 0 when copied.
 int vxapi_get_field_from_vpd(const uint8_t* vpd, const char* key, int mode, uint8_t* dst, uint32_t dst_len);
+// Checksum keyword "RV": its first data byte makes the 8-bit sum of every
+// byte from the buffer start through it 0. The item walk never reads at or
+// past `size`. 0 when valid; 1 when the sum is not 0 or no "RV" comes before
+// the end tag or the end of the buffer.
+int vxapi_verify_vpd_checksum(const uint8_t* vpd, uint32_t size);
+// HP boards: a plain byte scan up to the characters "RV" (a 0x78 byte before
+// them reads as the end tag). 0 when valid, else 1.
+int vxapi_verify_hp_vpd_checksum(const uint8_t* vpd, uint32_t size);
+// Recomputes the "RV" byte after the VPD items were edited. 0 when set; 1
+// when the walk finds no "RV" with a data byte inside `size`.
+int vxapi_vpd_set_checksum(uint8_t* vpd, uint32_t size);
+
+// PrintVpd appends to a caller's text buffer of this many bytes.
+inline constexpr uint32_t VX_VPD_TEXT_SIZE = 4096;
+// One line for the item whose first byte (tag, or first keyword character)
+// is at `opcode`, appended to `resultText` (VX_VPD_TEXT_SIZE bytes, cut at its
+// end). "RV" and "RW" print value[0]: `value` holds max(len_value, 1) bytes.
+void PrintField(const uint8_t* opcode, const uint8_t* value, uint32_t len_value, char* resultText);
+// The items of the first VX_VPD_WALK_LIMIT bytes of `vpd`, one line each, up to
+// and including the end tag, appended to `resultText` (VX_VPD_TEXT_SIZE
+// bytes). HP boards (by the port's subsystem ids) have a one-byte identifier
+// length. 0 when the end tag was reached, else 1.
+int PrintVpd(const uint8_t* vpd, char* resultText, const vxapi_priv_database* api_priv_data_inst);
 // The port's VPD (`buf_sz` bytes): EXT_CC_GET_VPD on ioctl ports, the "vpd"
 // attribute on sysfs ports. The leaf convention.
 int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
 // The VPD "SN" field (at most 32 characters) into the adapter record's
 // serial_num, on the families that keep it there. 0 when found.
 int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst);
+
+// ---- NVRAM images (vx_core_nvram) ----
+inline constexpr uint32_t VX_NVRAM_SIZE = 256;        // older families: 16-bit word layout
+inline constexpr uint32_t VX_NVRAM_SWIFT_SIZE = 512;  // Swift and FLT families: nvram_swift
+
+// True for the families that keep the 512-byte layout.
+bool vxapi_nvram_is_swift(uint16_t device_id);
+uint32_t vxapi_nvram_size(uint16_t device_id);
+// The checksum of an image of `size` bytes. 512-byte layout (`swift`): the
+// image as little-endian 32-bit words sums to 0, the last word being the
+// checksum. 256-byte layout: the bytes sum to 0 modulo 256, the last byte
+// (NVRAMVarCheckSum) being the checksum. Both return 0, or 1 when the image
+// is null or too small for one checksum unit.
+int vxapi_nvram_set_checksum(uint8_t* nvram, uint32_t size, bool swift);
+int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift);
 
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the

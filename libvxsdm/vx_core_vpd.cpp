@@ -1,5 +1,8 @@
-// Vital product data: buffer sizes, reading a port's VPD, and the item walk
-// that extracts one field.
+// Vital product data: buffer sizes, reading a port's VPD, and the item walks
+// that extract one field, check and recompute the "RV" checksum, and render
+// the items as text.
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 
 #include "vx_adapters.h"
@@ -24,6 +27,60 @@ bool all_blanks(const uint8_t* value, uint32_t len) {
         if (value[i] != ' ')
             return false;
     return true;
+}
+
+uint32_t le16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8; }
+
+bool is_key(const uint8_t* item, char c0, char c1) {
+    return item[0] == static_cast<uint8_t>(c0) && item[1] == static_cast<uint8_t>(c1);
+}
+
+// Sums the items up to the "RV" keyword, its keyword and length bytes
+// included. True, with the position of its data byte, when that byte lies
+// below `size`; an end tag, an item running past `size` or a missing data
+// byte give false.
+bool sum_to_rv(const uint8_t* vpd, uint32_t size, uint32_t* rv_data, uint8_t* sum) {
+    if (!vpd)
+        return false;
+    uint8_t total = 0;
+    uint32_t pos = 0;
+    while (pos < size) {
+        const uint8_t tag = vpd[pos];
+        if (tag == VPD_TAG_END || size - pos < 3)
+            return false;
+        uint32_t len = 0;
+        if (tag == VPD_TAG_READ_ONLY || tag == VPD_TAG_READ_WRITE) {
+            len = 0;  // the section's length is not stepped over: its keywords are items
+        } else if (tag == VPD_TAG_ID_STRING) {
+            len = le16(vpd + pos + 1);
+        } else {
+            len = vpd[pos + 2];
+            if (is_key(vpd + pos, 'R', 'V')) {
+                if (size - pos == 3)
+                    return false;
+                *sum = static_cast<uint8_t>(total + 'R' + 'V' + len);
+                *rv_data = pos + 3;
+                return true;
+            }
+        }
+        if (len > size - pos - 3)
+            return false;
+        for (uint32_t i = 0; i < len + 3; ++i)
+            total = static_cast<uint8_t>(total + vpd[pos + i]);
+        pos += len + 3;
+    }
+    return false;
+}
+
+// Appends to a VX_VPD_TEXT_SIZE-byte text, never past its end.
+__attribute__((format(printf, 2, 3))) void append(char* text, const char* format, ...) {
+    const size_t used = strnlen(text, VX_VPD_TEXT_SIZE);
+    if (used + 1 >= VX_VPD_TEXT_SIZE)
+        return;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text + used, VX_VPD_TEXT_SIZE - used, format, args);
+    va_end(args);
 }
 
 }  // namespace
@@ -126,4 +183,101 @@ int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst) {
     memcpy(phy->serial_num, serial, sizeof serial);
     vxdbg_line(TRC, "vxapi_get_vpd_serialnum: serial number read.");
     return 0;
+}
+
+int vxapi_verify_vpd_checksum(const uint8_t* vpd, uint32_t size) {
+    uint32_t rv = 0;
+    uint8_t sum = 0;
+    if (!sum_to_rv(vpd, size, &rv, &sum)) {
+        vxdbg_line(ERR, "vxapi_verify_vpd_checksum: no checksum field.");
+        return 1;
+    }
+    sum = static_cast<uint8_t>(sum + vpd[rv]);
+    if (sum != 0) {
+        vxdbg_num(ERR, "vxapi_verify_vpd_checksum: bad checksum. sum=", sum, VXDBG_HEX, 1);
+        return 1;
+    }
+    return 0;
+}
+
+int vxapi_verify_hp_vpd_checksum(const uint8_t* vpd, uint32_t size) {
+    if (!vpd)
+        return 1;
+    uint8_t sum = 0;
+    for (uint32_t pos = 0; pos < size && vpd[pos] != VPD_TAG_END; ++pos) {
+        if (size - pos >= 2 && is_key(vpd + pos, 'R', 'V')) {
+            if (size - pos < 4)
+                break;  // the checksum byte would lie past the buffer
+            sum = static_cast<uint8_t>(sum + 'R' + 'V' + vpd[pos + 2] + vpd[pos + 3]);
+            if (sum != 0)
+                vxdbg_num(ERR, "vxapi_verify_hp_vpd_checksum: bad checksum. sum=", sum, VXDBG_HEX, 1);
+            return sum == 0 ? 0 : 1;
+        }
+        sum = static_cast<uint8_t>(sum + vpd[pos]);
+    }
+    vxdbg_line(ERR, "vxapi_verify_hp_vpd_checksum: no checksum field.");
+    return 1;
+}
+
+int vxapi_vpd_set_checksum(uint8_t* vpd, uint32_t size) {
+    uint32_t rv = 0;
+    uint8_t sum = 0;
+    if (!sum_to_rv(vpd, size, &rv, &sum)) {
+        vxdbg_line(ERR, "vxapi_vpd_set_checksum: no checksum field.");
+        return 1;
+    }
+    vpd[rv] = static_cast<uint8_t>(0u - sum);
+    vxdbg_num(TRC, "vxapi_vpd_set_checksum: checksum=", vpd[rv], VXDBG_HEX, 1);
+    return 0;
+}
+
+void PrintField(const uint8_t* opcode, const uint8_t* value, uint32_t len_value, char* resultText) {
+    if (!opcode || !resultText)
+        return;
+    const auto* text = reinterpret_cast<const char*>(value ? value : reinterpret_cast<const uint8_t*>(""));
+    const int len = value ? static_cast<int>(len_value) : 0;
+    const uint8_t tag = opcode[0];
+    if (tag == VPD_TAG_ID_STRING)
+        append(resultText, " 0x%02X  \"%.*s\"\n", tag, len, text);
+    else if (tag == VPD_TAG_READ_ONLY || tag == VPD_TAG_READ_WRITE || tag == VPD_TAG_END)
+        append(resultText, " 0x%02X\n", tag);
+    else if (is_key(opcode, 'R', 'V') || is_key(opcode, 'R', 'W'))
+        append(resultText, " \"%2.2s\"  %02X\n", reinterpret_cast<const char*>(opcode), value ? value[0] : 0);
+    else
+        append(resultText, " \"%2.2s\"  \"%.*s\"\n", reinterpret_cast<const char*>(opcode), len, text);
+}
+
+int PrintVpd(const uint8_t* vpd, char* resultText, const vxapi_priv_database* api_priv_data_inst) {
+    if (!vpd || !resultText) {
+        vxdbg_line(ERR, "PrintVpd: invalid parameter.");
+        return 1;
+    }
+    const vxapi_phy_info* phy = api_priv_data_inst ? api_priv_data_inst->phy_info : nullptr;
+    const bool hp = phy && vx_is_hp_variant(phy->ssvendor_id, phy->ssdevice_id);
+    // Only the first 512 bytes are walked; a value running past them is cut.
+    constexpr uint32_t limit = VX_VPD_WALK_LIMIT;
+    uint32_t pos = 0;
+    while (pos < limit) {
+        const uint8_t* item = vpd + pos;
+        if (item[0] == VPD_TAG_END) {
+            PrintField(item, nullptr, 0, resultText);
+            return 0;
+        }
+        if (item[0] == VPD_TAG_READ_ONLY || item[0] == VPD_TAG_READ_WRITE) {
+            PrintField(item, nullptr, 0, resultText);
+            pos += 3;
+            continue;
+        }
+        const uint32_t head = item[0] == VPD_TAG_ID_STRING && hp ? 2 : 3;
+        if (limit - pos < head)
+            break;
+        const uint32_t len = item[0] != VPD_TAG_ID_STRING ? item[2] : hp ? item[1] : le16(item + 1);
+        const uint32_t data = pos + head;
+        if (data == limit && item[0] != VPD_TAG_ID_STRING && (is_key(item, 'R', 'V') || is_key(item, 'R', 'W')))
+            break;  // its checksum byte would lie past the walk
+        PrintField(item, vpd + data, len < limit - data ? len : limit - data, resultText);
+        pos = data + len;
+    }
+    vxdbg_line(ERR, "PrintVpd: no end tag.");
+    return 1;
 }
