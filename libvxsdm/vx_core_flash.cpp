@@ -546,37 +546,33 @@ uint8_t family_bit_of(vx_family family) {
 }  // namespace
 
 vxapi_reset_action vxapi_reset_code(uint16_t device_id, uint32_t region, uint16_t* code) {
-    uint16_t local = 0;
-    uint16_t& out = code ? *code : local;
     const uint8_t bit = family_bit_of(vx_adapter_family(device_id));
-    switch (region) {
-    case VX_RESET_SPECIAL_VERSIONS:
+    vxapi_reset_action action = vxapi_reset_action::invalid;
+    uint16_t found = static_cast<uint16_t>(region);
+    if (region == VX_RESET_SPECIAL_VERSIONS) {
         // The one reset every family takes: the driver re-reads the versions.
-        out = static_cast<uint16_t>(region);
-        return vxapi_reset_action::send;
-    case VX_RESET_SPECIAL_FULL:
-        out = static_cast<uint16_t>(region);
-        return bit ? vxapi_reset_action::send : vxapi_reset_action::nothing;
-    case VX_RESET_SPECIAL_IMAGE_SET:
-        out = static_cast<uint16_t>(region);
-        if (!bit)
-            return vxapi_reset_action::nothing;
-        return vx_adapter_has(device_id, VX_MARK_ACTIVE_IMAGE) ? vxapi_reset_action::send
-                                                               : vxapi_reset_action::invalid;
-    default: break;
-    }
-    if (!bit)
-        return vxapi_reset_action::nothing;
-    if (region <= VX_REGION_CODE_MASK) {
+        action = vxapi_reset_action::send;
+    } else if (!bit) {
+        action = vxapi_reset_action::nothing;
+    } else if (region == VX_RESET_SPECIAL_FULL) {
+        action = vxapi_reset_action::send;
+    } else if (region == VX_RESET_SPECIAL_IMAGE_SET) {
+        if (vx_adapter_has(device_id, VX_MARK_ACTIVE_IMAGE))
+            action = vxapi_reset_action::send;
+    } else if (region <= VX_REGION_CODE_MASK) {
         for (const reset_row& r : reset_table) {
             if (r.region == region && (r.families & bit)) {
-                out = r.code;
-                return vxapi_reset_action::send;
+                found = r.code;
+                action = vxapi_reset_action::send;
+                break;
             }
         }
     }
-    vxdbg_num(ERR, "vxapi_reset_code: no reset for region=", region, VXDBG_HEX, 1);
-    return vxapi_reset_action::invalid;
+    if (action == vxapi_reset_action::send && code)
+        *code = found;
+    if (action == vxapi_reset_action::invalid)
+        vxdbg_num(ERR, "vxapi_reset_code: no reset for region=", region, VXDBG_HEX, 1);
+    return action;
 }
 
 int vxapi_query_adapter_versions(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat) {
