@@ -145,6 +145,8 @@ TEST_F(Layout, BrokenTableFallsBackToTheScan) {
         {"kite", 0x2010, [](Bytes& f) { spoil_sum(f, 0x141000); }, 1},
         {"wren", 0x2031, [](Bytes& f) { spoil_sum(f, 0x3F1000); }, 1},
         {"crane", 0x2070, [](Bytes& f) { spoil_sum(f, 0x3F1000); }, 1},
+        {"driver busy", 0x2050, [](Bytes&) { g_flash.status = 2; }, 1},
+        {"older family", 0x1010, [](Bytes&) {}, 1},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.name);
@@ -178,17 +180,6 @@ TEST_F(Layout, LarkWalksTheSecondBank) {
     EXPECT_EQ(vxapi_get_flt_address(0, &port.inst, &address), 0);
     EXPECT_EQ(address, 0x361000u);
     EXPECT_EQ(g_flash.reads.size(), 1u);
-}
-
-TEST_F(Layout, ReadFailureAndDriverStatusFail) {
-    g_flash.bytes = vxsim::build_flash(sim_adapter(0x2050));
-    g_flash.status = 2;
-    Port port(0x2050);
-    EXPECT_EQ(vxapi_set_option_rom_layout(0, &port.inst), 1);
-    EXPECT_EQ(port.phy.pflt_layout, nullptr);
-    EXPECT_EQ(pGlobalOptRomLayout, nullptr);
-    Port old(0x1010);
-    EXPECT_EQ(vxapi_set_option_rom_layout(0, &old.inst), 1) << "no layout table on an older family";
 }
 
 TEST_F(Layout, CurrentLayoutIsProcessWide) {
