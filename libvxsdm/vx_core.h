@@ -495,6 +495,15 @@ inline constexpr uint8_t VX_DEVCTL_INITIATOR = 0x02;
 inline constexpr uint8_t VX_DEVCTL_FABRIC = 0x08;  // the port has a fabric address
 inline constexpr uint32_t VX_DEVFLAG_ONLINE = 0x01;
 
+// ---- Flash reads under the layout and alignment steps ----
+// `len` bytes of raw flash at `offset` (region 0xFFFF) on the port whose
+// descriptor is `handle`. The leaf convention: 0 on success, the driver's
+// extended status in *pext_stat.
+int vxapi_flash_read_at(int handle, vxapi_priv_database* inst, uint32_t offset, uint8_t* buf, uint32_t len,
+                        uint32_t* pext_stat);
+// The flash's erase sector in bytes as the driver reports it. 0 on success.
+uint32_t vxapi_get_flash_sector_size(int handle, vxapi_priv_database* inst, uint32_t* pflash_sector_size);
+
 // ---- Flash steps of the property calls (vx_core_flash) ----
 // Refreshes the boot-image versions of a node record from the adapter's flash.
 int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);

@@ -11,7 +11,9 @@
 
 #include "exioct.h"
 #include "exioctln.h"
+#include "vx_adapters.h"
 #include "vx_core.h"
+#include "vx_fc_bsg.h"
 
 inline constexpr size_t VXSYSFS_PATH_LEN = 256;
 inline constexpr size_t VXSYSFS_ATTR_LEN = 128;
@@ -133,6 +135,81 @@ int vxsysfs_open_bsg_node(const char* node, int flags);
 // without write access. Negative on failure.
 int vxsysfs_open(const char* name, uint8_t op_code);
 
+// ---- bsg framing (vx_sysfs_bsg) ----
+inline constexpr uint32_t VXSYSFS_BSG_REQ_LEN = 20;  // every vendor, CT and ELS request
+inline constexpr uint32_t VXSYSFS_BSG_RSP_LEN = 20;  // the reply buffer
+// Vendor id of the vendor requests: the PCI vendor-id type tag in the top
+// byte, the maker's PCI vendor id in the low 16 bits.
+inline constexpr uint64_t VXSYSFS_BSG_VENDOR_ID = 0x0100000000000000ull | VX_PCI_VENDOR_ID;
+// What the header builders return when an argument is missing (nonzero in the upper word).
+inline constexpr uint32_t VXSYSFS_BSG_HDR_FAILED = 0x00010000;
+inline constexpr uint32_t VXSYSFS_ELS_HEAD_LEN = 32;  // the library's head of an ELS buffer, not sent
+inline constexpr uint32_t VXSYSFS_BSG_OPTROM_SENDS = 3;  // one send and two busy retries
+inline constexpr unsigned VXSYSFS_BSG_BUSY_SLEEP = 20;   // seconds between them
+
+// Vendor command codes (vendor_cmd[0]).
+enum : uint32_t {
+    VXSYSFS_BSG_LOOPBACK = 1,
+    VXSYSFS_BSG_SORREL_RESET = 2,
+    VXSYSFS_BSG_SORREL_UPDATEFW = 3,
+    VXSYSFS_BSG_SORREL_MGMT = 4,
+    VXSYSFS_BSG_PORT_PARAM = 5,
+    VXSYSFS_BSG_QOS = 6,
+    VXSYSFS_BSG_READ_OPTROM = 7,
+    VXSYSFS_BSG_UPDATE_OPTROM = 8,
+    VXSYSFS_BSG_DIAG_MODE = 9,
+    VXSYSFS_BSG_MAX_IO = 10,
+    VXSYSFS_BSG_UPDATE_FRU_VERSIONS = 11,
+    VXSYSFS_BSG_READ_FRU_STATUS = 12,
+    VXSYSFS_BSG_WRITE_FRU_STATUS = 13,
+    VXSYSFS_BSG_NPIV_QOS = 14,
+    VXSYSFS_BSG_NPIV_QOS_LIST = 15,
+    VXSYSFS_BSG_SET_I2C = 16,
+    VXSYSFS_BSG_GET_I2C = 17,
+    VXSYSFS_BSG_SERDES_REG = 19,
+    VXSYSFS_BSG_SERDES_REG_EX = 20,
+    VXSYSFS_BSG_GET_FLASH_CAPS = 21,
+    VXSYSFS_BSG_SET_FLASH_CAPS = 22,
+    VXSYSFS_BSG_BBCR_DATA = 23,
+    VXSYSFS_BSG_PRIV_STATS = 24,
+    VXSYSFS_BSG_DPORT = 25,
+    VXSYSFS_BSG_PRIV_STATS_EX = 26,
+};
+
+// A vendor request: the header (zeroed first) and the first 12 bytes of
+// `request` (message code and vendor id); the caller stores the command
+// words afterwards. Without `dout`, a `din` buffer also goes out.
+uint32_t vxsysfs_create_bsg_header(sg_io_v4* hdr, uint8_t* request, uint32_t request_len, uint8_t* response,
+                                   uint32_t response_len, uint8_t* dout, uint32_t dout_len, uint8_t* din,
+                                   uint32_t din_len);
+// Flash read (code 7, both directions on `buf`) and update (code 8, data
+// out only), vendor_cmd[1] = offset. VXSYSFS_BSG_HDR_FAILED when any
+// argument is null or zero.
+uint32_t vxsysfs_create_bsg_read_optrom_header(sg_io_v4* hdr, uint8_t* buf, uint32_t size, uint32_t offset,
+                                               uint8_t* request, uint32_t request_len);
+uint32_t vxsysfs_create_bsg_update_optrom_header(sg_io_v4* hdr, uint8_t* buf, uint32_t size, uint32_t offset,
+                                                 uint8_t* request, uint32_t request_len);
+// CT pass-through: the request is made from the CT header at the start of
+// `payload` (at least 12 bytes), which goes out whole; `resp` is cleared.
+uint32_t vxsysfs_create_bsg_ct_header(sg_io_v4* hdr, uint8_t* request, uint32_t request_len, uint8_t* reply,
+                                      uint32_t reply_len, const uint8_t* payload, uint32_t payload_len,
+                                      uint8_t* resp, uint32_t resp_len);
+// ELS pass-through to a remote port: `buf` starts with the library's
+// 32-byte head; the ELS command byte follows it and the rest goes out.
+uint32_t vxsysfs_create_bsg_els_header(sg_io_v4* hdr, uint8_t* request, uint32_t request_len, uint8_t* reply,
+                                       uint32_t reply_len, const uint8_t* buf, uint32_t size, uint8_t* resp,
+                                       uint32_t resp_len);
+
+// Extended status of a vendor request once SG_IO returned `rc` (errno
+// `err`): the driver's vendor_rsp[0] on success, 20 when the driver lacks
+// bsg vendor commands, else 1. (Before: 9 on entry, 17 when a buffer
+// cannot be allocated, 1 once the node is made.)
+uint32_t vxsysfs_bsg_vendor_status(int rc, int err, const uint8_t* reply, uint32_t reply_len);
+// The option-ROM send loop: after send number `sends` (from 1), whether to
+// stop, or wait VXSYSFS_BSG_BUSY_SLEEP seconds and send again (busy, 2).
+enum class vxsysfs_bsg_next { done, retry, stop };
+vxsysfs_bsg_next vxsysfs_bsg_optrom_next(int rc, int err, uint32_t sends, uint32_t* pext_stat);
+
 // ---- Discovery ----
 extern const char* const driver_names[6];
 extern Dlist* host_no_list;
@@ -193,6 +270,14 @@ int vxsysfs_wwpn_to_scsiaddr(uint32_t handle, vxapi_priv_database* instance, con
 // node ("sg3") when it has none. 0 when found.
 int vxsysfs_get_devname(uint32_t host_no, uint32_t channel, uint32_t target, uint32_t lun, char* name,
                         size_t name_len);
+// The fixed-table layout of the adapter into `buffer` (a 4088-byte layout
+// buffer), published as the current layout. Extended status 16 when
+// `buffer_size` is below what the table needs (nothing is written then).
+int vxsysfs_get_optrom_layout(uint32_t handle, vxapi_priv_database* instance, uint8_t* buffer, uint32_t buffer_size,
+                              uint32_t* pext_status);
+// Start and size of a region code in the current layout; region 255 falls
+// back to the whole flash of the adapter. Both 0 and result 1 when unknown.
+int vxsysfs_map_region(const vxapi_priv_database* instance, uint32_t region, uint32_t* offset, uint32_t* size);
 // Boot-image versions from flash, for the families whose virtual ports lack
 // the boot-code attributes.
 int vxsysfs_read_flash_versions(uint32_t handle, vxapi_priv_database* instance, EXT_HBA_NODE* node,
