@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -180,6 +181,26 @@ private:
         if (::mkdir("/dev/shm", 01777) != 0)
             fail("cannot set up the simulated host: " + fs::errno_text("mkdir", "/dev/shm"));
         mount_or_fail("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+        scsi_nodes();
+    }
+
+    // The LUNs' SCSI generic and disk nodes, as udev would make them, with
+    // the simulator's numbers (the tree's dev files say the same).
+    void scsi_nodes() {
+        Scenario s;
+        std::string err;
+        if (!load_scenario(root::scenario(o_.root), s, err))
+            fail("cannot set up the simulated host: " + err);
+        auto node = [&](const std::string& path, mode_t type, unsigned major, unsigned minor) {
+            if (::mknod(path.c_str(), type | 0660, makedev(major, minor)) != 0)
+                fail("cannot set up the simulated host: " + fs::errno_text("mknod", path));
+        };
+        for (const ScsiDevice& d : scsi_devices(s)) {
+            node("/dev/sg" + std::to_string(d.sg), S_IFCHR, root::MAJOR_SG, d.sg);
+            if (d.disk >= 0)
+                node("/dev/" + disk_name(static_cast<uint32_t>(d.disk)), S_IFBLK, root::MAJOR_DISK,
+                     static_cast<unsigned>(d.disk));
+        }
     }
 
     const RunOptions& o_;
