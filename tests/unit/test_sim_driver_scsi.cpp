@@ -1,0 +1,426 @@
+// The simulated SCSI targets, the name server and ELS answers, and how the
+// extended-ioctl pass-through frames them, in-process.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fabric.h"
+#include "ioctl.h"
+#include "scsi_target.h"
+
+using namespace vxsim;
+using namespace vxsim::drv;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Host 1 on a fabric with one target of each kind, an initiator, a blocked
+// target and the name server's own address; host 2 (a vport) on the same
+// fabric sees one of them again; host 3 is on a private loop.
+const char* const MODEL = R"({"adapters": [
+  {"id": "a", "device_id": "0x2050", "channel": "ioctl", "functions": [{"pci_address": "0000:03:00.0",
+   "port": {"host_no": 1, "wwpn": "0x2100001d5a000001", "wwnn": "0x2000001d5a000001", "port_id": "0x010100",
+     "fabric_name": "0x100000051e000001", "symbolic_name": "host one", "remote_ports": [
+     {"number": 0, "wwpn": "0x500601600000000a", "wwnn": "0x500601680000000a", "port_id": "0x010400",
+      "scsi_target_id": 0, "luns": [{"lun": 3, "vendor": "ACME", "product": "DISK3", "blocks": "0x200000000"},
+        {"lun": 0, "blocks": 2048, "block_size": 4096}, {"lun": 16640}, {"lun": 5, "peripheral_type": 1, "blocks": 0}]},
+     {"number": 1, "wwpn": "0x500601600000000b", "port_id": "0x010500", "scsi_target_id": 1,
+      "target_kind": "rejects_report_luns", "luns": [{"lun": 0}, {"lun": 3}]},
+     {"number": 2, "wwpn": "0x500601600000000c", "port_id": "0x010600", "scsi_target_id": 2,
+      "target_kind": "busy", "luns": [{"lun": 0}]},
+     {"number": 3, "wwpn": "0x500601600000000d", "port_id": "0x010700", "scsi_target_id": 3,
+      "target_kind": "reservation_conflict", "luns": [{"lun": 0}]},
+     {"number": 4, "wwpn": "0x210000e08b000001", "port_id": "0x010800", "roles": "FCP Initiator"},
+     {"number": 5, "wwpn": "0x500601600000000e", "port_id": "0x010900", "state": "Blocked", "scsi_target_id": 5,
+      "luns": [{"lun": 0}]},
+     {"number": 6, "wwpn": "0x21fc000000000000", "port_id": "0xfffffc", "roles": "unknown"},
+     {"number": 7, "wwpn": "0x500601600000000f", "port_id": "0x020100", "fc4_types": [8, 5]}]},
+   "vports": [{"host_no": 2, "wwpn": "0x2101001d5a000001", "port_id": "0x010101",
+     "fabric_name": "0x100000051e000001", "remote_ports": [
+     {"number": 0, "wwpn": "0x500601600000000a", "port_id": "0x010400", "scsi_target_id": 0, "luns": [{"lun": 0}]}]}]}]},
+  {"id": "b", "device_id": "0x2050", "channel": "ioctl", "functions": [{"pci_address": "0000:04:00.0",
+   "port": {"host_no": 3, "link_state": "Link Up - Loop", "fabric_name": "0x100000051e000001",
+     "remote_ports": [{"number": 0, "wwpn": "0x5006016000000011", "port_id": "0x0000e8", "scsi_target_id": 0,
+       "luns": [{"lun": 0}]}]}}]}
+]})";
+
+class Scsi : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(parse_scenario(MODEL, scenario_, error)) << error;
+        sim_ = std::make_unique<Sim>("/nonexistent", scenario_, std::map<std::pair<unsigned, unsigned>, DeviceEntry>{});
+        ports_ = ioctl_ports(sim_->scenario(), NodeKind::Ioctl, "");
+        ASSERT_EQ(ports_.size(), 3u);
+    }
+    const HostPort& host(uint32_t n) const { return *find_host_port(sim_->scenario(), n); }
+    const RemotePort& target(size_t i) const { return host(1).remote_ports.at(i); }
+
+    Scenario scenario_;
+    std::unique_ptr<Sim> sim_;
+    std::vector<IoctlPort> ports_;
+};
+
+Bytes sense_of(SenseCode c) { return fixed_sense(c); }
+
+TEST_F(Scsi, TargetsAnswerByKindLunAndCommand) {
+    struct Case {
+        const char* what;
+        size_t target;
+        uint32_t lun;
+        Bytes cdb;
+        uint8_t status;
+        Bytes sense;  // empty: none
+        size_t data;
+    };
+    const Bytes inquiry{0x12, 0, 0, 0, 255, 0}, readcap{0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+        luns{0xA0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0}, tur{0, 0, 0, 0, 0, 0};
+    const Case cases[] = {
+        {"standard inquiry", 0, 3, inquiry, 0x00, {}, 96},
+        {"allocation length cuts", 0, 3, {0x12, 0, 0, 0, 7, 0}, 0x00, {}, 7},
+        {"inquiry of a LUN the target lacks", 0, 9, inquiry, 0x00, {}, 96},
+        {"page code without EVPD", 0, 0, {0x12, 0, 0x80, 0, 255, 0}, 0x02, sense_of(INVALID_FIELD_IN_CDB), 0},
+        {"unknown VPD page", 0, 0, {0x12, 1, 0x55, 0, 255, 0}, 0x02, sense_of(INVALID_FIELD_IN_CDB), 0},
+        {"VPD of a LUN the target lacks", 0, 9, {0x12, 1, 0x80, 0, 255, 0}, 0x02,
+         sense_of(LOGICAL_UNIT_NOT_SUPPORTED), 0},
+        {"read capacity", 0, 0, readcap, 0x00, {}, 8},
+        {"read capacity, no such LUN", 0, 9, readcap, 0x02, sense_of(LOGICAL_UNIT_NOT_SUPPORTED), 0},
+        {"read capacity of a tape", 0, 5, readcap, 0x02, sense_of(INVALID_COMMAND_OPERATION_CODE), 0},
+        {"read capacity(16)", 0, 3, {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 32, 0, 0}, 0x00, {}, 32},
+        {"report luns to any LUN", 0, 9, luns, 0x00, {}, 40},
+        {"unknown opcode", 0, 0, {0xC1, 0, 0, 0, 0, 0}, 0x02, sense_of(INVALID_COMMAND_OPERATION_CODE), 0},
+        {"unknown opcode, no such LUN", 0, 9, {0xC1, 0, 0, 0, 0, 0}, 0x02, sense_of(LOGICAL_UNIT_NOT_SUPPORTED), 0},
+        {"test unit ready", 0, 0, tur, 0x00, {}, 0},
+        {"request sense", 0, 0, {0x03, 0, 0, 0, 18, 0}, 0x00, {}, 18},
+        {"rejecting target: report luns", 1, 0, luns, 0x02, sense_of(INVALID_COMMAND_OPERATION_CODE), 0},
+        {"rejecting target: read capacity", 1, 3, readcap, 0x00, {}, 8},
+        {"busy target", 2, 0, inquiry, 0x08, {}, 0},
+        {"reservation: inquiry passes", 3, 0, inquiry, 0x00, {}, 96},
+        {"reservation: report luns passes", 3, 0, luns, 0x00, {}, 16},
+        {"reservation: test unit ready", 3, 0, tur, 0x18, {}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const RemotePort& t = target(c.target);
+        ScsiOutcome o = scsi_execute(t, find_lun(t, c.lun), c.cdb.data(), c.cdb.size());
+        EXPECT_EQ(o.status, c.status);
+        EXPECT_EQ(o.sense, c.sense);
+        EXPECT_EQ(o.data.size(), c.data);
+    }
+}
+
+TEST_F(Scsi, AnswerBytes) {
+    const RemotePort& t = target(0);
+    auto run = [&](uint32_t lun, Bytes cdb) { return scsi_execute(t, find_lun(t, lun), cdb.data(), cdb.size()).data; };
+    Bytes inq = run(3, {0x12, 0, 0, 0, 96, 0});
+    EXPECT_EQ(inq[0], 0x00);
+    EXPECT_EQ(std::string(inq.begin() + 8, inq.begin() + 36), "ACME    DISK3           0001");
+    EXPECT_EQ(run(5, {0x12, 0, 0, 0, 1, 0}), Bytes{0x01});  // tape
+    EXPECT_EQ(run(9, {0x12, 0, 0, 0, 1, 0}), Bytes{0x7F});  // no LUN here
+    // Capacities: 4096-byte blocks; a LUN past 2^32 blocks says so in (10), exactly in (16).
+    EXPECT_EQ(run(0, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}), (Bytes{0, 0, 0x07, 0xFF, 0, 0, 0x10, 0}));
+    EXPECT_EQ(run(3, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}), (Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 2, 0}));
+    Bytes rc16 = run(3, {0x9E, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12, 0, 0});
+    EXPECT_EQ(rc16, (Bytes{0, 0, 0, 1, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 2, 0}));
+    // REPORT LUNS: sorted, peripheral and flat addressing; a short allocation keeps the full length.
+    Bytes list = run(0, {0xA0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0});
+    Bytes want{0, 0, 0, 32, 0, 0, 0, 0};
+    for (Bytes lun : {Bytes{0, 0}, Bytes{0, 3}, Bytes{0, 5}, Bytes{0x41, 0x00}}) {
+        lun.resize(8);
+        want.insert(want.end(), lun.begin(), lun.end());
+    }
+    EXPECT_EQ(list, want);
+    EXPECT_EQ(run(0, {0xA0, 0, 0, 0, 0, 0, 0, 0, 0, 16, 0, 0}), Bytes(want.begin(), want.begin() + 16));
+    // Flat LUN 256 is found by its midlayer number and by its own number.
+    EXPECT_EQ(find_lun(t, 16640), find_lun(t, 256));
+    EXPECT_NE(find_lun(t, 256), nullptr);
+    EXPECT_EQ(find_lun(t, 4), nullptr);
+    // VPD: the page list, the serial number, two designators.
+    EXPECT_EQ(run(0, {0x12, 1, 0x00, 0, 255, 0}), (Bytes{0, 0, 0, 3, 0x00, 0x80, 0x83}));
+    Bytes serial = run(0, {0x12, 1, 0x80, 0, 255, 0});
+    EXPECT_EQ(std::string(serial.begin() + 4, serial.end()), "VX01600000000A0000");
+    Bytes ids = run(0, {0x12, 1, 0x83, 0, 255, 0});
+    ASSERT_EQ(ids.size(), 4u + 20 + 12);
+    EXPECT_EQ(ids[4 + 20 + 1], 0x93);  // the target port's name
+    EXPECT_EQ(Bytes(ids.end() - 8, ids.end()), (Bytes{0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0A}));
+}
+
+TEST_F(Scsi, NameServerHoldsTheFabricsPortsOnce) {
+    std::vector<NsEntry> db = name_server_entries(sim_->scenario(), host(1));
+    std::vector<uint32_t> ids;
+    for (const NsEntry& e : db)
+        ids.push_back(e.port_id);
+    // Host 1, its vport, their remote ports (the shared one once), not 0xfffffc.
+    EXPECT_EQ(ids, (std::vector<uint32_t>{0x010100, 0x010101, 0x010400, 0x010500, 0x010600, 0x010700, 0x010800,
+                                          0x010900, 0x020100}));
+    EXPECT_EQ(db[0].symbolic_port_name, "host one");
+    EXPECT_EQ(db[0].fabric_port_name, 0x200100051E000001ull);  // from the switch's name and the area
+    EXPECT_EQ(name_server_entries(sim_->scenario(), host(2)).size(), db.size());
+    EXPECT_TRUE(name_server_entries(sim_->scenario(), host(3)).empty());  // a loop has none
+}
+
+Bytes ct(uint16_t command, Bytes args, uint16_t max_words = 0) {
+    Bytes r{0x01, 0, 0, 0, GS_TYPE_DIRECTORY, GS_SUBTYPE_NAME_SERVER, 0, 0, static_cast<uint8_t>(command >> 8),
+            static_cast<uint8_t>(command), static_cast<uint8_t>(max_words >> 8), static_cast<uint8_t>(max_words),
+            0, 0, 0, 0};
+    r.insert(r.end(), args.begin(), args.end());
+    return r;
+}
+
+TEST_F(Scsi, NameServerAcceptsAndRejects) {
+    const std::vector<NsEntry> db = name_server_entries(sim_->scenario(), host(1));
+    struct Case {
+        const char* what;
+        Bytes req;
+        uint16_t code;
+        uint8_t reason, explanation;
+        Bytes payload;  // accepts: the bytes after the header (empty: not compared)
+    };
+    const Case cases[] = {
+        {"GID_FT of FC-4 type 5", ct(CT_GID_FT, {0, 0, 0, 5}), CT_ACCEPT, 0, 0, {0x80, 0x02, 0x01, 0x00}},
+        {"GID_FT in domain 2", ct(CT_GID_FT, {0, 2, 0, 8}), CT_ACCEPT, 0, 0, {0x80, 0x02, 0x01, 0x00}},
+        {"GID_FT in area 1.5", ct(CT_GID_FT, {0, 1, 5, 8}), CT_ACCEPT, 0, 0, {0x80, 0x01, 0x05, 0x00}},
+        {"GID_FT of an unused type", ct(CT_GID_FT, {0, 0, 0, 0x20}), CT_REJECT, 0x09, 0x07, {}},
+        {"GPN_ID", ct(CT_GPN_ID, {0, 0x01, 0x05, 0x00}), CT_ACCEPT, 0, 0, {0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0B}},
+        {"GNN_ID", ct(CT_GNN_ID, {0, 0x01, 0x04, 0x00}), CT_ACCEPT, 0, 0, {0x50, 0x06, 0x01, 0x68, 0, 0, 0, 0x0A}},
+        {"GPN_ID of nobody", ct(CT_GPN_ID, {0, 0x0A, 0x0B, 0x0C}), CT_REJECT, 0x09, 0x01, {}},
+        {"GID_PN", ct(CT_GID_PN, {0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0D}), CT_ACCEPT, 0, 0, {0, 0x01, 0x07, 0x00}},
+        {"GID_PN of a name nobody has", ct(CT_GID_PN, Bytes(8, 0x77)), CT_REJECT, 0x09, 0x02, {}},
+        {"GFT_ID", ct(CT_GFT_ID, {0, 0x02, 0x01, 0x00}), CT_ACCEPT, 0, 0, {0, 0, 1, 0x20, 0, 0, 0, 0}},
+        {"GPN_ID without its argument", ct(CT_GPN_ID, {0, 1}), CT_REJECT, 0x04, 0, {}},
+        {"unknown command", ct(0x0199, {0, 0, 0, 0}), CT_REJECT, 0x01, 0, {}},
+        {"another service", [] { Bytes r = ct(CT_GID_FT, {0, 0, 0, 8}); r[4] = 0xFA; return r; }(), CT_REJECT, 0x0B,
+         0, {}},
+        {"another revision", [] { Bytes r = ct(CT_GID_FT, {0, 0, 0, 8}); r[0] = 3; return r; }(), CT_REJECT, 0x02,
+         0, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        CtAnswer a = name_server(db, c.req.data(), c.req.size());
+        ASSERT_GE(a.bytes.size(), CT_HEADER_SIZE);
+        EXPECT_EQ((a.bytes[8] << 8) | a.bytes[9], c.code);
+        EXPECT_EQ(a.bytes[13], c.reason);
+        EXPECT_EQ(a.bytes[14], c.explanation);
+        EXPECT_EQ(Bytes(a.bytes.begin(), a.bytes.begin() + 8), Bytes(c.req.begin(), c.req.begin() + 8));
+        Bytes payload(a.bytes.begin() + CT_HEADER_SIZE, a.bytes.end());
+        if (c.code == CT_ACCEPT) {
+            EXPECT_EQ(Bytes(payload.begin(), payload.begin() + std::min(payload.size(), c.payload.size())), c.payload);
+        } else {
+            EXPECT_TRUE(payload.empty());
+        }
+    }
+}
+
+TEST_F(Scsi, NameServerListsAndWalks) {
+    const std::vector<NsEntry> db = name_server_entries(sim_->scenario(), host(1));
+    // GID_FT of FCP: every FCP port, the last one marked.
+    CtAnswer all = name_server(db, ct(CT_GID_FT, {0, 0, 0, 8}).data(), 20);
+    ASSERT_EQ(all.bytes.size(), CT_HEADER_SIZE + 4 * 9);
+    EXPECT_EQ(Bytes(all.bytes.begin() + 16, all.bytes.begin() + 20), (Bytes{0, 0x01, 0x01, 0x00}));
+    EXPECT_EQ(Bytes(all.bytes.end() - 4, all.bytes.end()), (Bytes{0x80, 0x02, 0x01, 0x00}));
+    // A maximum of two words: one entry, none marked last, the rest as residual.
+    CtAnswer cut = name_server(db, ct(CT_GID_FT, {0, 0, 0, 8}, 2).data(), 20);
+    EXPECT_EQ(cut.bytes.size(), CT_HEADER_SIZE + 8);
+    EXPECT_EQ(cut.bytes[16 + 4], 0x00);
+    EXPECT_EQ((cut.bytes[10] << 8) | cut.bytes[11], 7);
+    // GA_NXT: the next port up, then round to the first.
+    CtAnswer next = name_server(db, ct(CT_GA_NXT, {0, 0x01, 0x04, 0x00}).data(), 20);
+    ASSERT_EQ(next.bytes.size(), CT_HEADER_SIZE + GA_NXT_SIZE);
+    const uint8_t* p = next.bytes.data() + CT_HEADER_SIZE;
+    EXPECT_EQ(Bytes(p, p + 12), (Bytes{0x01, 0x01, 0x05, 0x00, 0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0B}));
+    EXPECT_EQ(Bytes(p + 560, p + 564), (Bytes{0, 0, 1, 0}));  // FCP
+    CtAnswer wrap = name_server(db, ct(CT_GA_NXT, {0, 0x02, 0x01, 0x00}).data(), 20);
+    EXPECT_EQ(Bytes(wrap.bytes.begin() + 17, wrap.bytes.begin() + 20), (Bytes{0x01, 0x01, 0x00}));
+    EXPECT_EQ(wrap.bytes[16 + 12], 8);  // "host one"
+    CtAnswer none = name_server({}, ct(CT_GA_NXT, {0, 0, 0, 0}).data(), 20);
+    EXPECT_EQ(none.code, CT_REJECT);
+}
+
+TEST_F(Scsi, ElsAnswers) {
+    const RemotePort& t = target(0);
+    const Bytes echo{ELS_ECHO, 0, 0, 0, 'p', 'i', 'n', 'g'};
+    ElsAnswer a = els_answer(t, echo.data(), echo.size());
+    EXPECT_TRUE(a.accepted);
+    EXPECT_EQ(a.bytes, (Bytes{ELS_LS_ACC, 0, 0, 0, 'p', 'i', 'n', 'g'}));
+    for (uint8_t format : {uint8_t(0x00), uint8_t(0x10), uint8_t(RNID_FORMAT_TOPOLOGY)}) {
+        const Bytes rnid{ELS_RNID, 0, 0, 0, format, 0, 0, 0};
+        a = els_answer(t, rnid.data(), rnid.size());
+        const bool topology = format == RNID_FORMAT_TOPOLOGY;
+        ASSERT_EQ(a.bytes.size(), topology ? 76u : 24u) << int(format);
+        EXPECT_EQ(Bytes(a.bytes.begin(), a.bytes.begin() + 8), (Bytes{ELS_LS_ACC, 0, 0, 0, topology ? format : uint8_t(0), 16, 0,
+                                                                        uint8_t(topology ? 52 : 0)}));
+        EXPECT_EQ(Bytes(a.bytes.begin() + 8, a.bytes.begin() + 16), (Bytes{0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0A}));
+    }
+    const Bytes plogi{0x03, 0, 0, 0};
+    a = els_answer(t, plogi.data(), plogi.size());
+    EXPECT_FALSE(a.accepted);
+    EXPECT_EQ(a.bytes, (Bytes{ELS_LS_RJT, 0, 0, 0, 0, LS_RJT_NOT_SUPPORTED, 0, 0}));
+    EXPECT_EQ(els_answer(t, plogi.data(), 2).reason, LS_RJT_LOGICAL_ERROR);
+}
+
+// ---- extended-ioctl framing ----
+
+template <class Rec>
+IoctlRequest passthru(const Rec& rec, uint16_t subcode, uint32_t response_len) {
+    IoctlRequest r{EXT_CC_SEND_SCSI_PASSTHRU, subcode, 0, 0, {}, response_len};
+    r.request.assign(reinterpret_cast<const uint8_t*>(&rec), reinterpret_cast<const uint8_t*>(&rec) + sizeof rec);
+    return r;
+}
+
+template <class Rec>
+void command(Rec& rec, Bytes cdb, uint8_t direction, uint16_t sense_room) {
+    rec.Direction = direction;
+    rec.CdbLength = static_cast<uint8_t>(cdb.size());
+    std::memcpy(rec.Cdb, cdb.data(), std::min<size_t>(cdb.size(), sizeof rec.Cdb));
+    rec.SenseLength = sense_room;
+}
+
+TEST_F(Scsi, IoctlScsiPassThroughFramesStatusDataAndSense) {
+    struct Case {
+        const char* what;
+        uint16_t target, lun;
+        Bytes cdb;
+        uint8_t direction;
+        uint16_t sense_room;
+        uint32_t response_len;
+        uint32_t status, detail;
+        size_t response, sense;
+    };
+    const Bytes inquiry{0x12, 0, 0, 0, 255, 0}, readcap{0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const Case cases[] = {
+        {"inquiry", 0, 3, inquiry, 1, 256, 1024, 0, 0, 96, 0},
+        {"more data than the buffer", 0, 3, inquiry, 1, 256, 7, 7, 0, 7, 0},
+        {"no data direction", 0, 3, inquiry, 0, 256, 1024, 7, 0, 0, 0},
+        {"check condition", 0, 9, readcap, 1, 256, 8, 15, 0x02, 0, 18},
+        {"sense cut to the room", 0, 9, readcap, 1, 8, 8, 15, 0x02, 0, 8},
+        {"sense room above 256", 0, 9, readcap, 1, 300, 8, 15, 0x02, 0, 18},
+        {"busy", 2, 0, inquiry, 1, 256, 1024, 15, 0x08, 0, 0},
+        {"reservation conflict", 3, 0, readcap, 1, 256, 8, 15, 0x18, 0, 0},
+        {"no CDB", 0, 0, {}, 1, 256, 8, 6, 0, 0, 0},
+        {"bad direction", 0, 0, readcap, 3, 256, 8, 6, 0, 0, 0},
+        {"no such target", 9, 0, readcap, 1, 256, 8, 9, 0, 0, 0},
+        {"blocked target", 5, 0, readcap, 1, 256, 8, 9, 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXT_SCSI_PASSTHRU rec{};
+        rec.TargetAddr.Target = c.target;
+        rec.TargetAddr.Lun = c.lun;
+        command(rec, c.cdb, c.direction, c.sense_room);
+        IoctlAnswer a = ioctl_dispatch(*sim_, ports_, 0, passthru(rec, 0, c.response_len));
+        EXPECT_EQ(a.status, c.status);
+        EXPECT_EQ(a.detail, c.detail);
+        EXPECT_EQ(a.response.size(), c.response);
+        if (c.status == 0 || c.status == 7 || c.status == 15) {
+            ASSERT_EQ(a.request_back.size(), sizeof rec);
+            EXT_SCSI_PASSTHRU back;
+            std::memcpy(&back, a.request_back.data(), sizeof back);
+            EXPECT_EQ(back.SenseLength, c.sense);
+            const Bytes sense = sense_of(LOGICAL_UNIT_NOT_SUPPORTED);
+            EXPECT_EQ(Bytes(back.SenseData, back.SenseData + c.sense), Bytes(sense.begin(), sense.begin() + c.sense));
+            EXPECT_EQ(std::memcmp(&back, &rec, offsetof(EXT_SCSI_PASSTHRU, SenseLength)), 0);
+        } else {
+            EXPECT_TRUE(a.request_back.empty());
+        }
+    }
+    // A CDB of 17 bytes cannot be framed; one cut short is not read.
+    EXT_SCSI_PASSTHRU rec{};
+    command(rec, inquiry, 1, 0);
+    rec.CdbLength = 17;
+    EXPECT_EQ(ioctl_dispatch(*sim_, ports_, 0, passthru(rec, 0, 8)).status, 6u);
+    IoctlRequest shorter = passthru(rec, 0, 8);
+    shorter.request.resize(351);
+    EXPECT_EQ(ioctl_dispatch(*sim_, ports_, 0, shorter).status, 6u);
+}
+
+TEST_F(Scsi, IoctlFcPassThroughFindsThePortByEachName) {
+    struct Case {
+        const char* what;
+        uint16_t type;
+        Bytes dest;
+        uint32_t status;
+    };
+    const Case cases[] = {
+        {"WWPN", EXT_DEF_DESTTYPE_WWPN, {0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0B}, 0},
+        {"WWNN", EXT_DEF_DESTTYPE_WWNN, {0x50, 0x06, 0x01, 0x68, 0, 0, 0, 0x0A}, 0},
+        {"port id", EXT_DEF_DESTTYPE_PORTID, {0, 0x01, 0x05, 0x00}, 0},
+        {"a WWPN nobody has", EXT_DEF_DESTTYPE_WWPN, Bytes(8, 0x55), 9},
+        {"an initiator", EXT_DEF_DESTTYPE_WWPN, {0x21, 0, 0, 0xe0, 0x8b, 0, 0, 1}, 9},
+        {"unknown address type", 4, {0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0B}, 6},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXT_FC_SCSI_PASSTHRU rec{};
+        rec.FCScsiAddr.DestType = c.type;
+        rec.FCScsiAddr.Lun = 3;
+        std::memcpy(rec.FCScsiAddr.DestAddr.WWPN, c.dest.data(), c.dest.size());
+        command(rec, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 1, 256);
+        IoctlAnswer a = ioctl_dispatch(*sim_, ports_, 0, passthru(rec, 1, 8));
+        EXPECT_EQ(a.status, c.status);
+        EXPECT_EQ(a.response.size(), c.status ? 0u : 8u);
+        EXPECT_EQ(a.journal["dest_type"], c.type);
+    }
+    EXT_FC_SCSI_PASSTHRU rec{};
+    EXPECT_EQ(ioctl_dispatch(*sim_, ports_, 0, passthru(rec, 2, 8)).status, 12u);
+}
+
+TEST_F(Scsi, IoctlPassThroughJournalsTheCommand) {
+    EXT_SCSI_PASSTHRU rec{};
+    rec.TargetAddr.Target = 1;
+    command(rec, {0xA0, 0, 0, 0, 0, 0, 0, 0, 0, 64, 0, 0}, 1, 32);
+    IoctlAnswer a = ioctl_dispatch(*sim_, ports_, 0, passthru(rec, 0, 64));
+    const JournalFields want = {{"bus", 0},
+                                {"target", 1},
+                                {"lun", 0},
+                                {"direction", 1},
+                                {"cdb_len", 12},
+                                {"cdb", "a00000000000000000400000"},
+                                {"sense_room", 32},
+                                {"scsi_status", 2},
+                                {"data_len", 0},
+                                {"sense", "700005000000000a0000000020000000" "0000"}};
+    EXPECT_EQ(a.journal, want);
+}
+
+TEST_F(Scsi, IoctlCtAndElsPassThrough) {
+    auto request = [](uint8_t command, Bytes bytes, uint32_t response_len) {
+        return IoctlRequest{command, 0, 0, 0, std::move(bytes), response_len};
+    };
+    const Bytes gid_ft = ct(CT_GID_FT, {0, 0, 0, 8});
+    IoctlAnswer a = ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_CT_PASSTHRU, gid_ft, 1024));
+    EXPECT_EQ(a.status, 0u);
+    EXPECT_EQ(a.response.size(), CT_HEADER_SIZE + 4 * 9);
+    a = ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_CT_PASSTHRU, gid_ft, 20));
+    EXPECT_EQ(a.status, 7u);  // the caller's buffer cuts the accept
+    EXPECT_EQ(a.response.size(), 20u);
+    EXPECT_EQ(ioctl_dispatch(*sim_, ports_, 2, request(EXT_CC_SEND_CT_PASSTHRU, gid_ft, 1024)).status, 14u)
+        << "a loop port reaches no name server";
+    EXPECT_EQ(ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_CT_PASSTHRU, Bytes(15, 1), 1024)).status, 6u);
+
+    EXT_ELS_PT_REQ head{};
+    const Bytes wwpn{0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0B};
+    std::memcpy(head.WWPN, wwpn.data(), 8);
+    Bytes els(reinterpret_cast<uint8_t*>(&head), reinterpret_cast<uint8_t*>(&head) + sizeof head);
+    EXPECT_EQ(ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_ELS_PASSTHRU, els, 64)).status, 6u)
+        << "an empty payload";
+    els.insert(els.end(), {ELS_ECHO, 0, 0, 0, 1, 2, 3, 4});
+    a = ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_ELS_PASSTHRU, els, 64));
+    EXPECT_EQ(a.status, 0u);
+    EXPECT_EQ(a.response, (Bytes{ELS_LS_ACC, 0, 0, 0, 1, 2, 3, 4}));
+    EXPECT_EQ(a.journal["els_response"], "LS_ACC");
+    els[8] = 0x77;  // nobody
+    EXPECT_EQ(ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_ELS_PASSTHRU, els, 64)).status, 9u);
+    head.ValidMask = EXT_DEF_ELS_VALID_PORTID;
+    head.Id[1] = 0x01;
+    head.Id[2] = 0x07;
+    std::memcpy(els.data(), &head, sizeof head);
+    a = ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_ELS_PASSTHRU, els, 64));
+    EXPECT_EQ(a.journal["dest"], "0x010700");
+}
+
+}  // namespace
