@@ -8,7 +8,12 @@
 #include <string>
 #include <vector>
 
+#include <linux/bsg.h>
+#include <scsi/sg.h>
+
+#include "endpoints.h"
 #include "fabric.h"
+#include "fc_bsg.h"
 #include "ioctl.h"
 #include "scsi_target.h"
 
@@ -421,6 +426,191 @@ TEST_F(Scsi, IoctlCtAndElsPassThrough) {
     std::memcpy(els.data(), &head, sizeof head);
     a = ioctl_dispatch(*sim_, ports_, 0, request(EXT_CC_SEND_ELS_PASSTHRU, els, 64));
     EXPECT_EQ(a.journal["dest"], "0x010700");
+}
+
+// ---- bsg and SCSI generic nodes ----
+
+struct BsgCase {
+    const char* what;
+    NodeKind kind;
+    const char* rport;
+    uint32_t host;
+    Bytes request;  // fc_bsg_request
+    Bytes payload;
+    long result;
+    uint32_t ctels_status;
+    Bytes reply;    // first bytes of the reply payload
+};
+
+Bytes msg(uint32_t code, Bytes rest) {
+    Bytes r(4);
+    std::memcpy(r.data(), &code, 4);
+    r.insert(r.end(), rest.begin(), rest.end());
+    return r;
+}
+
+TEST_F(Scsi, BsgCarriesCtAndElsAsTheTransportDoes) {
+    Bytes gid_ft = ct(CT_GID_FT, {0, 0, 0, 5});
+    // The library's CT header: the GS type one byte late, then 0xff 0xff.
+    const Bytes lib_ct = msg(FC_BSG_HST_CT, {0, 0xFC, 0xFF, 0xFF, 0, 0, 0, 1, 0, 0, 2, 0xFC, 0, 0, 1, 0x71});
+    const Bytes echo{ELS_ECHO, 0, 0, 0, 9, 8};
+    const Bytes rpt_els = msg(FC_BSG_RPT_ELS, {ELS_ECHO});
+    const BsgCase cases[] = {
+        {"name server through the host", NodeKind::BsgHost, "", 1, lib_ct, gid_ft, 0, 0, {0x01, 0, 0, 0, 0xFC, 0x02}},
+        {"a loop port has no name server", NodeKind::BsgHost, "", 3, lib_ct, gid_ft, -ENXIO, 0, {}},
+        {"CT to the name server's port", NodeKind::BsgRport, "rport-1:0-6", 1, msg(FC_BSG_RPT_CT, Bytes(12, 0)), gid_ft,
+         0, 0, {0x01, 0, 0, 0, 0xFC, 0x02, 0, 0, 0x80, 0x02}},
+        {"CT to a target", NodeKind::BsgRport, "rport-1:0-0", 1, msg(FC_BSG_RPT_CT, Bytes(12, 0)), gid_ft, 0, 0,
+         {0x01, 0, 0, 0, 0xFC, 0x02, 0, 0, 0x80, 0x01, 0, 0, 0, 0x0B}},
+        {"ECHO to a remote port", NodeKind::BsgRport, "rport-1:0-0", 1, rpt_els, echo, 0, 0, {ELS_LS_ACC, 0, 0, 0, 9, 8}},
+        {"an ELS it rejects", NodeKind::BsgRport, "rport-1:0-0", 1, msg(FC_BSG_RPT_ELS, {0x03}), {0x03, 0, 0, 0}, 0,
+         FC_CTELS_STATUS_REJECT, {ELS_LS_RJT, 0, 0, 0, 0, LS_RJT_NOT_SUPPORTED}},
+        {"a blocked port", NodeKind::BsgRport, "rport-1:0-5", 1, rpt_els, echo, -EIO, 0, {}},
+        {"ELS by port id", NodeKind::BsgHost, "", 1, msg(FC_BSG_HST_ELS_NOLOGIN, {ELS_ECHO, 0x01, 0x04, 0x00}), echo, 0,
+         0, {ELS_LS_ACC}},
+        {"ELS to an address nobody has", NodeKind::BsgHost, "", 1, msg(FC_BSG_HST_ELS_NOLOGIN, {ELS_ECHO, 9, 9, 9}),
+         echo, -ENXIO, 0, {}},
+        {"empty ELS payload", NodeKind::BsgRport, "rport-1:0-0", 1, rpt_els, {}, -EINVAL, 0, {}},
+        {"request too short", NodeKind::BsgRport, "rport-1:0-0", 1, msg(FC_BSG_RPT_ELS, {}), echo, -ENOMSG, 0, {}},
+        {"rport message on a host", NodeKind::BsgHost, "", 1, rpt_els, echo, -EBADR, 0, {}},
+        {"host message on an rport", NodeKind::BsgRport, "rport-1:0-0", 1, lib_ct, gid_ft, -EBADR, 0, {}},
+        {"vendor command", NodeKind::BsgHost, "", 1, msg(FC_BSG_HST_VENDOR, Bytes(16, 0)), {}, -ENOSYS, 0, {}},
+    };
+    for (const BsgCase& c : cases) {
+        SCOPED_TRACE(c.what);
+        Desc d;
+        d.kind = c.kind;
+        d.host = c.host;
+        d.rport = c.rport;
+        Bytes req = c.request, out = c.payload, in(64, 0xEE);
+        FcBsgReply reply{};
+        reply.result = 12345;
+        sg_io_v4 h{};
+        h.guard = 'Q';
+        h.subprotocol = BSG_SUB_PROTOCOL_SCSI_TRANSPORT;
+        h.request_len = static_cast<uint32_t>(req.size());
+        h.request = reinterpret_cast<uintptr_t>(req.data());
+        h.max_response_len = sizeof reply;
+        h.response = reinterpret_cast<uintptr_t>(&reply);
+        h.dout_xfer_len = static_cast<uint32_t>(out.size());
+        h.dout_xferp = reinterpret_cast<uintptr_t>(out.data());
+        h.din_xfer_len = static_cast<uint32_t>(in.size());
+        h.din_xferp = reinterpret_cast<uintptr_t>(in.data());
+        EXPECT_EQ(endpoint_bsg(*sim_, d, &h), c.result);
+        if (c.result < 0) {
+            // A job that failed reports its result word only; the header is not updated.
+            EXPECT_EQ(reply.result, c.result == -ENXIO || c.result == -EIO || c.result == -ENOSYS ? c.result : 12345);
+            EXPECT_EQ(h.response_len, 0u);
+            continue;
+        }
+        EXPECT_EQ(reply.result, 0);
+        EXPECT_EQ(reply.reply_data.ctels_reply.status, c.ctels_status);
+        EXPECT_EQ(h.response_len, sizeof reply);
+        EXPECT_EQ(h.din_resid, static_cast<int>(in.size() - reply.reply_payload_rcv_len));
+        EXPECT_EQ(Bytes(in.begin(), in.begin() + static_cast<long>(c.reply.size())), c.reply);
+    }
+    // SCSI commands are not for the FC nodes.
+    Desc d;
+    d.kind = NodeKind::BsgHost;
+    d.host = 1;
+    sg_io_v4 h{};
+    h.guard = 'Q';
+    EXPECT_EQ(endpoint_bsg(*sim_, d, &h), -EINVAL);
+}
+
+TEST_F(Scsi, BsgPayloadLargerThanTheReplyBufferIsCut) {
+    Desc d;
+    d.kind = NodeKind::BsgHost;
+    d.host = 1;
+    Bytes req = msg(FC_BSG_HST_CT, Bytes(16, 0)), out = ct(CT_GA_NXT, {0, 0, 0, 0}), in(100);
+    FcBsgReply reply{};
+    sg_io_v4 h{};
+    h.guard = 'Q';
+    h.subprotocol = BSG_SUB_PROTOCOL_SCSI_TRANSPORT;
+    h.request_len = static_cast<uint32_t>(req.size());
+    h.request = reinterpret_cast<uintptr_t>(req.data());
+    h.max_response_len = 12;  // a short reply buffer gets what fits
+    h.response = reinterpret_cast<uintptr_t>(&reply);
+    h.dout_xfer_len = static_cast<uint32_t>(out.size());
+    h.dout_xferp = reinterpret_cast<uintptr_t>(out.data());
+    h.din_xfer_len = static_cast<uint32_t>(in.size());
+    h.din_xferp = reinterpret_cast<uintptr_t>(in.data());
+    ASSERT_EQ(endpoint_bsg(*sim_, d, &h), 0);
+    EXPECT_EQ(reply.reply_payload_rcv_len, 100u);
+    EXPECT_EQ(h.din_resid, 0);
+    EXPECT_EQ(h.response_len, 12u);
+}
+
+TEST_F(Scsi, ScsiGenericAndDiskNodes) {
+    // sg numbers in scenario order: host 1's target 0 holds sg0-sg3 (LUNs 3, 0, 16640, 5), the blocked one sg8.
+    ASSERT_EQ(sim_->scsi().size(), 11u);
+    EXPECT_EQ(sim_->sg_device(3)->lun->lun, 5);
+    EXPECT_EQ(sim_->disk_device(3)->sg, 4u);  // the tape is no disk
+    EXPECT_EQ(sim_->sg_device(11), nullptr);
+    struct Case {
+        const char* what;
+        NodeKind kind;
+        uint32_t sg;
+        int interface_id;
+        Bytes cdb;
+        int direction;
+        uint8_t mx_sb_len;
+        long result;
+        uint8_t status;
+        uint16_t host_status, driver_status;
+        uint8_t sb_len_wr;
+        int resid;
+    };
+    const Bytes inquiry{0x12, 0, 0, 0, 255, 0}, readcap{0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const Case cases[] = {
+        {"inquiry", NodeKind::Sg, 0, 'S', inquiry, SG_DXFER_FROM_DEV, 32, 0, 0, 0, 0, 0, 255 - 96},
+        {"inquiry on a disk", NodeKind::Disk, 1, 'S', inquiry, SG_DXFER_FROM_DEV, 32, 0, 0, 0, 0, 0, 255 - 96},
+        {"check condition", NodeKind::Sg, 3, 'S', readcap, SG_DXFER_FROM_DEV, 32, 0, 2, 0, 0x08, 18, 255},
+        {"sense cut", NodeKind::Sg, 3, 'S', readcap, SG_DXFER_FROM_DEV, 8, 0, 2, 0, 0x08, 8, 255},
+        {"no room for sense", NodeKind::Sg, 3, 'S', readcap, SG_DXFER_FROM_DEV, 0, 0, 2, 0, 0, 0, 255},
+        {"busy", NodeKind::Sg, 6, 'S', inquiry, SG_DXFER_FROM_DEV, 32, 0, 0x08, 0, 0, 0, 255},
+        {"blocked port", NodeKind::Sg, 8, 'S', inquiry, SG_DXFER_FROM_DEV, 32, 0, 0, 1, 0, 0, 255},
+        {"no data wanted", NodeKind::Sg, 0, 'S', inquiry, SG_DXFER_NONE, 32, 0, 0, 0, 0, 0, 0},
+        {"short CDB on sg", NodeKind::Sg, 0, 'S', {0, 0, 0, 0, 0}, SG_DXFER_NONE, 32, -EMSGSIZE, 0, 0, 0, 0, 0},
+        {"short CDB on a disk", NodeKind::Disk, 0, 'S', {0, 0, 0, 0, 0}, SG_DXFER_NONE, 32, 0, 0, 0, 0, 0, 0},
+        {"17-byte CDB", NodeKind::Disk, 0, 'S', Bytes(17, 0), SG_DXFER_NONE, 32, -EINVAL, 0, 0, 0, 0, 0},
+        {"v4 header on sg", NodeKind::Sg, 0, 'Q', inquiry, SG_DXFER_FROM_DEV, 32, -ENOSYS, 0, 0, 0, 0, 0},
+        {"v4 header on a disk", NodeKind::Disk, 0, 'Q', inquiry, SG_DXFER_FROM_DEV, 32, -EINVAL, 0, 0, 0, 0, 0},
+        {"bad direction", NodeKind::Sg, 0, 'S', inquiry, -7, 32, -EINVAL, 0, 0, 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Desc d;
+        d.kind = c.kind;
+        d.scsi = c.kind == NodeKind::Disk ? sim_->disk_device(c.sg)->sg : c.sg;
+        Bytes data(255, 0xEE), sense(40, 0xEE), cdb = c.cdb;
+        sg_io_hdr_t h{};
+        h.interface_id = c.interface_id;
+        h.dxfer_direction = c.direction;
+        h.cmd_len = static_cast<uint8_t>(cdb.size());
+        h.cmdp = cdb.data();
+        h.dxfer_len = static_cast<unsigned>(data.size());
+        h.dxferp = data.data();
+        h.mx_sb_len = c.mx_sb_len;
+        h.sbp = sense.data();
+        EXPECT_EQ(endpoint_sg(*sim_, d, SG_IO, &h), c.result);
+        if (c.result)
+            continue;
+        EXPECT_EQ(h.status, c.status);
+        EXPECT_EQ(h.masked_status, c.status >> 1);
+        EXPECT_EQ(h.host_status, c.host_status);
+        EXPECT_EQ(h.driver_status, c.driver_status);
+        EXPECT_EQ(h.sb_len_wr, c.sb_len_wr);
+        EXPECT_EQ(h.resid, c.resid);
+        EXPECT_EQ(h.info & SG_INFO_CHECK, (c.status || c.host_status || c.driver_status) ? 1u : 0u);
+        EXPECT_EQ(sense[c.sb_len_wr], 0xEE) << "nothing past the sense written";
+        EXPECT_EQ(sense[0], c.sb_len_wr ? 0x70 : 0xEE);
+    }
+    Desc d;
+    d.kind = NodeKind::Sg;
+    int version = 0;
+    EXPECT_EQ(endpoint_sg(*sim_, d, SG_GET_VERSION_NUM, &version), 0);
+    EXPECT_EQ(version, 30536);
 }
 
 }  // namespace
