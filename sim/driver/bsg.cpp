@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "bigendian.h"
 #include "endpoints.h"
 #include "fabric.h"
 #include "fc_bsg.h"
@@ -22,7 +23,7 @@ constexpr size_t MAX_PAYLOAD = 1u << 20;
 
 void* user_ptr(uint64_t adr) { return reinterpret_cast<void*>(static_cast<uintptr_t>(adr)); }
 
-uint32_t port_id_of(const uint8_t (&id)[3]) { return (uint32_t(id[0]) << 16) | (uint32_t(id[1]) << 8) | id[2]; }
+uint32_t port_id_of(const uint8_t (&id)[3]) { return static_cast<uint32_t>(get_be(id, 3)); }
 
 // One job as the driver sees it, and what it gives back.
 struct Job {

@@ -5,21 +5,11 @@
 #include <cstring>
 #include <map>
 
+#include "bigendian.h"
+
 namespace vxsim::drv {
 
 namespace {
-
-void put_be(uint8_t* p, uint64_t v, size_t n) {
-    for (size_t i = 0; i < n; ++i)
-        p[i] = static_cast<uint8_t>(v >> (8 * (n - 1 - i)));
-}
-
-uint64_t be(const uint8_t* p, size_t n) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < n; ++i)
-        v = (v << 8) | p[i];
-    return v;
-}
 
 constexpr uint32_t WELL_KNOWN_FIRST = 0xFFF000;
 constexpr uint8_t FC4_FCP = 0x08;
@@ -45,11 +35,11 @@ bool has_type(const NsEntry& e, uint8_t type) {
 class Ct {
 public:
     Ct(const uint8_t* req, size_t len) : req_(req), len_(len) {
-        answer_.command = static_cast<uint16_t>(be(req + 8, 2));
-        max_words_ = static_cast<uint16_t>(be(req + 10, 2));
+        answer_.command = static_cast<uint16_t>(get_be(req + 8, 2));
+        max_words_ = static_cast<uint16_t>(get_be(req + 10, 2));
     }
 
-    uint32_t port_id_arg() const { return static_cast<uint32_t>(be(req_ + CT_HEADER_SIZE + 1, 3)); }
+    uint32_t port_id_arg() const { return static_cast<uint32_t>(get_be(req_ + CT_HEADER_SIZE + 1, 3)); }
     bool has_args(size_t n) const { return len_ >= CT_HEADER_SIZE + n; }
     const uint8_t* args() const { return req_ + CT_HEADER_SIZE; }
 
@@ -221,7 +211,7 @@ CtAnswer name_server(const std::vector<NsEntry>& db, const uint8_t* req, size_t 
     case CT_GID_PN: {
         if (!ct.has_args(8))
             return ct.reject(CT_REASON_INVALID_IU_SIZE, CT_EXPL_NONE);
-        const uint64_t wwpn = be(ct.args(), 8);
+        const uint64_t wwpn = get_be(ct.args(), 8);
         for (const NsEntry& e : db)
             if (e.wwpn == wwpn) {
                 std::vector<uint8_t> p(4, 0);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "bigendian.h"
 #include "fabric.h"
 #include "ioctl.h"
 #include "scsi_target.h"
@@ -14,14 +15,10 @@ namespace vxsim::drv {
 
 namespace {
 
-uint64_t wwn_of(const uint8_t* p) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < 8; ++i)
-        v = (v << 8) | p[i];
-    return v;
-}
+uint64_t wwn_of(const uint8_t* p) { return get_be(p, 8); }
 
-uint32_t port_id_of(const uint8_t* id) { return (uint32_t(id[1]) << 16) | (uint32_t(id[2]) << 8) | id[3]; }
+// Id: byte 0 unused, bytes 1-3 the address.
+uint32_t port_id_of(const uint8_t* id) { return static_cast<uint32_t>(get_be(id + 1, 3)); }
 
 // The record's fields from offset 16 on, identical in both forms.
 struct PassthruBody {

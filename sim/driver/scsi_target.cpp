@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "bigendian.h"
 #include "exioct.h"
 
 namespace vxsim::drv {
@@ -24,17 +25,7 @@ constexpr uint8_t PERIPHERAL_DISK = 0x00;
 constexpr uint8_t NO_LUN = 0x7F;  // qualifier 011b, type 1Fh: no logical unit here
 constexpr uint32_t VX_OUI = 0x001D5A;
 
-void put_be(uint8_t* p, uint64_t v, size_t n) {
-    for (size_t i = 0; i < n; ++i)
-        p[i] = static_cast<uint8_t>(v >> (8 * (n - 1 - i)));
-}
-
-uint32_t be(const uint8_t* p, size_t n) {
-    uint32_t v = 0;
-    for (size_t i = 0; i < n; ++i)
-        v = (v << 8) | p[i];
-    return v;
-}
+uint32_t be(const uint8_t* p, size_t n) { return static_cast<uint32_t>(get_be(p, n)); }
 
 // Blank-padded ASCII field, as INQUIRY carries texts.
 void put_text(uint8_t* p, const std::string& s, size_t n) {
