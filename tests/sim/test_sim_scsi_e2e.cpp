@@ -104,13 +104,9 @@ SIM_TEST(SimScsi, LunNodesAnswerSgIo, "default.json") {
 
     std::vector<nlohmann::json> sg = journal("sg");
     ASSERT_EQ(sg.size(), 3u);
-    nlohmann::json first = sg[0];
-    for (const char* k : {"seq", "pid", "ep", "dxfer_len", "mx_sb_len", "duration", "interface_id", "dxfer_direction"})
-        first.erase(k);
-    EXPECT_EQ(first, (nlohmann::json{{"node", "disk"}, {"name", disk}, {"host", 2}, {"channel", 0}, {"target", 0},
-                                     {"lun", 16640}, {"cmd_len", 6}, {"cdb", "120000006000"}, {"status", 0},
-                                     {"host_status", 0}, {"driver_status", 0}, {"data_len", 96}, {"resid", 0},
-                                     {"result", 0}}));
+    EXPECT_EQ(std::vector<nlohmann::json>({sg[0]["node"], sg[0]["name"], sg[0]["host"], sg[0]["lun"], sg[0]["cdb"],
+                                           sg[0]["status"], sg[0]["data_len"]}),
+              std::vector<nlohmann::json>({"disk", disk, 2, 16640, "120000006000", 0, 96}));
     EXPECT_EQ(sg[1]["sense"], "700005000000000a000000002000000000" "00");
     EXPECT_EQ(sg[2]["errno"], "EBUSY");
 }
