@@ -85,7 +85,8 @@ void run(IoctlAnswer& ans, Rec& rec, const RemotePort* target, uint16_t lun, con
         ans.status = EXT_STATUS_DATA_OVERRUN;  // the target had more than the buffer holds
     }
     const uint16_t sense = static_cast<uint16_t>(std::min<size_t>(out.sense.size(), b.sense_room));
-    std::memcpy(rec.SenseData, out.sense.data(), sense);
+    if (sense)
+        std::memcpy(rec.SenseData, out.sense.data(), sense);
     rec.SenseLength = sense;
     if (sense)
         j["sense"] = hex_bytes(out.sense.data(), sense);

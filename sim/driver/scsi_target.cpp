@@ -187,7 +187,8 @@ std::string lun_serial(const RemotePort& target, const Lun& lun) {
 
 ScsiOutcome scsi_execute(const RemotePort& target, const Lun* lun, const uint8_t* cdb_in, size_t cdb_len) {
     uint8_t cdb[16] = {};
-    std::memcpy(cdb, cdb_in, std::min(cdb_len, sizeof cdb));
+    if (cdb_len)
+        std::memcpy(cdb, cdb_in, std::min(cdb_len, sizeof cdb));
     const uint8_t op = cdb[0];
 
     switch (target.target_kind) {

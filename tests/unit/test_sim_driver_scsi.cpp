@@ -258,7 +258,8 @@ template <class Rec>
 void command(Rec& rec, Bytes cdb, uint8_t direction, uint16_t sense_room) {
     rec.Direction = direction;
     rec.CdbLength = static_cast<uint8_t>(cdb.size());
-    std::memcpy(rec.Cdb, cdb.data(), std::min<size_t>(cdb.size(), sizeof rec.Cdb));
+    if (!cdb.empty())
+        std::memcpy(rec.Cdb, cdb.data(), std::min<size_t>(cdb.size(), sizeof rec.Cdb));
     rec.SenseLength = sense_room;
 }
 
