@@ -216,17 +216,15 @@ long request(const Sim& sim, Desc& d, void* hdr, JournalFields& f) {
         job.reply.result = static_cast<int32_t>(job.result);
         job.reply_len = sizeof job.reply.result;
     }
+    const size_t n = job.result < 0 ? 0 : std::min<size_t>(job.din.size(), h.din_xfer_len);
+    job.reply.reply_payload_rcv_len = static_cast<uint32_t>(n);
     const size_t rlen = std::min<size_t>(job.reply_len, h.max_response_len);
     if (rlen && copy_to_user(user_ptr(h.response), &job.reply, rlen) < 0)
         return -EFAULT;
     if (job.result < 0)
         return job.result;
-    const size_t n = std::min<size_t>(job.din.size(), h.din_xfer_len);
     f["reply_len"] = job.din.size();
     if (n && copy_to_user(user_ptr(h.din_xferp), job.din.data(), n) < 0)
-        return -EFAULT;
-    job.reply.reply_payload_rcv_len = static_cast<uint32_t>(n);
-    if (rlen && copy_to_user(user_ptr(h.response), &job.reply, rlen) < 0)
         return -EFAULT;
     h.response_len = static_cast<uint32_t>(rlen);
     h.din_resid = static_cast<int32_t>(h.din_xfer_len - n);
