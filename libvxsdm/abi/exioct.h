@@ -153,6 +153,17 @@ enum : uint16_t {
     EXT_SC_QUERY_CNA_PORT = 9,
 };
 
+// Sub-codes of EXT_CC_SEND_SCSI_PASSTHRU: the record names the LUN by
+// bus/target/LUN (EXT_SCSI_PASSTHRU) or by an FC address (EXT_FC_SCSI_PASSTHRU).
+enum : uint16_t {
+    EXT_SC_SEND_SCSI_PASSTHRU = 0,
+    EXT_SC_SEND_FC_SCSI_PASSTHRU = 1,
+};
+
+// EXT_CC_SEND_CT_PASSTHRU and EXT_CC_SEND_ELS_PASSTHRU have one form each.
+inline constexpr uint16_t EXT_SC_SEND_CT_PASSTHRU = 0;
+inline constexpr uint16_t EXT_SC_SEND_ELS_PASSTHRU = 0;
+
 // Sub-codes of EXT_CC_GET_DATA used so far.
 enum : uint16_t {
     EXT_SC_GET_TGT_LUN_DATA_LIST = 10,
@@ -445,6 +456,129 @@ struct EXT_DEVICEDATA {
 };
 inline constexpr size_t EXT_DEVICEDATA_HEADER = offsetof(EXT_DEVICEDATA, EntryList);
 static_assert(EXT_DEVICEDATA_HEADER == 8);
+
+// ---- Pass-through ----
+
+inline constexpr size_t EXT_MAX_CDB_LEN = 16;
+inline constexpr size_t EXT_MAX_SENSE_LEN = 256;
+
+// Direction of a SCSI pass-through's data, seen from the host.
+enum : uint8_t {
+    EXT_DEF_SCSI_DIR_NONE = 0,
+    EXT_DEF_SCSI_DIR_IN = 1,   // device to host: the response buffer receives the data
+    EXT_DEF_SCSI_DIR_OUT = 2,  // host to device: the response buffer holds the data
+};
+
+// SCSI status bytes; a pass-through that ends in one other than GOOD comes
+// back with driver status EXT_STATUS_SCSI_STATUS and the byte in the low
+// byte of DetailStatus.
+enum : uint8_t {
+    EXT_SCSI_STATUS_GOOD = 0x00,
+    EXT_SCSI_STATUS_CHECK_CONDITION = 0x02,
+    EXT_SCSI_STATUS_CONDITION_MET = 0x04,
+    EXT_SCSI_STATUS_BUSY = 0x08,
+    EXT_SCSI_STATUS_INTERMEDIATE = 0x10,
+    EXT_SCSI_STATUS_INTERMEDIATE_COND_MET = 0x14,
+    EXT_SCSI_STATUS_RESERVATION_CONFLICT = 0x18,
+    EXT_SCSI_STATUS_COMMAND_TERMINATED = 0x22,
+    EXT_SCSI_STATUS_TASK_SET_FULL = 0x28,
+};
+
+// SCSI pass-through by bus/target/LUN. The driver writes SenseLength and
+// SenseData back into the caller's record.
+struct EXT_SCSI_PASSTHRU {
+    EXT_SCSI_ADDR TargetAddr;
+    uint8_t Direction;   // EXT_DEF_SCSI_DIR_
+    uint8_t CdbLength;   // 1-16
+    uint8_t Cdb[EXT_MAX_CDB_LEN];
+    uint32_t Timeout;    // seconds; 0: the driver's default
+    uint32_t Reserved[13];
+    uint16_t Reserved2;
+    uint16_t SenseLength;  // in: room in SenseData; out: sense bytes returned
+    uint8_t SenseData[EXT_MAX_SENSE_LEN];
+};
+static_assert(sizeof(EXT_SCSI_PASSTHRU) == 352);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, Direction) == 16);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, CdbLength) == 17);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, Cdb) == 18);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, Timeout) == 36);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, Reserved) == 40);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, Reserved2) == 92);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, SenseLength) == 94);
+static_assert(offsetof(EXT_SCSI_PASSTHRU, SenseData) == 96);
+
+// What DestAddr holds, by DestType.
+enum : uint16_t {
+    EXT_DEF_DESTTYPE_WWNN = 1,
+    EXT_DEF_DESTTYPE_WWPN = 2,
+    EXT_DEF_DESTTYPE_PORTID = 3,  // Id: byte 0 unused, bytes 1-3 the FC address
+};
+
+struct EXT_DEST_ADDR {
+    union {
+        uint8_t WWNN[8];
+        uint8_t WWPN[8];
+        uint8_t Id[4];
+    } DestAddr;
+    uint16_t DestType;  // EXT_DEF_DESTTYPE_
+    uint16_t Lun;
+    uint16_t Padding[2];
+};
+static_assert(sizeof(EXT_DEST_ADDR) == 16);
+static_assert(offsetof(EXT_DEST_ADDR, DestType) == 8);
+static_assert(offsetof(EXT_DEST_ADDR, Lun) == 10);
+static_assert(offsetof(EXT_DEST_ADDR, Padding) == 12);
+
+// The same by FC address; identical from offset 16 on.
+struct EXT_FC_SCSI_PASSTHRU {
+    EXT_DEST_ADDR FCScsiAddr;
+    uint8_t Direction;   // EXT_DEF_SCSI_DIR_
+    uint8_t CdbLength;   // 1-16
+    uint8_t Cdb[EXT_MAX_CDB_LEN];
+    uint32_t Timeout;    // seconds; 0: the driver's default
+    uint32_t Reserved[13];
+    uint16_t Reserved2;
+    uint16_t SenseLength;  // in: room in SenseData; out: sense bytes returned
+    uint8_t SenseData[EXT_MAX_SENSE_LEN];
+};
+static_assert(sizeof(EXT_FC_SCSI_PASSTHRU) == 352);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, Direction) == 16);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, CdbLength) == 17);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, Cdb) == 18);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, Timeout) == 36);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, Reserved) == 40);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, Reserved2) == 92);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, SenseLength) == 94);
+static_assert(offsetof(EXT_FC_SCSI_PASSTHRU, SenseData) == 96);
+
+// The 32-byte head of an ELS pass-through request: the destination port.
+// The ELS frame's payload follows it, starting with the command byte; the
+// extended-ioctl channel hands the driver head and payload together, the
+// bsg channel sends the payload alone to the remote port's node.
+struct EXT_ELS_PT_REQ {
+    uint8_t WWNN[8];
+    uint8_t WWPN[8];    // the destination
+    uint8_t Id[4];      // its FC address: byte 0 unused, bytes 1-3
+    uint16_t ValidMask; // EXT_DEF_ELS_VALID_: which of the three names it
+    uint16_t Lid;       // loop id; not used
+    uint16_t Rxid;
+    uint16_t Flags;
+    uint32_t Reserved;
+};
+static_assert(sizeof(EXT_ELS_PT_REQ) == 32);
+static_assert(offsetof(EXT_ELS_PT_REQ, WWPN) == 8);
+static_assert(offsetof(EXT_ELS_PT_REQ, Id) == 16);
+static_assert(offsetof(EXT_ELS_PT_REQ, ValidMask) == 20);
+static_assert(offsetof(EXT_ELS_PT_REQ, Lid) == 22);
+static_assert(offsetof(EXT_ELS_PT_REQ, Rxid) == 24);
+static_assert(offsetof(EXT_ELS_PT_REQ, Flags) == 26);
+static_assert(offsetof(EXT_ELS_PT_REQ, Reserved) == 28);
+
+enum : uint16_t {
+    EXT_DEF_ELS_VALID_WWNN = 0x1,
+    EXT_DEF_ELS_VALID_WWPN = 0x2,
+    EXT_DEF_ELS_VALID_PORTID = 0x4,
+};
 
 // ---- Asynchronous events ----
 

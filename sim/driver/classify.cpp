@@ -8,9 +8,11 @@
 namespace vxsim::drv {
 
 bool is_reserved_major(unsigned major) {
-    return major == root::MAJOR_IOCTL || major == root::MAJOR_CONTROL ||
+    return major == root::MAJOR_IOCTL || major == root::MAJOR_CONTROL || major == root::MAJOR_SG ||
            (major >= root::MAJOR_BSG_FIRST && major <= root::MAJOR_BSG_LAST);
 }
+
+bool is_reserved_block_major(unsigned major) { return major == root::MAJOR_DISK; }
 
 std::optional<AttrKind> attr_kind(std::string_view name) {
     if (name == "optrom_ctl")

@@ -14,6 +14,8 @@ namespace vxsim::drv {
 
 // True for the character-device majors the simulator owns.
 bool is_reserved_major(unsigned major);
+// The same for block devices (the LUNs' disks).
+bool is_reserved_block_major(unsigned major);
 
 // The attribute kind for a file name, when it is one of the four.
 std::optional<AttrKind> attr_kind(std::string_view name);

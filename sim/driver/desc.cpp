@@ -19,6 +19,8 @@ const char* node_kind_name(NodeKind k) {
     case NodeKind::BsgRport: return "bsg_rport";
     case NodeKind::Attr: return "attr";
     case NodeKind::Netlink: return "netlink";
+    case NodeKind::Sg: return "sg";
+    case NodeKind::Disk: return "disk";
     }
     return "?";
 }

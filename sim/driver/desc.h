@@ -20,6 +20,8 @@ enum class NodeKind {
     BsgRport,  // rport-H:B-R bsg node
     Attr,      // optrom_ctl, optrom, nvram, vpd under /sys/.../host<N>/
     Netlink,   // AF_NETLINK protocol 20 (vendor) or 18 (SCSI transport)
+    Sg,        // a LUN's SCSI generic node /dev/sg<N>
+    Disk,      // a disk LUN's block node /dev/sd<x>
 };
 
 enum class AttrKind { OptromCtl, Optrom, Nvram, Vpd };
@@ -43,6 +45,7 @@ struct Desc {
     std::string driver;   // Legacy: the driver name in the path
     uint32_t host = 0;    // BsgHost, BsgRport, Attr: SCSI host number
     std::string rport;    // BsgRport: "rport-H:B-R"
+    uint32_t scsi = 0;    // Sg, Disk: index into Sim::scsi()
     AttrKind attr = AttrKind::Optrom;
     std::string path;     // Attr: the resolved attribute path
     int protocol = 0;     // Netlink

@@ -30,6 +30,10 @@ long endpoint_ioctl(const Sim& sim, Desc& d, unsigned long request, void* arg);
 // SG_IO with an sg_io_v4 header on a bsg node (bsg.cpp).
 long endpoint_bsg(const Sim& sim, Desc& d, void* hdr);
 
+// SG_IO with an sg_io_hdr on a LUN's SCSI generic or disk node, and the
+// version query SCSI tools make first (sg.cpp).
+long endpoint_sg(const Sim& sim, Desc& d, unsigned long request, void* arg);
+
 // Netlink sockets of protocols 20 and 18 (netlink.cpp). Replies and events
 // for the caller are datagrams written to d.peer; recv reads them from `fd`,
 // the number the caller used (dup'ed numbers share one Desc).

@@ -318,14 +318,31 @@ std::optional<int> emulated_open(int dirfd, const char* path, int flags) {
     }
 
     struct stat st {};
-    if (::fstatat(dirfd, path, &st, (flags & O_NOFOLLOW) ? AT_SYMLINK_NOFOLLOW : 0) != 0 || !S_ISCHR(st.st_mode) ||
-        !is_reserved_major(major(st.st_rdev)))
+    if (::fstatat(dirfd, path, &st, (flags & O_NOFOLLOW) ? AT_SYMLINK_NOFOLLOW : 0) != 0)
+        return std::nullopt;
+    const bool block = S_ISBLK(st.st_mode) && is_reserved_block_major(major(st.st_rdev));
+    if (!block && !(S_ISCHR(st.st_mode) && is_reserved_major(major(st.st_rdev))))
         return std::nullopt;
     const Sim* sim = Sim::get();
     if (!sim)
         return std::nullopt;
     if (!sim->ok())
         return -EIO;
+    if (block || major(st.st_rdev) == root::MAJOR_SG) {
+        // A LUN's disk or SCSI generic node.
+        const ScsiDevice* sd = block ? sim->disk_device(minor(st.st_rdev)) : sim->sg_device(minor(st.st_rdev));
+        if (!sd)
+            return -ENXIO;
+        auto d = std::make_shared<Desc>();
+        d->kind = block ? NodeKind::Disk : NodeKind::Sg;
+        d->major = major(st.st_rdev);
+        d->minor = minor(st.st_rdev);
+        d->host = sd->host->host_no;
+        d->scsi = sd->sg;
+        d->open_flags = flags;
+        long fd = sys_ret(::syscall(SYS_openat, dirfd, path, O_PATH | O_CLOEXEC | (flags & O_NOFOLLOW)));
+        return fd < 0 ? static_cast<int>(fd) : adopt(std::move(d), static_cast<int>(fd));
+    }
     std::optional<DeviceEntry> dev = sim->device(major(st.st_rdev), minor(st.st_rdev));
     if (!dev)
         return -ENXIO;  // no driver behind this number, as the kernel says
@@ -777,6 +794,8 @@ VX_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
                 case NodeKind::BsgHost:
                 case NodeKind::BsgRport:
                     return request == SG_IO ? endpoint_bsg(*u.sim, *u.d, arg) : -ENOTTY;
+                case NodeKind::Sg:
+                case NodeKind::Disk: return endpoint_sg(*u.sim, *u.d, request, arg);
                 default: return -ENOTTY;
                 }
             })));

@@ -31,17 +31,6 @@ const char* record_label(const uint8_t* raw, size_t n) {
     return "unknown";
 }
 
-std::string hex_bytes(const uint8_t* p, size_t n) {
-    static constexpr char DIGITS[] = "0123456789abcdef";
-    std::string s;
-    s.reserve(n * 2);
-    for (size_t i = 0; i < n; ++i) {
-        s += DIGITS[p[i] >> 4];
-        s += DIGITS[p[i] & 0xF];
-    }
-    return s;
-}
-
 // The fields of either generation, and the way back into its bytes.
 struct Frame {
     bool valid = false;  // signature and version of the node's generation
@@ -64,11 +53,11 @@ Frame read_frame(const uint8_t* raw, bool newer) {
     return fields(r, std::memcmp(r.Signature, EXT_SIGNATURE, 4) == 0 && r.Version == EXT_VERSION_O);
 }
 
-void write_frame(uint8_t* raw, bool newer, uint32_t status, uint16_t instance, uint16_t hba_select) {
+void write_frame(uint8_t* raw, bool newer, uint32_t status, uint32_t detail, uint16_t instance, uint16_t hba_select) {
     auto put = [&](auto& rec) {
         std::memcpy(&rec, raw, sizeof rec);
         rec.Status = status;
-        rec.DetailStatus = 0;
+        rec.DetailStatus = detail;
         rec.Instance = instance;
         rec.HbaSelect = hba_select;
         std::memcpy(raw, &rec, sizeof rec);
@@ -171,6 +160,10 @@ size_t ioctl_request_bytes(uint8_t command, uint16_t subcode) {
         return 8;
     if (command == EXT_CC_GET_LUN_DATA)
         return sizeof(FO_LUN_DATA_INPUT);
+    if (command == EXT_CC_SEND_SCSI_PASSTHRU)
+        return sizeof(EXT_SCSI_PASSTHRU);
+    if (command == EXT_CC_SEND_CT_PASSTHRU || command == EXT_CC_SEND_ELS_PASSTHRU)
+        return PASSTHRU_REQUEST_MAX;
     return 0;
 }
 
@@ -197,7 +190,10 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
     case EXT_CC_DRIVER_SPECIFICS:
     case EXT_CC_GET_LUN_DATA:
     case EXT_CC_WWPN_TO_SCSIADDR:
-    case EXT_CC_GET_VPD: break;
+    case EXT_CC_GET_VPD:
+    case EXT_CC_SEND_SCSI_PASSTHRU:
+    case EXT_CC_SEND_CT_PASSTHRU:
+    case EXT_CC_SEND_ELS_PASSTHRU: break;
     default: ans.status = EXT_STATUS_INVALID_REQUEST; return ans;
     }
 
@@ -233,6 +229,9 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
             ans.status = EXT_STATUS_DEV_NOT_FOUND;
         break;
     }
+    case EXT_CC_SEND_SCSI_PASSTHRU: ioctl_scsi_passthru(ans, p, req); break;
+    case EXT_CC_SEND_CT_PASSTHRU: ioctl_ct_passthru(sim, ans, p, req); break;
+    case EXT_CC_SEND_ELS_PASSTHRU: ioctl_els_passthru(ans, p, req); break;
     case EXT_CC_GET_VPD: {
         std::vector<uint8_t> vpd = vpd_bytes(sim, p);
         if (vpd.empty()) {
@@ -259,6 +258,9 @@ std::string ioctl_command_name(uint8_t command) {
     case EXT_CC_GET_LUN_DATA: return "EXT_CC_GET_LUN_DATA";
     case EXT_CC_DRIVER_SPECIFICS: return "EXT_CC_DRIVER_SPECIFICS";
     case EXT_CC_WWPN_TO_SCSIADDR: return "EXT_CC_WWPN_TO_SCSIADDR";
+    case EXT_CC_SEND_SCSI_PASSTHRU: return "EXT_CC_SEND_SCSI_PASSTHRU";
+    case EXT_CC_SEND_CT_PASSTHRU: return "EXT_CC_SEND_CT_PASSTHRU";
+    case EXT_CC_SEND_ELS_PASSTHRU: return "EXT_CC_SEND_ELS_PASSTHRU";
     case EXT_CC_SET_INSTANCE: return "EXT_CC_SET_INSTANCE";
     case EXT_CC_GET_HBA_CNT: return "EXT_CC_GET_HBA_CNT";
     default: {
@@ -330,6 +332,8 @@ long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields&
             const uint32_t st = fault->status;
             if (st != EXT_STATUS_OK && st != EXT_STATUS_DATA_OVERRUN && st != EXT_STATUS_DATA_UNDERRUN) {
                 ans.response.clear();
+                ans.request_back.clear();
+                ans.detail = 0;
                 ans.select.reset();
                 ans.instance = fr.instance;
                 ans.hba_select = fr.hba_select;
@@ -338,15 +342,23 @@ long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields&
         } else if (fault && fault->kind == FaultKind::Short) {
             ans.response.resize((ans.response.size() + 1) / 2);
         }
+        for (const auto& [key, value] : ans.journal.items())
+            f[key] = value;
         if (!ans.response.empty() &&
             copy_to_user(user_ptr(fr.response_adr), ans.response.data(), ans.response.size()) < 0)
+            return -EFAULT;
+        // Pass-through: the record goes back with the sense the target gave.
+        const size_t back = std::min<size_t>(ans.request_back.size(), fr.request_len);
+        if (back && copy_to_user(user_ptr(fr.request_adr), ans.request_back.data(), back) < 0)
             return -EFAULT;
         if (ans.select)
             d.selected = *ans.select;
     }
     f["status"] = ans.status;
+    if (ans.detail)
+        f["detail_status"] = ans.detail;
     f["response_bytes"] = ans.response.size();
-    write_frame(raw, newer, ans.status, ans.instance, ans.hba_select);
+    write_frame(raw, newer, ans.status, ans.detail, ans.instance, ans.hba_select);
     if (copy_to_user(arg, raw, size) < 0)
         return -EFAULT;
     return 0;

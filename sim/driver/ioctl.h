@@ -94,15 +94,33 @@ struct IoctlRequest {
 
 struct IoctlAnswer {
     uint32_t status = EXT_STATUS_OK;
+    uint32_t detail = 0;             // DetailStatus: the SCSI status byte of a pass-through
     uint16_t instance = 0;           // Instance as returned
     uint16_t hba_select = 0;         // HbaSelect as returned
     std::vector<uint8_t> response;   // bytes for the response buffer (at most response_len)
+    std::vector<uint8_t> request_back;  // bytes written back over the request buffer (the pass-through record)
+    JournalFields journal = JournalFields::object();  // the command's own fields for the journal line
     std::optional<int32_t> select;   // EXT_CC_SET_INSTANCE: the instance the descriptor now has
     std::optional<uint32_t> port;    // the driver instance the answer is about
 };
 
-// Request-buffer bytes the command reads (0: none).
+// Request-buffer bytes the command reads (0: none); at most that many of
+// RequestLen are read.
 size_t ioctl_request_bytes(uint8_t command, uint16_t subcode);
+
+// The largest CT or ELS request the driver takes.
+inline constexpr size_t PASSTHRU_REQUEST_MAX = 65536;
+
+// ---- Pass-through (ioctl_passthru.cpp) ----
+
+// EXT_CC_SEND_SCSI_PASSTHRU: the 352-byte record in the request buffer names
+// the LUN (sub-code 0 by bus/target/LUN, 1 by FC name or address); data-in
+// goes to the response buffer, sense back into the record.
+void ioctl_scsi_passthru(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req);
+// EXT_CC_SEND_CT_PASSTHRU: a CT_IU to the fabric's name server.
+void ioctl_ct_passthru(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req);
+// EXT_CC_SEND_ELS_PASSTHRU: EXT_ELS_PT_REQ and the ELS payload to a remote port.
+void ioctl_els_passthru(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req);
 
 // Answers one request on a descriptor that has `selected` chosen (-1: none;
 // the request's HbaSelect then names the instance).

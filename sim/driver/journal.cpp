@@ -64,6 +64,9 @@ std::string errno_name(int err) {
     case ENOSYS: return "ENOSYS";
     case EOPNOTSUPP: return "EOPNOTSUPP";
     case ETIMEDOUT: return "ETIMEDOUT";
+    case EMSGSIZE: return "EMSGSIZE";
+    case ENOMSG: return "ENOMSG";
+    case EBADR: return "EBADR";
     default: return std::to_string(err);
     }
 }
@@ -79,6 +82,23 @@ std::string hex32(uint32_t v) {
     char buf[16];
     std::snprintf(buf, sizeof buf, "0x%08x", v);
     return buf;
+}
+
+std::string hex_digits(uint64_t v, int digits) {
+    char buf[24];
+    std::snprintf(buf, sizeof buf, "0x%0*llx", digits, static_cast<unsigned long long>(v));
+    return buf;
+}
+
+std::string hex_bytes(const uint8_t* p, size_t n) {
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    std::string s;
+    s.reserve(n * 2);
+    for (size_t i = 0; i < n; ++i) {
+        s += DIGITS[p[i] >> 4];
+        s += DIGITS[p[i] & 0xF];
+    }
+    return s;
 }
 
 }  // namespace vxsim::drv

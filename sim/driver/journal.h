@@ -32,5 +32,10 @@ void journal_result(JournalFields& fields, long result);
 
 // Request numbers and similar codes as "0xc0747900".
 std::string hex32(uint32_t v);
+// "0x" and `digits` lower-case hexadecimal digits: hex_digits(0x171, 4) is "0x0171".
+std::string hex_digits(uint64_t v, int digits);
+
+// Bytes as lower-case hexadecimal without separators ("12000000ff00").
+std::string hex_bytes(const uint8_t* p, size_t n);
 
 }  // namespace vxsim::drv

@@ -43,7 +43,23 @@ bool parse_devices(const std::string& json_text, std::map<std::pair<unsigned, un
 }
 
 Sim::Sim(std::string root, Scenario scenario, std::map<std::pair<unsigned, unsigned>, DeviceEntry> devices)
-    : ok_(true), root_(std::move(root)), scenario_(std::move(scenario)), devices_(std::move(devices)) {}
+    : ok_(true), root_(std::move(root)), scenario_(std::move(scenario)), devices_(std::move(devices)) {
+    index_scsi();
+}
+
+void Sim::index_scsi() {
+    scsi_ = scsi_devices(scenario_);
+    disks_.clear();
+    for (const ScsiDevice& d : scsi_)
+        if (d.disk >= 0)
+            disks_.push_back(d.sg);
+}
+
+const ScsiDevice* Sim::sg_device(unsigned minor) const { return minor < scsi_.size() ? &scsi_[minor] : nullptr; }
+
+const ScsiDevice* Sim::disk_device(unsigned minor) const {
+    return minor < disks_.size() ? &scsi_[disks_[minor]] : nullptr;
+}
 
 const std::string& Sim::root_path() {
     // Leaked on purpose: interposed calls may come after static destructors ran.
@@ -94,6 +110,7 @@ bool Sim::load(const std::string& root, std::string& error) {
         error = "cannot read " + root::devices(root);
         return false;
     }
+    index_scsi();
     return parse_devices(text, devices_, error);
 }
 

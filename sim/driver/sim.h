@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "faults.h"
 #include "journal.h"
@@ -46,6 +47,8 @@ public:
 
     // For tests: a context over an already loaded scenario.
     Sim(std::string root, Scenario scenario, std::map<std::pair<unsigned, unsigned>, DeviceEntry> devices);
+    Sim(const Sim&) = delete;  // scsi() points into scenario()
+    Sim& operator=(const Sim&) = delete;
 
     bool ok() const { return ok_; }
     const std::string& root() const { return root_; }
@@ -53,6 +56,11 @@ public:
 
     std::optional<DeviceEntry> device(unsigned major, unsigned minor) const;
     std::optional<HostRef> host(uint32_t host_no) const;
+    // The LUNs' SCSI generic and disk devices, in sg order (see scsi_devices).
+    const std::vector<ScsiDevice>& scsi() const { return scsi_; }
+    // The device behind SCSI generic node sg<minor>, or disk <minor>.
+    const ScsiDevice* sg_device(unsigned minor) const;
+    const ScsiDevice* disk_device(unsigned minor) const;
     // True when a Legacy-channel adapter is bound to driver `name`.
     bool legacy_driver(std::string_view name) const;
 
@@ -61,11 +69,14 @@ public:
 private:
     Sim() = default;
     bool load(const std::string& root, std::string& error);
+    void index_scsi();
 
     bool ok_ = false;
     std::string root_;
     Scenario scenario_;
     std::map<std::pair<unsigned, unsigned>, DeviceEntry> devices_;
+    std::vector<ScsiDevice> scsi_;
+    std::vector<uint32_t> disks_;  // disk index -> index into scsi_
 };
 
 // Journal and faults of the current simulated host (no-ops outside one).

@@ -27,6 +27,15 @@ struct Lun {
     uint64_t blocks = 2097152;     // capacity in blocks
     uint32_t block_size = 512;
     uint8_t peripheral_type = 0;   // 0 = disk
+    std::string serial;            // unit serial number (VPD page 0x80); empty: derived from the port and LUN
+};
+
+// How a SCSI target answers, beyond its LUNs' data.
+enum class TargetKind {
+    Normal,
+    RejectsReportLuns,    // REPORT LUNS: CHECK CONDITION, ILLEGAL REQUEST / INVALID COMMAND OPERATION CODE
+    Busy,                 // every command: BUSY status
+    ReservationConflict,  // every command but INQUIRY, REPORT LUNS, REQUEST SENSE: RESERVATION CONFLICT
 };
 
 struct RemotePort {
@@ -39,7 +48,12 @@ struct RemotePort {
     std::string state = "Online";      // kernel text: "Online", "Blocked", "Not Present", ...
     int32_t scsi_target_id = -1;   // -1: no SCSI target (initiator-only ports)
     uint16_t loop_id = 0xFFFF;     // arbitrated-loop id, 0xFFFF when not on a loop
+    TargetKind target_kind = TargetKind::Normal;
     std::vector<Lun> luns;
+    // Name-server registration.
+    std::optional<std::vector<uint8_t>> fc4_types;  // FC-4 type codes; absent: 8 (FCP) for a port with an FCP role
+    std::string symbolic_name;
+    uint64_t fabric_port_name = 0; // the switch port it logs in through; 0: derived from the fabric name and address
 };
 
 struct Counters {
@@ -145,6 +159,23 @@ struct Scenario {
     std::vector<Fault> faults;
     std::vector<Event> events;
 };
+
+// Every LUN of the scenario as the SCSI midlayer numbers its upper-level
+// devices: in scenario order (functions, their physical then virtual ports,
+// remote ports, LUNs), each gets the next SCSI generic number and, when it
+// is a disk, the next disk number. Tree, runner and driver share this order.
+struct ScsiDevice {
+    const HostPort* host = nullptr;
+    const RemotePort* rport = nullptr;
+    const Lun* lun = nullptr;
+    uint32_t sg = 0;     // sg<N>
+    int32_t disk = -1;   // index of its sd name (0: sda), -1 for other device types
+};
+std::vector<ScsiDevice> scsi_devices(const Scenario& s);
+// The kernel's disk names: sda .. sdz, sdaa .. sdzz, sdaaa ...
+std::string disk_name(uint32_t index);
+
+const char* target_kind_name(TargetKind k);
 
 // Loads a scenario file. On failure returns false and sets `error` to one line.
 bool load_scenario(const std::string& path, Scenario& out, std::string& error);

@@ -15,6 +15,10 @@ inline constexpr unsigned MAJOR_IOCTL = 60;     // /dev/vxfcdrv, minor 0
 inline constexpr unsigned MAJOR_CONTROL = 61;   // /dev/vxfcapidev, minor 0
 inline constexpr unsigned MAJOR_BSG_FIRST = 120;  // bsg nodes: 120..127, 256 minors each
 inline constexpr unsigned MAJOR_BSG_LAST = 127;
+// SCSI generic nodes (character, minor = the sg number) and disks (block,
+// minor = the disk's index), made by the runner with full-width minors.
+inline constexpr unsigned MAJOR_SG = 62;
+inline constexpr unsigned MAJOR_DISK = 62;
 
 inline std::string scenario(const std::string& r) { return r + "/scenario.json"; }
 inline std::string sys(const std::string& r) { return r + "/sys"; }

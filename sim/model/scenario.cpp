@@ -247,7 +247,34 @@ bool read_lun(const json& j, const std::string& path, std::string& err, Lun& l) 
     return o.uint("lun", l.lun, true) && o.str("vendor", l.vendor) && o.str("product", l.product) &&
            o.str("revision", l.revision) && o.uint("blocks", l.blocks) &&
            o.uint("block_size", l.block_size) && o.uint("peripheral_type", l.peripheral_type, false, 0x1F) &&
-           o.done();
+           o.str("serial", l.serial) && o.done();
+}
+
+bool read_target_kind(Obj& o, TargetKind& out) {
+    return o.opt("target_kind", [&](const json& v, const std::string& p) {
+        for (TargetKind k : {TargetKind::Normal, TargetKind::RejectsReportLuns, TargetKind::Busy,
+                             TargetKind::ReservationConflict})
+            if (v.is_string() && v.get<std::string>() == target_kind_name(k)) {
+                out = k;
+                return true;
+            }
+        return o.fail(p, "expected \"normal\", \"rejects_report_luns\", \"busy\" or \"reservation_conflict\"");
+    });
+}
+
+bool read_fc4_types(Obj& o, std::optional<std::vector<uint8_t>>& out) {
+    return o.opt("fc4_types", [&](const json& v, const std::string& p) {
+        if (!v.is_array())
+            return o.fail(p, "expected an array of FC-4 type codes");
+        out.emplace();
+        for (size_t i = 0; i < v.size(); ++i) {
+            uint64_t x;
+            if (!o.read_uint(v[i], p + "[" + std::to_string(i) + "]", x, 0xFF))
+                return false;
+            out->push_back(static_cast<uint8_t>(x));
+        }
+        return true;
+    });
 }
 
 bool read_rport(const json& j, const std::string& path, std::string& err, RemotePort& r) {
@@ -256,7 +283,9 @@ bool read_rport(const json& j, const std::string& path, std::string& err, Remote
            o.wwn("wwpn", r.wwpn) && o.uint("port_id", r.port_id, false, 0xFFFFFF) &&
            o.str("roles", r.roles) && o.str("state", r.state) &&
            o.sint("scsi_target_id", r.scsi_target_id, -1, std::numeric_limits<int32_t>::max()) &&
-           o.uint("loop_id", r.loop_id) && o.opt("luns", [&](const json& v, const std::string& p) {
+           o.uint("loop_id", r.loop_id) && read_target_kind(o, r.target_kind) && read_fc4_types(o, r.fc4_types) &&
+           o.str("symbolic_name", r.symbolic_name) && o.wwn("fabric_port_name", r.fabric_port_name) &&
+           o.opt("luns", [&](const json& v, const std::string& p) {
                return each(o, v, p, [&](const json& e, const std::string& ep) {
                    r.luns.emplace_back();
                    return read_lun(e, ep, err, r.luns.back());
@@ -601,6 +630,11 @@ ojson host_json(const HostPort& h) {
         rj["state"] = r.state;
         rj["scsi_target_id"] = r.scsi_target_id;
         rj["loop_id"] = r.loop_id;
+        rj["target_kind"] = target_kind_name(r.target_kind);
+        if (r.fc4_types)
+            rj["fc4_types"] = *r.fc4_types;
+        rj["symbolic_name"] = r.symbolic_name;
+        rj["fabric_port_name"] = wwn_hex(r.fabric_port_name);
         ojson luns = ojson::array();
         for (const Lun& l : r.luns)
             luns.push_back({{"lun", l.lun},
@@ -609,7 +643,8 @@ ojson host_json(const HostPort& h) {
                             {"revision", l.revision},
                             {"blocks", l.blocks},
                             {"block_size", l.block_size},
-                            {"peripheral_type", l.peripheral_type}});
+                            {"peripheral_type", l.peripheral_type},
+                            {"serial", l.serial}});
         rj["luns"] = std::move(luns);
         rps.push_back(std::move(rj));
     }
@@ -617,6 +652,48 @@ ojson host_json(const HostPort& h) {
     j["stats"] = h.stats.values;
     return j;
 }
+
+}  // namespace
+
+const char* target_kind_name(TargetKind k) {
+    switch (k) {
+    case TargetKind::Normal: return "normal";
+    case TargetKind::RejectsReportLuns: return "rejects_report_luns";
+    case TargetKind::Busy: return "busy";
+    case TargetKind::ReservationConflict: return "reservation_conflict";
+    }
+    return "normal";
+}
+
+std::vector<ScsiDevice> scsi_devices(const Scenario& s) {
+    std::vector<ScsiDevice> out;
+    uint32_t disks = 0;
+    auto host = [&](const HostPort& h) {
+        for (const RemotePort& r : h.remote_ports)
+            for (const Lun& l : r.luns) {
+                ScsiDevice d{&h, &r, &l, static_cast<uint32_t>(out.size()), -1};
+                if (l.peripheral_type == 0)
+                    d.disk = static_cast<int32_t>(disks++);
+                out.push_back(d);
+            }
+    };
+    for (const Adapter& a : s.adapters)
+        for (const PciFunction& f : a.functions) {
+            host(f.port);
+            for (const HostPort& v : f.vports)
+                host(v);
+        }
+    return out;
+}
+
+std::string disk_name(uint32_t index) {
+    std::string letters;
+    for (uint64_t n = uint64_t(index) + 1; n > 0; n = (n - 1) / 26)
+        letters.insert(letters.begin(), static_cast<char>('a' + (n - 1) % 26));
+    return "sd" + letters;
+}
+
+namespace {
 
 std::string hex16(uint16_t v) {
     char buf[8];

@@ -20,6 +20,7 @@
 #include <map>
 #include <set>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "fsutil.h"
@@ -189,12 +190,15 @@ public:
     TreeBuilder(const Scenario& s, Writer& w, TreeStats& stats) : s_(s), w_(w), stats_(stats) {
         for (const DeviceNode& n : plan_device_nodes(s))
             nodes_[n.name] = n;
+        for (const ScsiDevice& d : scsi_devices(s))
+            scsi_[d.lun] = d;
     }
 
     void build() {
         for (const char* d : {"block", "dev/block", "dev/char", "firmware", "fs", "kernel", "power"})
             w_.dir(d);
-        for (const char* c : {"scsi_host", "fc_host", "fc_remote_ports", "fc_vports", "scsi_device", "bsg"})
+        for (const char* c :
+             {"scsi_host", "fc_host", "fc_remote_ports", "fc_vports", "scsi_device", "bsg", "scsi_generic", "block"})
             w_.dir(std::string("class/") + c);
         w_.dir("bus/scsi/devices");
         w_.dir("bus/scsi/drivers");
@@ -496,29 +500,31 @@ private:
         w_.link(c + "/subsystem", "class/scsi_device");
         w_.file(c + "/uevent", "");
         w_.link("class/scsi_device/" + n, c);
-        // Upper-level drivers: disks get the next sd name, every LUN a SCSI
-        // generic node (no device nodes: the directories name them).
-        if (l.peripheral_type == 0) {
-            const std::string sd = disk_name(disks_);
-            w_.file(dir + "/block/" + sd + "/dev", fmt("%u:%u\n", disk_major(disks_), (disks_ % 16) * 16));
-            ++disks_;
+        // Upper-level drivers: disks get an sd name, every LUN a SCSI generic
+        // node, numbered as the runner makes their /dev nodes.
+        auto it = scsi_.find(&l);
+        if (it == scsi_.end())
+            return;
+        const ScsiDevice& d = it->second;
+        if (d.disk >= 0) {
+            const std::string sd = disk_name(static_cast<uint32_t>(d.disk));
+            const std::string b = dir + "/block/" + sd;
+            w_.file(b + "/dev", fmt("%u:%d\n", root::MAJOR_DISK, d.disk));
+            w_.file(b + "/uevent", fmt("MAJOR=%u\nMINOR=%d\nDEVNAME=%s\nDEVTYPE=disk\n", root::MAJOR_DISK, d.disk, sd.c_str()));
+            w_.file(b + "/size", num(static_cast<int64_t>(l.blocks * (l.block_size / 512))));
+            w_.link(b + "/device", dir);
+            w_.link(b + "/subsystem", "class/block");
+            w_.link("class/block/" + sd, b);
+            w_.link(fmt("dev/block/%u:%d", root::MAJOR_DISK, d.disk), b);
         }
-        w_.file(dir + "/scsi_generic/" + fmt("sg%u", generics_) + "/dev", fmt("21:%u\n", generics_));
-        ++generics_;
-    }
-
-    // SCSI disk majors: 16 disks each, 8, then 65 to 71, then 128 to 135.
-    static unsigned disk_major(unsigned index) {
-        const unsigned group = index / 16 % 16;
-        return group == 0 ? 8 : group < 8 ? 64 + group : 120 + group;
-    }
-
-    // The kernel's disk names: sda .. sdz, sdaa .. sdzz, sdaaa ...
-    static std::string disk_name(unsigned index) {
-        std::string letters;
-        for (unsigned n = index + 1; n > 0; n = (n - 1) / 26)
-            letters.insert(letters.begin(), static_cast<char>('a' + (n - 1) % 26));
-        return "sd" + letters;
+        const std::string sg = fmt("sg%u", d.sg);
+        const std::string g = dir + "/scsi_generic/" + sg;
+        w_.file(g + "/dev", fmt("%u:%u\n", root::MAJOR_SG, d.sg));
+        w_.file(g + "/uevent", fmt("MAJOR=%u\nMINOR=%u\nDEVNAME=%s\n", root::MAJOR_SG, d.sg, sg.c_str()));
+        w_.link(g + "/device", dir);
+        w_.link(g + "/subsystem", "class/scsi_generic");
+        w_.link("class/scsi_generic/" + sg, g);
+        w_.link(fmt("dev/char/%u:%u", root::MAJOR_SG, d.sg), g);
     }
 
     // <parent>/bsg/<name>/ with its character device number.
@@ -583,8 +589,7 @@ private:
     std::map<std::string, std::string> driver_versions_;  // first adapter's version per driver
     int64_t unique_id_ = 0;
     unsigned irq_ = 0;
-    unsigned disks_ = 0;
-    unsigned generics_ = 0;
+    std::unordered_map<const Lun*, ScsiDevice> scsi_;
 };
 
 template <typename F>

@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,6 +86,7 @@ public:
                 }
         for (const std::string& top : tops)
             keep_.push_back({top, open_path(top, O_DIRECTORY)});
+        plan_scsi_nodes();
         static const char* const nodes[] = {"null", "zero", "full", "random", "urandom", "tty"};
         for (const char* n : nodes) {
             // A node the host lacks (no /dev/tty in some containers) is left out.
@@ -180,12 +182,42 @@ private:
         if (::mkdir("/dev/shm", 01777) != 0)
             fail("cannot set up the simulated host: " + fs::errno_text("mkdir", "/dev/shm"));
         mount_or_fail("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+        scsi_nodes();
+    }
+
+    // The LUNs' SCSI generic and disk nodes, as udev would make them, with
+    // the simulator's numbers (the tree's dev files say the same). Planned
+    // while the root is still in sight, made in the fresh /dev.
+    struct Node {
+        std::string path;
+        mode_t type;
+        dev_t dev;
+    };
+
+    void plan_scsi_nodes() {
+        Scenario s;
+        std::string err;
+        if (!load_scenario(root::scenario(o_.root), s, err))
+            fail("cannot set up the simulated host: " + err);
+        for (const ScsiDevice& d : scsi_devices(s)) {
+            scsi_nodes_.push_back({"/dev/sg" + std::to_string(d.sg), S_IFCHR, makedev(root::MAJOR_SG, d.sg)});
+            if (d.disk >= 0)
+                scsi_nodes_.push_back({"/dev/" + disk_name(static_cast<uint32_t>(d.disk)), S_IFBLK,
+                                       makedev(root::MAJOR_DISK, static_cast<unsigned>(d.disk))});
+        }
+    }
+
+    void scsi_nodes() {
+        for (const Node& n : scsi_nodes_)
+            if (::mknod(n.path.c_str(), n.type | 0660, n.dev) != 0)
+                fail("cannot set up the simulated host: " + fs::errno_text("mknod", n.path));
     }
 
     const RunOptions& o_;
     int report_;
     std::vector<std::pair<std::string, int>> keep_;
     std::vector<std::pair<std::string, int>> nodes_;
+    std::vector<Node> scsi_nodes_;
 };
 
 }  // namespace

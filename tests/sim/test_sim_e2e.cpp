@@ -5,6 +5,8 @@
 #include <dirent.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <sysfs/libsysfs.h>
@@ -239,7 +241,13 @@ SIM_TEST(SimRunner, CommandGetsAPrivateHost, "single.json") {
     EXPECT_EQ(list_dir("/tmp"), kept);
     for (const char* node : {"null", "zero", "urandom"})
         EXPECT_TRUE(fs::exists(std::string("/dev/") + node)) << node;
-    EXPECT_FALSE(fs::exists("/dev/sda"));
+    // The LUNs' nodes with the simulator's numbers, none of the real host's.
+    struct stat st {};
+    ASSERT_EQ(::stat("/dev/sdb", &st), 0);
+    EXPECT_TRUE(S_ISBLK(st.st_mode) && major(st.st_rdev) == root::MAJOR_DISK && minor(st.st_rdev) == 1);
+    ASSERT_EQ(::stat("/dev/sg1", &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode) && major(st.st_rdev) == root::MAJOR_SG && minor(st.st_rdev) == 1);
+    EXPECT_FALSE(fs::exists("/dev/sdc"));
     EXPECT_TRUE(fs::is_dir("/dev/shm"));
     // Fixed System V keys are free: the IPC namespace is the host's own.
     int id = ::semget(829, 1, IPC_CREAT | IPC_EXCL | 0600);

@@ -81,7 +81,7 @@ TEST_F(Ioctl, EachNodeServesItsPortsAndSelectsInstances) {
         {"unselected: HbaSelect names it", &ports_, -1, EXT_CC_QUERY, 1, 0, 1, 0, 0, 1, 0, 1},
         {"selected wins", &ports_, 0, EXT_CC_QUERY, 1, 0, 1, 0, 0, 0, 0, 1},
         {"HbaSelect names a missing one", &old, -1, EXT_CC_QUERY, 1, 0, 0, 0, 9, -1, 0, 0},
-        {"commands it lacks", &ports_, 0, EXT_CC_SEND_SCSI_PASSTHRU, 0, 0, 0, 0, 20, -1, 0, 0},
+        {"commands it lacks", &ports_, 0, EXT_CC_LOOPBACK, 0, 0, 0, 0, 20, -1, 0, 0},
         {"converged data of an FC port", &ports_, 0, EXT_CC_QUERY, 9, 0, 0, 0, 12, 0, 0, 0},
         {"converged data", &old, 1, EXT_CC_QUERY, 9, 0, 0, 0, 0, 1, 0, 0},
         {"summary without its mask", &ports_, 0, EXT_CC_GET_DATA, 106, 0, 0, 3, 6, 0, 0, 0},
@@ -123,7 +123,9 @@ TEST_F(Ioctl, LunMapSizeFollowsTheDriversCapability) {
     Adapter a = *egret().adapter;
     HostPort h;
     h.remote_ports.emplace_back().scsi_target_id = 3;
-    h.remote_ports[0].luns = {Lun{7}, Lun{0x4FFF}};
+    h.remote_ports[0].luns.resize(2);
+    h.remote_ports[0].luns[0].lun = 7;
+    h.remote_ports[0].luns[1].lun = 0x4FFF;
     for (uint32_t flags : {0x04u, 0x00u}) {
         a.driver_flags = flags;
         const size_t size = 32 + 32 + (flags ? 4096 : 2048);  // header, entry, map

@@ -57,6 +57,9 @@ TEST(sim_model_loader, rejects_bad_documents_with_one_line_naming_the_path) {
         {R"({"adapters":[{"id":"a","device_id":1,)" + fn + R"(1}}]},{"id":"b","device_id":1,)" + fn + "2}}]}]}",
          "$.adapters[1].functions[0].pci_address: 0000:05:00.0 is used twice"},
         {R"({"generate":{"adapters":200,"device_id":"0x2031"}})", "$.generate: at most 256"},
+        {doc("", R"(,"remote_ports":[{"target_kind":"sleepy"}])"),
+         R"(remote_ports[0].target_kind: expected "normal", "rejects_report_luns")"},
+        {doc("", R"(,"remote_ports":[{"fc4_types":[8,256]}])"), "remote_ports[0].fc4_types[1]: expected"},
     };
     Scenario s;
     std::string err;
@@ -91,6 +94,10 @@ TEST(sim_model_loader, written_json_reads_back_to_the_same_model) {
         const std::string once = scenario_to_json(load(name));
         EXPECT_EQ(scenario_to_json(parse(once)), once) << name;
     }
+    const std::string scsi = scenario_to_json(parse(doc("", R"(,"remote_ports":[{"target_kind":"busy",)"
+                                                               R"("fc4_types":[],"luns":[{"lun":1,"serial":"S1"}]}])")));
+    EXPECT_EQ(scenario_to_json(parse(scsi)), scsi);
+    EXPECT_NE(scsi.find(R"("fc4_types": [])"), std::string::npos) << "an empty list is not the default";
     EXPECT_EQ(load("large.json").name, "large");  // a scenario without a name takes the file's stem
 }
 
