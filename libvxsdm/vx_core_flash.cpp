@@ -8,9 +8,6 @@ namespace {
 
 constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_TRACE;
 
-constexpr uint32_t EXT_STATUS_NOT_REACHED = 9;
-constexpr uint32_t EXT_STATUS_UNSUPPORTED = 20;
-
 void set_status(uint32_t* pext_stat, uint32_t status) {
     if (pext_stat)
         *pext_stat = status;
@@ -30,7 +27,7 @@ int vxapi_query_adapter_versions(uint32_t handle, vxapi_priv_database* inst, uin
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no versions found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_query_adapter_versions: no versions found.");
     return 1;
 }
@@ -39,7 +36,7 @@ int vxapi_get_flash_mpi_edc_versions(uint32_t handle, vxapi_priv_database* inst,
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no versions found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_get_flash_mpi_edc_versions: no versions found.");
     return 1;
 }
@@ -48,7 +45,7 @@ int vxapi_get_nic_bootcode_version(uint32_t handle, vxapi_priv_database* inst, u
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no versions found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_get_nic_bootcode_version: no versions found.");
     return 1;
 }
@@ -57,7 +54,7 @@ int vxapi_get_active_image_set(uint32_t handle, vxapi_priv_database* inst, uint3
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no image set found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_get_active_image_set: no image set found.");
     return 1;
 }
@@ -70,7 +67,7 @@ int vxapi_flash_update_capabilities(uint32_t handle, vxapi_priv_database* inst, 
     (void)caps_len;
     (void)set;
     // The full operation comes with the flash work: the request cannot be made yet.
-    set_status(pext_stat, EXT_STATUS_UNSUPPORTED);
+    set_status(pext_stat, EXT_STATUS_INVALID_REQUEST);
     vxdbg_line(ERR, "vxapi_flash_update_capabilities: driver lacks the request.");
     return 1;
 }
@@ -81,7 +78,7 @@ int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NOD
     (void)node;
     // The full operation comes with the flash work: no versions found yet,
     // the node keeps the driver's.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_read_flash_versions: no versions found.");
     return 1;
 }
@@ -96,30 +93,16 @@ int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst,
     return 1;
 }
 
-// Stands in for the option ROM layout query until the flash work exports it:
+// Stands in for the option ROM layout query until the flash work brings it:
 // a layout table family whose table was not read at discovery has no layout.
-uint32_t vxapi_get_option_rom_layout_status(uint32_t handle) {
-    const vxapi_priv_database* inst = check_handle(handle);
-    if (!inst)
-        return 0x20000065;
-    const vxapi_phy_info* phy = inst->phy_info;
+bool vxapi_option_rom_layout_ready(const vxapi_priv_database* inst) {
+    const vxapi_phy_info* phy = inst ? inst->phy_info : nullptr;
     if (phy && vx_adapter_has(phy->device_id, VX_MARK_FLT) && vx_adapter_family(phy->device_id) != vx_family::Kite &&
         !phy->pflt_layout) {
-        vxdbg_line(ERR, "vxapi_get_option_rom_layout_status: no layout.");
-        return 0x20000075;
+        vxdbg_line(ERR, "vxapi_option_rom_layout_ready: no layout.");
+        return false;
     }
-    return 0;
-}
-
-int vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat) {
-    (void)handle;
-    (void)inst;
-    (void)buf;
-    (void)size;
-    // The full operation comes with the converged-port work: the request cannot be made yet.
-    set_status(pext_stat, EXT_STATUS_UNSUPPORTED);
-    vxdbg_line(ERR, "vxapi_get_dcbx_param: driver lacks the request.");
-    return 0;
+    return true;
 }
 
 int vxapi_copy_fcoe_versions(vxapi_priv_database* inst, uint8_t* buf, uint32_t size) {

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "vx_adapters.h"
+#include "vx_channel.h"
 #include "vx_sddbg.h"
 #include "vx_sysfs.h"
 
@@ -177,6 +178,7 @@ host_result make_instance(sysfs_driver* driver, sysfs_device* device, uint32_t h
     }
     vxapi_priv_database* inst = current_priv_inst;
     inst->features = VX_FEAT_SYSFS;
+    vxapi_set_channel(inst);
     inst->drvr_inst = drv_inst;
     inst->host_no = host_no;
     if (vxsysfs_is_bsg_supported(host_no) == 0)
@@ -273,9 +275,25 @@ int discover_device(sysfs_driver* driver, sysfs_device* device, uint32_t* api_in
 
 }  // namespace
 
+void vxsysfs_root(char* out, size_t out_len) {
+    if (!out || out_len == 0)
+        return;
+    if (sysfs_mnt_path[0]) {
+        snprintf(out, out_len, "%s", sysfs_mnt_path);
+        return;
+    }
+    char mnt[VXSYSFS_PATH_LEN] = {};
+    if (sysfs_get_mnt_path(mnt, sizeof mnt) != 0 || !mnt[0])
+        snprintf(mnt, sizeof mnt, "/sys");
+    snprintf(out, out_len, "%s", mnt);
+}
+
 int vxsysfs_init() {
     memset(sysfs_mnt_path, 0, sizeof sysfs_mnt_path);
-    return sysfs_get_mnt_path(sysfs_mnt_path, sizeof sysfs_mnt_path);
+    const int rc = sysfs_get_mnt_path(sysfs_mnt_path, sizeof sysfs_mnt_path);
+    if (rc != 0)
+        vxdbg_line(VXDBG_ERROR, "vxsysfs_init: > sysfs not mounted");
+    return rc;
 }
 
 int vxsysfs_supported_driver_exist(uint32_t* start_inst) {

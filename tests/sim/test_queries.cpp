@@ -315,14 +315,52 @@ SIM_TEST(Queries, TargetLunListDecodesAddressMethods, DISCOVERED) {
     EXPECT_EQ(count, 5u);
 
     // Only online ports whose roles are exactly "FCP Target" (not the blocked
-    // target 2, nor target 3, also an initiator); ids above 255 never.
-    for (uint16_t tid : {2, 3, 1, 9, 256}) {
+    // target 2, nor target 3, also an initiator); ids above 255 cannot be asked.
+    for (uint16_t tid : {2, 3, 1, 9}) {
         count = 4;
         EXPECT_EQ(SDGetTargetLunList(h[0], tid, luns.data(), &count), SDM_STATUS_DEVICE_NOT_FOUND) << tid;
     }
     count = 4;
+    EXPECT_EQ(SDGetTargetLunList(h[0], 256, luns.data(), &count), SDM_STATUS_NOT_SUPPORTED);
+    count = 4;
     EXPECT_EQ(SDGetTargetLunList(h[0], 0, nullptr, &count), SDM_STATUS_INVALID_PARAMETER);
 }
+
+namespace {
+
+// Targets whose ids or LUNs do not fit the LUN list's record: target 300
+// (whose low byte is target 44's id) and flat LUN 4100 (20484) past every
+// map, beside LUN 3 of the same target.
+std::string wide_targets(const char* channel) {
+    return std::string(R"json({"name": "wide", "adapters": [
+  {"id": "tern0", "device_id": "0x2061", "serial_number": "VXT20610001", "channel": ")json") +
+           channel + R"json(", "functions": [
+    {"pci_address": "0000:07:00.0", "port": {"host_no": 1, "wwpn": "21:00:00:1d:5a:20:61:01", "remote_ports": [
+       {"number": 0, "wwpn": "50:00:00:00:00:00:00:10", "scsi_target_id": 300, "luns": [{"lun": 2}]},
+       {"number": 1, "wwpn": "50:00:00:00:00:00:01:10", "scsi_target_id": 44, "luns": [{"lun": 1}]},
+       {"number": 2, "wwpn": "50:00:00:00:00:00:02:10", "scsi_target_id": 45,
+        "luns": [{"lun": 3}, {"lun": 20484}]}]}}]}]})json";
+}
+const std::string WIDE_SYSFS = wide_targets("sysfs");
+const std::string WIDE_IOCTL = wide_targets("ioctl");
+
+void expect_wide_targets() {
+    const std::vector<int> h = open_all(1);
+    std::vector<SD_UINT16> luns(4, 0xA5A5);
+    SD_UINT32 count = 4;
+    EXPECT_EQ(SDGetTargetLunList(h[0], 300, luns.data(), &count), SDM_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(count, 4u);
+    ASSERT_EQ(SDGetTargetLunList(h[0], 44, luns.data(), &count), 0u);  // its own LUN, not target 300's
+    EXPECT_EQ(std::vector<SD_UINT16>(luns.begin(), luns.begin() + count), std::vector<SD_UINT16>{1});
+    count = 4;
+    EXPECT_EQ(SDGetTargetLunList(h[0], 45, luns.data(), &count), SDM_STATUS_DATA_OVERRUN);  // 4100 not folded
+    EXPECT_EQ(std::vector<SD_UINT16>(luns.begin(), luns.begin() + count), std::vector<SD_UINT16>{3});
+}
+
+}  // namespace
+
+SIM_TEST(Queries, TargetLunListOfWideTargetsOverSysfs, WIDE_SYSFS.c_str()) { expect_wide_targets(); }
+SIM_TEST(Queries, TargetLunListOfWideTargetsOverIoctl, WIDE_IOCTL.c_str()) { expect_wide_targets(); }
 
 SIM_TEST(Queries, ChipDriverAndFirmware, NODE) {
     const std::vector<int> h = open_all(3);
