@@ -445,6 +445,39 @@ SIM_TEST(Queries, ConvergedPortData, CONVERGED) {
     }
 }
 
+namespace {
+
+// One converged port on either channel, for its DCBX parameters.
+std::string kite_on(const char* channel) {
+    return std::string(R"json({"name": "kite", "adapters": [
+  {"id": "kite0", "device_id": "0x2010", "serial_number": "VXK20100001", "channel": ")json") +
+           channel + R"json(", "functions": [
+    {"pci_address": "0000:04:00.0", "port": {"host_no": 1, "vn_port_mac": "0e:fc:00:01:02:03"}}]}]})json";
+}
+const std::string KITE_SYSFS = kite_on("sysfs");
+const std::string KITE_IOCTL = kite_on("ioctl");
+
+// The link's DCBX record, then the zeroed rest of the caller's size.
+void expect_dcbx() {
+    const std::vector<int> h = open_all(1);
+    std::vector<uint8_t> buf(100, PATTERN);
+    SD_UINT32 size = static_cast<SD_UINT32>(buf.size());
+    ASSERT_EQ(SDGetCnaPortData(h[0], 0, SDM_CNA_DCBX_PARAMS, buf.data(), &size), 0u);
+    EXPECT_EQ(size, 100u);
+    std::vector<uint8_t> want(100, 0);
+    const std::vector<uint8_t> head = {1, 0, 0, 0, 1, 1, 3, 0x08,          // version, no TLVs, operational, willing,
+                                       0, 0, 0, 1, 0, 0, 0, 0,              // FCoE on priority 3 with PFC, in group 1
+                                       50, 50, 0, 0, 0, 0, 0, 0,            // half the link each
+                                       0x0e, 0xfc, 0x00, 0x01, 0x02, 0xfc};  // the peer's MAC
+    std::copy(head.begin(), head.end(), want.begin());
+    EXPECT_EQ(buf, want);
+}
+
+}  // namespace
+
+SIM_TEST(Queries, DcbxParametersOverSysfs, KITE_SYSFS.c_str()) { expect_dcbx(); }
+SIM_TEST(Queries, DcbxParametersOverIoctl, KITE_IOCTL.c_str()) { expect_dcbx(); }
+
 SIM_TEST(Queries, BadHandlesAndNullRecordsLeaveTheCallerAlone, "default.json") {
     const std::vector<int> h = open_all(4);
     SD_UINT32 size = 128, count = 8;
