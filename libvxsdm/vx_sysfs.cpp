@@ -128,8 +128,44 @@ int find_rport(vxsysfs_path_t& rpath, uint32_t host_no, F&& match) {
 }  // namespace
 
 dlist* vxsysfs_open_entry_list(const char* path) {
-    dlist* list = sysfs_open_directory_list(path);
-    return list ? list : sysfs_open_link_list(path);
+    dlist* dirs = sysfs_open_directory_list(path);
+    dlist* links = sysfs_open_link_list(path);
+    if (!dirs || !links)
+        return dirs ? dirs : links;
+    // A class directory holds links: a real directory among them must not
+    // hide them, so both kinds go into one list.
+    vx_dlist_each<char>(links, [&](char* name) {
+        auto* copy = static_cast<char*>(calloc(1, SYSFS_NAME_LEN));
+        if (!copy)
+            return false;
+        snprintf(copy, SYSFS_NAME_LEN, "%s", name);
+        dlist_push(dirs, copy);
+        return true;
+    });
+    sysfs_close_list(links);
+    return dirs;
+}
+
+bool vxsysfs_parse_host_name(const char* name, uint32_t* host_no) {
+    constexpr size_t MAX_DIGITS = 10;  // 4294967295
+    const size_t len = name ? strlen(name) : 0;
+    bool ok = len > 4 && len <= 4 + MAX_DIGITS && strncmp(name, "host", 4) == 0;
+    uint64_t value = 0;
+    for (size_t i = 4; ok && i < len; ++i) {
+        ok = name[i] >= '0' && name[i] <= '9';
+        value = value * 10 + static_cast<uint64_t>(name[i] - '0');
+    }
+    ok = ok && value <= UINT32_MAX;
+    if (!ok) {
+        if (vxdbg_on(TRC)) {
+            vxdbg_print("vxsysfs_parse_host_name: > skipped entry ", 0, VXDBG_NONE, 0);
+            vxdbg_print(name ? name : "(null)", 0, VXDBG_NONE, 1);
+        }
+        return false;
+    }
+    if (host_no)
+        *host_no = static_cast<uint32_t>(value);
+    return true;
 }
 
 // ---- Path builders ----

@@ -59,9 +59,14 @@ char* vxsysfs_path_format(vxsysfs_path_t& path, const char* format, Args... args
 // path buffer; returns the new terminating NUL.
 char* vxsysfs_path_append(vxsysfs_path_t& path, char* end, const char* name);
 
-// Entries of a sysfs directory: its subdirectories, or, when it has none
-// (the class directories hold links), its links. Null when neither.
+// Entries of a sysfs directory: its subdirectories and its links (the class
+// directories hold links, and may hold a real directory too). Null when neither.
 dlist* vxsysfs_open_entry_list(const char* path);
+
+// A SCSI host entry: "host" and a decimal number that fits 32 bits, nothing
+// else ("hostABC", "host-5", "host4294967298" are not hosts). False, with a
+// trace line, for any other name.
+bool vxsysfs_parse_host_name(const char* name, uint32_t* host_no);
 
 // Closes a libsysfs name list on every way out.
 class vxsysfs_list_hold {
