@@ -403,8 +403,7 @@ int vxsysfs_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* n
 
     const vxapi_phy_info* phy = inst->phy_info;
     if (phy) {
-        // The board's ports are its physical ports: the functions that share
-        // its serial number, as port numbering groups them.
+        // The board's ports are its physical ports: the functions of its PCI device.
         node->PortCount = board_ports(phy);
         char serial[sizeof phy->serial_num + 1] = {};
         memcpy(serial, phy->serial_num, sizeof phy->serial_num);

@@ -478,6 +478,38 @@ void expect_dcbx() {
 SIM_TEST(Queries, DcbxParametersOverSysfs, KITE_SYSFS.c_str()) { expect_dcbx(); }
 SIM_TEST(Queries, DcbxParametersOverIoctl, KITE_IOCTL.c_str()) { expect_dcbx(); }
 
+// Two boards without serial numbers: a virtual port counts the functions of
+// its own board only.
+const char* const NO_SERIALS = R"json({"name": "no-serials", "adapters": [
+  {"id": "swift0", "device_id": "0x1051", "serial_number": "", "functions": [
+    {"pci_address": "0000:03:00.0", "port": {"host_no": 2}, "vports": [{"host_no": 8}]},
+    {"pci_address": "0000:03:00.1", "port": {"host_no": 3}}]},
+  {"id": "egret0", "device_id": "0x1040", "serial_number": "", "functions": [
+    {"pci_address": "0000:05:00.0", "port": {"host_no": 5}}]}]})json";
+
+SIM_TEST(Queries, VirtualPortCountsThePortsOfItsOwnBoard, NO_SERIALS) {
+    const std::vector<int> h = open_all(4);  // hosts 2, 8, 3, 5
+    auto n = patterned<DEVICENODEPROPERTY>();
+    ASSERT_EQ(SDGetHbaDeviceNodeProperty(h[1], &n), 0u);
+    EXPECT_EQ(n.InterfaceType, 3);
+    EXPECT_EQ(n.NumberOfPorts, 2);
+}
+
+// The port id is read on every query: a port whose link comes up after the
+// library loaded reports its new address.
+SIM_TEST(Queries, PortIdIsReadLive, DISCOVERED) {
+    const std::vector<int> h = open_all(1);
+    {
+        FILE* fp = fopen("/sys/class/fc_host/host1/port_id", "w");
+        ASSERT_NE(fp, nullptr);
+        fputs("0x0a0b0c\n", fp);
+        fclose(fp);
+    }
+    auto p = patterned<DEVICEPORTPROPERTY>();
+    ASSERT_EQ(SDGetHbaDevicePortProperty(h[0], 0, &p), 0u);
+    EXPECT_EQ(bytes(p.PortID, 3), (std::vector<uint8_t>{0x0a, 0x0b, 0x0c}));
+}
+
 SIM_TEST(Queries, BadHandlesAndNullRecordsLeaveTheCallerAlone, "default.json") {
     const std::vector<int> h = open_all(4);
     SD_UINT32 size = 128, count = 8;
