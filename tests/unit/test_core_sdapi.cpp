@@ -19,6 +19,33 @@ constexpr uint32_t IOCTL_PORT = VX_FEAT_IOCTL_NODE | VX_FEAT_NEW_IOCTL;
 constexpr uint16_t FC_BOARD = 0x1051;   // Swift: no flash steps in the node call
 constexpr uint16_t CNA_BOARD = 0x2070;  // converged, MPI/PEP versions
 
+// The table follows the features whenever they are set again: sysfs wins,
+// then the record generation.
+TEST(Channel, FeaturesChooseTheTable) {
+    const struct {
+        uint32_t features;
+        const vxapi_channel_ops* table;
+    } rows[] = {
+        {VX_FEAT_SYSFS | VX_FEAT_BSG, &vxapi_sysfs_channel},
+        {VX_FEAT_SYSFS | VX_FEAT_NEW_IOCTL, &vxapi_sysfs_channel},
+        {VX_FEAT_IOCTL_NODE | VX_FEAT_NEW_IOCTL | VX_FEAT_DRV_CAP4, &vxapi_ioctl_channel},
+        {VX_FEAT_IOCTL_NODE | VX_FEAT_PROPS_READ, &vxapi_ioctl_o_channel},
+        {0, &vxapi_ioctl_o_channel},
+    };
+    vxapi_priv_database rec{};
+    for (const auto& r : rows) {
+        rec.features = r.features;
+        vxapi_set_channel(&rec);
+        EXPECT_EQ(rec.channel, r.table) << std::hex << r.features;
+    }
+    // A record without a table is refused by every leaf, with status 9.
+    rec.channel = nullptr;
+    EXT_HBA_NODE node{};
+    uint32_t stat = 0;
+    EXPECT_EQ(vxapi_query_hbanode(-1, &rec, &node, &stat), 1);
+    EXPECT_EQ(stat, EXT_STATUS_DEV_NOT_FOUND);
+}
+
 class SdLayer : public testing::Test {
 protected:
     vxmock::registry reg;
