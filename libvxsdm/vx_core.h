@@ -344,7 +344,7 @@ int vxapi_open_device_o(const char* path, uint32_t drvr_inst, uint32_t inst, uin
 int vxapi_set_instance(int fd, uint32_t drvr_inst, const vxapi_priv_database* record, uint32_t* host_no,
                        uint32_t* pext_stat);
 // Driver version and capability flags (64 bytes); the leaf convention.
-int vxapi_get_driver_specifics(int fd, vxapi_priv_database* record, EXT_LN_DRIVER_DATA* data, uint32_t* pext_stat);
+int vxapi_get_driver_specifics(int handle, vxapi_priv_database* inst, EXT_LN_DRIVER_DATA* data, uint32_t* pext_stat);
 
 // Pure steps of the ioctl discovery.
 // "%c%05d" from the node record's serial-number bytes s0 s1 s2:
@@ -418,10 +418,10 @@ int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst);
 
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the
-// driver's extended status back through pext_stat. Sysfs ports (feature
-// 0x20) are answered by the vxsysfs_ twin of the same name; the others send
-// one extended-ioctl request. Result: 0, the ioctl's -1 with errno, or 1
-// when the request could not be made.
+// driver's extended status back through pext_stat. Each dispatches through
+// the port's channel table (vx_channel.h): the vxsysfs_ twin of the same
+// name, or one extended-ioctl request. Result: 0, the ioctl's -1 with errno,
+// or 1 when the request could not be made.
 struct TGT_LUN_DATA_LIST;
 struct FO_LUN_DATA_LIST;
 int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);

@@ -23,7 +23,11 @@ int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_N
 
 int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
     (void)handle;
+    uint32_t local = 0;
+    pext_stat = pext_stat ? pext_stat : &local;
     *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (!inst || !buf)
+        return 1;
     vxsysfs_path_t path;
     vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), "vpd");
     // A short answer is kept as far as it goes; only an attribute that

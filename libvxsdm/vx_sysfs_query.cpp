@@ -672,7 +672,11 @@ int vxsysfs_query_cnaport(int handle, vxapi_priv_database* inst, EXT_CNA_PORT* c
 
 int vxsysfs_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat) {
     (void)handle;
+    uint32_t local = 0;
+    pext_stat = pext_stat ? pext_stat : &local;
     *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_get_dcbx_param", inst, buf))
+        return 1;
     vxsysfs_path_t path;
     vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), "dcbx");
     vxdbg_num(TRC, "vxsysfs_get_dcbx_param: entered. host_no=", inst->host_no, VXDBG_DEC, 1);

@@ -195,21 +195,14 @@ TEST_F(SdLayer, DiscoveredPortAndTargetConversions) {
     EXPECT_EQ(t.PortType, 0xEE);
 }
 
-TEST_F(SdLayer, PortDatabaseMaskCapacityAndDetailStatus) {
-    std::vector<uint8_t> answer(EXT_DEVICEDATA_HEADER + 3 * sizeof(EXT_DEVICEDATAENTRY), 0);
-    const uint32_t three = 3;
-    memcpy(answer.data(), &three, 4);
-    memcpy(answer.data() + 4, &three, 4);
-    mock.expect(slot::get_port_summary).with_arg(0x1001).answer_bytes(answer);  // 0x20 dropped from the mask
-    std::vector<uint8_t> buf(300 + 292, 0xEE);
-    auto* info = reinterpret_cast<DEVICEINFO*>(buf.data());
-    EXPECT_EQ(SDGetPortDatabase(h, 0x1021, info, static_cast<SD_UINT32>(buf.size())), SDM_STATUS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(info->TotalDevices, 3u);
-    EXPECT_EQ(info->ReturnListEntryCount, 2u);
-
-    // A failure passes the detail status to the translation.
-    mock.expect(slot::get_port_summary).status(EXT_STATUS_SCSI_STATUS, 0x18);
-    EXPECT_EQ(SDGetPortDatabase(h, 1, info, 300), 0x20000045u);
+// The driver sees only the mask bits it knows; a failure's detail status is
+// translated with it (the property calls pass none).
+TEST_F(SdLayer, PortDatabaseMaskAndDetailStatus) {
+    mock.expect(slot::get_port_summary).with_arg(0x1001).status(EXT_STATUS_SCSI_STATUS, 0x18);
+    std::vector<uint8_t> buf(300, 0xEE);
+    EXPECT_EQ(SDGetPortDatabase(h, 0x1021, reinterpret_cast<DEVICEINFO*>(buf.data()), 300),
+              SDM_STATUS_SCSI_RESERVATION_CONFLICT);
+    EXPECT_EQ(buf, std::vector<uint8_t>(300, 0xEE));
 }
 
 // The LUN list: target ids past the entry's byte are refused without a
