@@ -1,5 +1,6 @@
 // The three channel tables and the choice among them.
 #include "vx_channel.h"
+#include "vx_sddbg.h"
 #include "vx_sysfs.h"
 
 // Both ioctl generations share their functions: the send path frames the
@@ -41,4 +42,9 @@ void vxapi_set_channel(vxapi_priv_database* inst) {
         inst->channel = &vxapi_ioctl_channel;
     else
         inst->channel = &vxapi_ioctl_o_channel;
+    if (vxdbg_on(VXDBG_TRACE)) {
+        vxdbg_print("vxapi_set_channel: features=", inst->features, VXDBG_HEX, 0);
+        vxdbg_print(" channel=", 0, VXDBG_NONE, 0);
+        vxdbg_print(inst->channel->name, 0, VXDBG_NONE, 1);
+    }
 }
