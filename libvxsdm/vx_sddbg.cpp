@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -115,10 +116,12 @@ void write_stamp() {
     }
 }
 
-// Holds the process lock and the debug semaphore for one trace call.
+// Holds the process lock and the debug semaphore for one trace call, and
+// keeps errno as the caller left it: callers trace a failure before they
+// hand its errno on.
 class trace_scope {
 public:
-    trace_scope() {
+    trace_scope() : saved_errno_(errno) {
         pthread_mutex_lock(&trace_mutex);
         in_trace = true;
         if (api_dbg_sem_id != -1)
@@ -130,9 +133,13 @@ public:
             vxapi_sem_signal(api_dbg_sem_id);
         in_trace = false;
         pthread_mutex_unlock(&trace_mutex);
+        errno = saved_errno_;
     }
     trace_scope(const trace_scope&) = delete;
     trace_scope& operator=(const trace_scope&) = delete;
+
+private:
+    int saved_errno_;
 };
 
 struct dump_layout {

@@ -374,7 +374,7 @@ int raw_open(const char* fn, const char* path, int flags, uint32_t size) {
     raw_text(fn, " > path==", path);
     const int fd = open(path, flags | O_CLOEXEC);
     if (fd < 0)
-        raw_text(fn, " > Failed open", "");
+        raw_text(fn, " > Failed open", "");  // the trace keeps errno
     return fd;
 }
 

@@ -3,6 +3,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <regex>
 #include <string>
@@ -160,6 +161,16 @@ TEST_F(Trace, DebugLevelFromEnvironment) {
     if (api_dbg_sem_id != -1)
         vxapi_sem_del(api_dbg_sem_id);
     api_dbg_sem_id = -1;
+}
+
+// Callers trace a failure before they hand its errno on: the trace keeps it,
+// also when the log cannot be opened.
+TEST_F(Trace, ErrnoSurvivesATraceLine) {
+    snprintf(vxdbglog_path, sizeof vxdbglog_path, "%s", (dir_ + "/no/such/dir/log").c_str());
+    vx_debug = VXDBG_DEFAULT;
+    errno = EBUSY;
+    vxdbg_print("line", 0, VXDBG_NONE, 1);
+    EXPECT_EQ(errno, EBUSY);
 }
 
 // The raw file helpers' lines under the sysfs bit: what was asked, and why
