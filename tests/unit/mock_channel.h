@@ -98,7 +98,7 @@ public:
         if (e.size) {
             EXPECT_EQ(size, e.size) << "slot " << static_cast<int>(s);
         }
-        if (rec)
+        if (rec && !e.bytes.empty())
             memcpy(rec, e.bytes.data(), e.bytes.size() < rec_size ? e.bytes.size() : rec_size);
         if (pext_stat)
             *pext_stat = e.ext_stat;
