@@ -67,9 +67,6 @@ bool contains(const uint8_t* text, size_t size, const char* word) {
     return false;
 }
 
-// A port without a table behaves as one without a channel: nothing to send on.
-uint32_t* status_or(uint32_t* pext_stat, uint32_t& local) { return pext_stat ? pext_stat : &local; }
-
 }  // namespace
 
 bool vxapi_leaf_ready(const char* name, const vxapi_priv_database* inst, bool args_ok, uint32_t* pext_stat) {
@@ -242,10 +239,9 @@ int32_t vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf
 // No sysfs twin: the driver node answers on every port.
 int32_t vxapi_get_lun_data_list(int handle, vxapi_priv_database* inst, FO_LUN_DATA_LIST* list, uint32_t list_len,
                                 uint32_t* pext_stat) {
-    uint32_t local = 0;
-    pext_stat = status_or(pext_stat, local);
     if (!inst || !list) {
-        *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
+        if (pext_stat)
+            *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
         vxdbg_line(ERR, "vxapi_get_lun_data_list: invalid parameter.");
         return 1;
     }
