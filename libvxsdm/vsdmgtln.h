@@ -8,6 +8,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* The SD types and the export mark; vsdmgt.h includes this header again at
+ * its end, which the guard above turns into nothing. */
+#include "vsdmgt.h"
+
 #ifdef __cplusplus
 #define VXSD_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
 #else
@@ -244,10 +248,13 @@ VXSD_API SD_UINT32 SDGetPortDatabase(int Device, SD_UINT16 TypeMode, DEVICEINFO*
 
 /* The LUNs of one discovered target, in ascending order. On entry
  * *pLunCount is the capacity of pLuns (pLuns may be NULL when it is 0); on
- * return it is the number of LUNs the target has. Returns
- * SDM_STATUS_BUFFER_TOO_SMALL with the true count (and the first LUNs
- * written) when pLuns is too small, SDM_STATUS_DEVICE_NOT_FOUND when the port
- * has no target with that id. Target ids above 255 are not found. */
+ * return it is the number of LUNs returned. Returns
+ * SDM_STATUS_BUFFER_TOO_SMALL with the count (and the first LUNs written)
+ * when pLuns is too small, SDM_STATUS_DEVICE_NOT_FOUND when the port has no
+ * target with that id. The driver's list names targets in one byte and LUNs
+ * by their place in a map of 2048 or 4096: target ids above 255 are refused
+ * with SDM_STATUS_NOT_SUPPORTED, and a target with LUNs past the map gives
+ * SDM_STATUS_DATA_OVERRUN with the LUNs that the map holds. */
 VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId, SD_UINT16* pLuns, SD_UINT32* pLunCount);
 
 #ifdef __cplusplus

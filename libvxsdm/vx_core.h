@@ -28,6 +28,7 @@ inline constexpr uint32_t VX_IFTYPE_PHYSICAL = 1;
 inline constexpr uint32_t VX_IFTYPE_VIRTUAL = 3;
 
 struct INT_OPT_ROM_LAYOUT;
+struct vxapi_channel_ops;
 
 // One registered port-event callback of the Common HBA API client.
 struct vxapi_hbapt_reg_cb_t {
@@ -102,7 +103,10 @@ struct vxapi_priv_database {
     vxapi_phy_info* phy_info;
     vxapi_priv_database* parent;
     vxapi_aen_callback_table* api_event_cbs;
-    uint8_t reserved[168];
+    // The port's channel table (vx_channel.h), taken out of the reserved
+    // bytes so that the record keeps its size and offsets.
+    const vxapi_channel_ops* channel;
+    uint8_t reserved[168 - sizeof(void*)];
 };
 static_assert(offsetof(vxapi_priv_database, oshandle) == 256);
 static_assert(offsetof(vxapi_priv_database, wwnn) == 280);
@@ -340,7 +344,7 @@ int vxapi_open_device_o(const char* path, uint32_t drvr_inst, uint32_t inst, uin
 int vxapi_set_instance(int fd, uint32_t drvr_inst, const vxapi_priv_database* record, uint32_t* host_no,
                        uint32_t* pext_stat);
 // Driver version and capability flags (64 bytes); the leaf convention.
-int vxapi_get_driver_specifics(int fd, vxapi_priv_database* record, EXT_LN_DRIVER_DATA* data, uint32_t* pext_stat);
+int vxapi_get_driver_specifics(int handle, vxapi_priv_database* inst, EXT_LN_DRIVER_DATA* data, uint32_t* pext_stat);
 
 // Pure steps of the ioctl discovery.
 // "%c%05d" from the node record's serial-number bytes s0 s1 s2:
@@ -370,12 +374,19 @@ int vxapi_init_ext_ioctl_o(uint16_t subcmd, uint16_t inst, const void* req_ptr, 
 uint32_t convert_ioctl(uint32_t code);
 // ioctl(fd, req, pext), the number converted for ports without VX_FEAT_NEW_IOCTL.
 int sdm_ioctl(int fd, uint32_t req, void* pext, const vxapi_priv_database* record);
-// One request on an ioctl port, in the port's record generation. Returns the
-// ioctl result (0, or -1 with errno) or 1 when the request could not be
-// framed; the driver's Status and DetailStatus go to the out-pointers.
+// What the count and instance-selection commands hand back in the request
+// record itself.
+struct vxapi_ext_answer {
+    uint16_t instance;    // EXT_CC_GET_HBA_CNT: the adapter count
+    uint16_t hba_select;  // EXT_CC_SET_INSTANCE: the host number
+};
+// The one send path of the ioctl channel: one request on an ioctl port, in
+// the port's record generation. Returns the ioctl result (0, or -1 with
+// errno) or 1 when the request could not be framed; the driver's Status and
+// DetailStatus go to the out-pointers, the record's answer fields to `answer`.
 int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
-                         uint32_t* pext_stat, uint32_t* pext_dstat);
+                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer = nullptr);
 
 // ---- Discovery call-outs: flash layout, image versions, VPD fields ----
 // (vx_core_flash, vx_core_vpd). `handle` is 0 when called during discovery.
@@ -445,10 +456,10 @@ int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift)
 
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the
-// driver's extended status back through pext_stat. Sysfs ports (feature
-// 0x20) are answered by the vxsysfs_ twin of the same name; the others send
-// one extended-ioctl request. Result: 0, the ioctl's -1 with errno, or 1
-// when the request could not be made.
+// driver's extended status back through pext_stat. Each dispatches through
+// the port's channel table (vx_channel.h): the vxsysfs_ twin of the same
+// name, or one extended-ioctl request. Result: 0, the ioctl's -1 with errno,
+// or 1 when the request could not be made.
 struct TGT_LUN_DATA_LIST;
 struct FO_LUN_DATA_LIST;
 int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
@@ -509,9 +520,11 @@ uint32_t vxapi_get_flash_sector_size(int handle, vxapi_priv_database* inst, uint
 int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
 // The MPI and PEP firmware versions kept in flash (3 bytes each).
 int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst, uint8_t* mpi_ver, uint8_t* pep_ver);
-// Status of loading the adapter's option ROM layout for a property call.
-uint32_t vxapi_get_option_rom_layout_status(uint32_t handle);
-// DCBX parameters of a converged port into `buf`.
-int vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat);
+// True when the port's adapter has the option ROM layout its family needs.
+bool vxapi_option_rom_layout_ready(const vxapi_priv_database* inst);
+// DCBX parameters of a converged port into `size` bytes of `buf`
+// (EXT_DCBX_PARAM, then the peer's TLVs). The leaf convention.
+int32_t vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
+                             uint32_t* pext_stat);
 // The FCoE component versions as an ADAPTERREGIONVERSION of `size` bytes.
 int vxapi_copy_fcoe_versions(vxapi_priv_database* inst, uint8_t* buf, uint32_t size);

@@ -111,7 +111,7 @@ bool fits_32bit(const void* p, uint32_t len) { return !p || vxapi_ptr_to_64bit(p
 
 int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
-                         uint32_t* pext_stat, uint32_t* pext_dstat) {
+                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer) {
     if (!record)
         return 1;
     const uint32_t number = ext_ioctl_number(command);
@@ -124,6 +124,8 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
             *pext_stat = ext.Status;
         if (pext_dstat)
             *pext_dstat = ext.DetailStatus;
+        if (answer)
+            *answer = {ext.Instance, ext.HbaSelect};
         return rc;
     }
 
@@ -155,6 +157,8 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
         *pext_stat = ext.Status;
     if (pext_dstat)
         *pext_dstat = ext.DetailStatus;
+    if (answer)
+        *answer = {ext.Instance, ext.HbaSelect};
     errno = saved;
     return rc;
 }

@@ -16,9 +16,6 @@ namespace {
 constexpr uint32_t TRC = VXDBG_TRACE;
 constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_TRACE;
 
-constexpr uint32_t EXT_STATUS_NOT_REACHED = 9;
-constexpr uint32_t EXT_STATUS_UNSUPPORTED = 20;
-
 void set_status(uint32_t* pext_stat, uint32_t status) {
     if (pext_stat)
         *pext_stat = status;
@@ -39,7 +36,7 @@ uint16_t device_of(const vxapi_priv_database* inst) {
 
 // Flash is read through the port's own descriptor: discovery has no API handle yet.
 int read_flash(vxapi_priv_database* inst, uint32_t offset, uint8_t* buf, uint32_t len, uint32_t* ext_stat) {
-    *ext_stat = EXT_STATUS_NOT_REACHED;
+    *ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     return vxapi_flash_read_at(inst->oshandle, inst, offset, buf, len, ext_stat);
 }
 
@@ -370,7 +367,7 @@ int vxapi_get_optrom_layout(uint32_t handle, vxapi_priv_database* inst, uint8_t*
     const vx_family family = family_of(inst);
     if ((inst->features & VX_FEAT_SYSFS) || family == vx_family::Swift || family == vx_family::Kite)
         return vxsysfs_get_optrom_layout(handle, inst, buffer, buffer_size, pext_status);
-    uint32_t ext_stat = EXT_STATUS_NOT_REACHED;
+    uint32_t ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     const int rc = vxapi_send_ext_ioctl(inst->oshandle, inst, EXT_CC_GET_OPTROM_LAYOUT, 0, 0, nullptr, 0, buffer,
                                         buffer_size, &ext_stat, nullptr);
     set_status(pext_status, ext_stat);
@@ -387,7 +384,7 @@ uint32_t vxapi_override_flt(uint32_t handle, vxapi_priv_database* inst) {
         return 1;
     }
     memset(&gOptRomLayout, 0, sizeof gOptRomLayout);
-    uint32_t ext_stat = EXT_STATUS_NOT_REACHED;
+    uint32_t ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     vxsysfs_get_optrom_layout(handle, inst, buf.get(), VX_OPTROM_LAYOUT_SIZE, &ext_stat);
     vxdbg_num(TRC, "vxapi_override_flt: exiting. ext status=", ext_stat, VXDBG_DEC, 1);
     return ext_stat;
@@ -579,7 +576,7 @@ int vxapi_query_adapter_versions(uint32_t handle, vxapi_priv_database* inst, uin
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no versions found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_query_adapter_versions: no versions found.");
     return 1;
 }
@@ -588,7 +585,7 @@ int vxapi_get_flash_mpi_edc_versions(uint32_t handle, vxapi_priv_database* inst,
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no versions found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_get_flash_mpi_edc_versions: no versions found.");
     return 1;
 }
@@ -597,7 +594,7 @@ int vxapi_get_nic_bootcode_version(uint32_t handle, vxapi_priv_database* inst, u
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no versions found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_get_nic_bootcode_version: no versions found.");
     return 1;
 }
@@ -606,7 +603,7 @@ int vxapi_get_active_image_set(uint32_t handle, vxapi_priv_database* inst, uint3
     (void)handle;
     (void)inst;
     // The full operation comes with the flash work: no image set found yet.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_get_active_image_set: no image set found.");
     return 1;
 }
@@ -619,7 +616,7 @@ int vxapi_flash_update_capabilities(uint32_t handle, vxapi_priv_database* inst, 
     (void)caps_len;
     (void)set;
     // The full operation comes with the flash work: the request cannot be made yet.
-    set_status(pext_stat, EXT_STATUS_UNSUPPORTED);
+    set_status(pext_stat, EXT_STATUS_INVALID_REQUEST);
     vxdbg_line(ERR, "vxapi_flash_update_capabilities: driver lacks the request.");
     return 1;
 }
@@ -630,7 +627,7 @@ int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NOD
     (void)node;
     // The full operation comes with the flash work: no versions found yet,
     // the node keeps the driver's.
-    set_status(pext_stat, EXT_STATUS_NOT_REACHED);
+    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
     vxdbg_line(ERR, "vxapi_read_flash_versions: no versions found.");
     return 1;
 }
@@ -645,30 +642,16 @@ int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst,
     return 1;
 }
 
-// Stands in for the option ROM layout query until the flash work exports it:
+// Stands in for the option ROM layout query until the flash work brings it:
 // a layout table family whose table was not read at discovery has no layout.
-uint32_t vxapi_get_option_rom_layout_status(uint32_t handle) {
-    const vxapi_priv_database* inst = check_handle(handle);
-    if (!inst)
-        return 0x20000065;
-    const vxapi_phy_info* phy = inst->phy_info;
+bool vxapi_option_rom_layout_ready(const vxapi_priv_database* inst) {
+    const vxapi_phy_info* phy = inst ? inst->phy_info : nullptr;
     if (phy && vx_adapter_has(phy->device_id, VX_MARK_FLT) && vx_adapter_family(phy->device_id) != vx_family::Kite &&
         !phy->pflt_layout) {
-        vxdbg_line(ERR, "vxapi_get_option_rom_layout_status: no layout.");
-        return 0x20000075;
+        vxdbg_line(ERR, "vxapi_option_rom_layout_ready: no layout.");
+        return false;
     }
-    return 0;
-}
-
-int vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat) {
-    (void)handle;
-    (void)inst;
-    (void)buf;
-    (void)size;
-    // The full operation comes with the converged-port work: the request cannot be made yet.
-    set_status(pext_stat, EXT_STATUS_UNSUPPORTED);
-    vxdbg_line(ERR, "vxapi_get_dcbx_param: driver lacks the request.");
-    return 0;
+    return true;
 }
 
 int vxapi_copy_fcoe_versions(vxapi_priv_database* inst, uint8_t* buf, uint32_t size) {

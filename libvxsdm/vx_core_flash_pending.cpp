@@ -7,7 +7,6 @@
 
 namespace {
 constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_TRACE;
-constexpr uint32_t EXT_STATUS_NOT_REACHED = 9;
 }  // namespace
 
 int vxapi_flash_read_at(int handle, vxapi_priv_database* inst, uint32_t offset, uint8_t* buf, uint32_t len,
@@ -17,7 +16,7 @@ int vxapi_flash_read_at(int handle, vxapi_priv_database* inst, uint32_t offset, 
     (void)buf;
     (void)len;
     if (pext_stat)
-        *pext_stat = EXT_STATUS_NOT_REACHED;
+        *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
     vxdbg_num(ERR, "vxapi_flash_read_at: no flash transport yet. offset=", offset, VXDBG_HEX, 1);
     return 1;
 }

@@ -13,6 +13,7 @@
 
 #include "exioctln.h"
 #include "vx_adapters.h"
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
 #include "vx_sysfs.h"
@@ -85,28 +86,15 @@ struct control_answer {
     uint16_t hba_select = 0;  // EXT_CC_SET_INSTANCE: the host number
 };
 
-// One request without buffers in the record's generation. The answer's
-// Instance and HbaSelect are what these commands return, which the common
-// send path does not hand back. The ioctl result, or 1 when not framed.
-template <typename Ext, typename Init>
-int control_request_as(Init init, int fd, const vxapi_priv_database* record, uint32_t number, uint16_t instance,
-                       control_answer* out) {
-    Ext ext;
-    if (init(0, instance, nullptr, 0, nullptr, 0, record, &ext) != 0)
-        return 1;
-    const int rc = sdm_ioctl(fd, number, &ext, record);
-    out->status = ext.Status;
-    out->instance = ext.Instance;
-    out->hba_select = ext.HbaSelect;
-    return rc;
-}
-
+// One request without buffers; its answer comes back in the record itself.
 int control_request(int fd, const vxapi_priv_database* record, uint8_t command, uint16_t instance,
                     control_answer* out) {
-    const uint32_t number = ext_ioctl_number(command);
-    if (record->features & VX_FEAT_NEW_IOCTL)
-        return control_request_as<EXT_IOCTL>(vxapi_init_ext_ioctl_n, fd, record, number, instance, out);
-    return control_request_as<EXT_IOCTL_O>(vxapi_init_ext_ioctl_o, fd, record, number, instance, out);
+    vxapi_ext_answer answer{};
+    const int rc =
+        vxapi_send_ext_ioctl(fd, record, command, 0, instance, nullptr, 0, nullptr, 0, &out->status, nullptr, &answer);
+    out->instance = answer.instance;
+    out->hba_select = answer.hba_select;
+    return rc;
 }
 
 int open_device(const char* fn, bool older, const char* path, uint32_t drvr_inst, uint32_t inst, uint32_t* hba_cnt,
@@ -170,15 +158,15 @@ struct generation {
     const char* fn;
     bool older;
     const char* node_failed;  // the node query's failure text
-    uint32_t served_mark;     // device ids this generation serves (0: every id of the table)
 };
 
-constexpr generation NEWER{"vxapi_find_all_instances_n", false, "): query ioctl failed. stat=", 0};
-constexpr generation OLDER{"vxapi_find_all_instances_o", true, "): ioctl failed. stat=", VX_MARK_IOCTL_O};
+constexpr generation NEWER{"vxapi_find_all_instances_n", false, "): query ioctl failed. stat="};
+constexpr generation OLDER{"vxapi_find_all_instances_o", true, "): ioctl failed. stat="};
 
-bool served(const generation& g, uint16_t device_id) {
-    return g.served_mark ? vx_adapter_has(device_id, g.served_mark) : vx_adapter_lookup(device_id) != nullptr;
-}
+// The newer driver is asked for its ports by index and may list boards that
+// this library does not drive; the older driver lists only its own ports,
+// every one of which is kept.
+bool served(const generation& g, uint16_t device_id) { return g.older || vx_adapter_lookup(device_id) != nullptr; }
 
 enum class port_result { accepted, dropped, unsupported, out_of_memory };
 
@@ -201,7 +189,9 @@ void set_serial(vxapi_phy_info* phy, const char* text) {
 void adapter_facts(const generation& g, vxapi_priv_database* rec, const EXT_HBA_NODE& node, uint32_t inst) {
     vxapi_phy_info* phy = rec->phy_info;
     const uint16_t id = phy->device_id;
-    if (vx_adapter_has(id, VX_MARK_FLT) && vxapi_set_option_rom_layout(0, rec) != 0) {
+    // The older generation sets a layout for every adapter, the newer only
+    // for the families that keep a layout table in flash.
+    if ((g.older || vx_adapter_has(id, VX_MARK_FLT)) && vxapi_set_option_rom_layout(0, rec) != 0) {
         if (vxdbg_on(ERR)) {
             vxdbg_print(g.fn, 0, VXDBG_NONE, 0);
             vxdbg_print(": set option rom layout failed.", 0, VXDBG_NONE, 1);
@@ -283,7 +273,7 @@ port_result discover_port(const generation& g, vxapi_priv_database* rec, uint32_
             vxdbg_print(g.fn, 0, VXDBG_NONE, 0);
             vxdbg_print(": inst ", inst, VXDBG_DEC, 0);
             vxdbg_print(" specifics ioctl failed. stat=", stat, VXDBG_DEC, 0);
-            vxdbg_print(" ret_ioctl=", static_cast<uint64_t>(static_cast<int64_t>(drc)), VXDBG_INT, 1);
+            vxdbg_print(" ret_ioctl=", static_cast<uint32_t>(drc), VXDBG_INT, 1);
         }
         // Nothing known about the driver: its capability bits are not taken.
         memset(&drv, 0, sizeof drv);
@@ -354,7 +344,9 @@ port_result discover_port(const generation& g, vxapi_priv_database* rec, uint32_
     }
 
     rec->features |= VX_FEAT_PROPS_READ;
-    vxapi_apply_driver_caps(rec, &drv);
+    // Only the newer generation's driver data carries capability flags.
+    if (!g.older)
+        vxapi_apply_driver_caps(rec, &drv);
     return port_result::accepted;
 }
 
@@ -405,6 +397,7 @@ bool alloc_port(const char* fn, uint32_t features) {
     uint32_t err = 0;
     if (vxapi_alloc_api_priv_data_mem(&err) == 0) {
         current_priv_inst->features = features;
+        vxapi_set_channel(current_priv_inst);
         return true;
     }
     if (vxdbg_on(ERR)) {
@@ -544,8 +537,10 @@ int vxapi_charnode_make(const char* path, uint32_t major_no, uint32_t minor_no) 
 int vxapi_charnode_exist(char* path, size_t path_size, const char* driver) {
     if (!path || !driver || path_size == 0)
         return 1;
-    char dev_attr[128];
-    snprintf(dev_attr, sizeof dev_attr, "/sys/class/%s/%s/dev", driver, driver);
+    char root[VXSYSFS_PATH_LEN];
+    vxsysfs_root(root, sizeof root);
+    char dev_attr[VXSYSFS_PATH_LEN + 64];
+    snprintf(dev_attr, sizeof dev_attr, "%s/class/%s/%s/dev", root, driver, driver);
     uint32_t major_no = 0, minor_no = 0;
     const int found = vxapi_charnode_numbers(dev_attr, PROC_DEVICES, driver, &major_no, &minor_no);
     if (found == 2) {
@@ -604,17 +599,16 @@ int vxapi_open_device_o(const char* path, uint32_t drvr_inst, uint32_t inst, uin
     return open_device("vxapi_open_device_o", true, path, drvr_inst, inst, hba_cnt, record);
 }
 
-int vxapi_get_driver_specifics(int fd, vxapi_priv_database* record, EXT_LN_DRIVER_DATA* data, uint32_t* pext_stat) {
-    if (!record || !data) {
-        if (pext_stat)
-            *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
-        vxdbg_line(ERR, "vxapi_get_driver_specifics: invalid parameter.");
-        return 1;
-    }
-    if (record->features & VX_FEAT_SYSFS)
-        return vxsysfs_get_driver_specifics(static_cast<uint32_t>(fd), record, data, pext_stat);
-    return vxapi_send_ext_ioctl(fd, record, EXT_CC_DRIVER_SPECIFICS, 0, 0, nullptr, 0, data, sizeof *data, pext_stat,
+int32_t vxapi_ioctl_get_driver_specifics(int handle, vxapi_priv_database* inst, EXT_LN_DRIVER_DATA* data,
+                                         uint32_t* pext_stat) {
+    return vxapi_send_ext_ioctl(handle, inst, EXT_CC_DRIVER_SPECIFICS, 0, 0, nullptr, 0, data, sizeof *data, pext_stat,
                                 nullptr);
+}
+
+int vxapi_get_driver_specifics(int handle, vxapi_priv_database* inst, EXT_LN_DRIVER_DATA* data, uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_get_driver_specifics", inst, data, pext_stat))
+        return 1;
+    return inst->channel->get_driver_specifics(handle, inst, data, pext_stat);
 }
 
 // ---- Discovery ----

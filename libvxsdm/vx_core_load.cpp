@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "vsdmgt.h"
@@ -22,9 +23,9 @@ namespace {
 
 constexpr uint32_t LOAD_TRACE = VXDBG_TRACE;
 constexpr uint32_t LOAD_ERROR = VXDBG_ERROR | VXDBG_TRACE;
-constexpr uint32_t SD_TRACE = VXDBG_SDAPI;
+constexpr uint32_t SD_TRACE = VXDBG_TRACE | VXDBG_SDAPI;
 constexpr uint32_t SD_ERROR = VXDBG_ERROR | VXDBG_SDAPI;
-constexpr uint32_t COUNT_TRACE = VXDBG_HBAAPI;
+constexpr uint32_t COUNT_TRACE = VXDBG_TRACE | VXDBG_HBAAPI;
 constexpr uint32_t COUNT_ERROR = VXDBG_ERROR | VXDBG_HBAAPI;
 
 // Signals after which the process should not leave adapters behind half
@@ -109,7 +110,11 @@ int vxapi_check_esx() {
 // management library does not load kernel modules behind its caller's back,
 // so this only finds out whether it is there.
 int vxapi_load_vioctlmod() {
-    is_vioctlmod_loaded = access("/sys/module/vioctlmod", F_OK) == 0 ? 1 : 0;
+    char root[VXSYSFS_PATH_LEN];
+    vxsysfs_root(root, sizeof root);
+    char module[VXSYSFS_PATH_LEN + 32];
+    snprintf(module, sizeof module, "%s/module/vioctlmod", root);
+    is_vioctlmod_loaded = access(module, F_OK) == 0 ? 1 : 0;
     vxdbg_num(LOAD_TRACE, "vxapi_load_vioctlmod: is_vioctlmod_loaded=", is_vioctlmod_loaded, VXDBG_DEC, 1);
     return is_vioctlmod_loaded ? 0 : 1;
 }

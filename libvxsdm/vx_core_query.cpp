@@ -1,13 +1,12 @@
-// Leaf operations behind the property, discovered-port and LUN calls: each
-// answers a sysfs port through its vxsysfs_ twin and any other port with one
-// extended-ioctl request.
+// Leaf operations behind the property, discovered-port and LUN calls: the
+// dispatchers, and the extended-ioctl side of each (one request each).
 #include <cstring>
 
 #include "exioct.h"
 #include "exioctln.h"
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
-#include "vx_sysfs.h"
 
 // Loop id 0..126 to its arbitrated-loop physical address, as FC-AL numbers them.
 const uint8_t alpa_table[127] = {
@@ -26,27 +25,16 @@ namespace {
 constexpr uint32_t TRC = VXDBG_TRACE;
 constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_TRACE;
 
-constexpr uint32_t EXT_STATUS_NOT_REACHED = 9;
-
-bool is_sysfs(const vxapi_priv_database* inst) { return (inst->features & VX_FEAT_SYSFS) != 0; }
-
 // The driver status lands in the caller's word, or nowhere when it gave none.
 uint32_t& status_word(uint32_t* pext_stat, uint32_t& local) { return pext_stat ? *pext_stat : local; }
-
-int32_t refuse(const char* name, uint32_t& ext_stat) {
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (vxdbg_on(ERR)) {
-        vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": invalid parameter.", 0, VXDBG_NONE, 1);
-    }
-    return 1;
-}
 
 // One request on an ioctl port; a request that cannot be framed is traced
 // as such and reported as 1.
 int32_t send(const char* name, int handle, vxapi_priv_database* inst, uint8_t command, uint16_t subcode,
-             uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t& ext_stat,
+             uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t* pext_stat,
              uint32_t* pext_dstat) {
+    uint32_t local = 0;
+    uint32_t& ext_stat = status_word(pext_stat, local);
     const int rc = vxapi_send_ext_ioctl(handle, inst, command, subcode, instance, req, req_len, resp, resp_len,
                                         &ext_stat, pext_dstat);
     if (rc == 1 && vxdbg_on(ERR)) {
@@ -55,31 +43,19 @@ int32_t send(const char* name, int handle, vxapi_priv_database* inst, uint8_t co
     }
     if (vxdbg_on(TRC)) {
         vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": exiting. ret=", static_cast<uint64_t>(static_cast<int64_t>(rc)), VXDBG_INT, 0);
+        vxdbg_print(": exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 0);
         vxdbg_print(" stat=", ext_stat, VXDBG_DEC, 1);
     }
     return rc;
 }
 
 int32_t query(const char* name, int handle, vxapi_priv_database* inst, uint16_t subcode, uint16_t index, void* rec,
-              uint32_t len, uint32_t& ext_stat) {
-    vxdbg_num(TRC, name, subcode, VXDBG_DEC, 1);
-    return send(name, handle, inst, EXT_CC_QUERY, subcode, index, nullptr, 0, rec, len, ext_stat, nullptr);
-}
-
-// The shape of every record query: refuse a missing port or record, hand a
-// sysfs port to its twin, send one query for any other.
-template <typename Record>
-int32_t query_leaf(const char* name, int handle, vxapi_priv_database* inst, Record* rec, uint32_t* pext_stat,
-                   uint16_t subcode, uint16_t index,
-                   int32_t (*twin)(uint32_t, vxapi_priv_database*, Record*, uint32_t*)) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !rec)
-        return refuse(name, ext_stat);
-    if (is_sysfs(inst))
-        return twin(static_cast<uint32_t>(handle), inst, rec, &ext_stat);
-    return query(name, handle, inst, subcode, index, rec, sizeof *rec, ext_stat);
+              uint32_t len, uint32_t* pext_stat) {
+    if (vxdbg_on(TRC)) {
+        vxdbg_print(name, 0, VXDBG_NONE, 0);
+        vxdbg_print(": entered. subcode=", subcode, VXDBG_DEC, 1);
+    }
+    return send(name, handle, inst, EXT_CC_QUERY, subcode, index, nullptr, 0, rec, len, pext_stat, nullptr);
 }
 
 bool contains(const uint8_t* text, size_t size, const char* word) {
@@ -93,11 +69,23 @@ bool contains(const uint8_t* text, size_t size, const char* word) {
 
 }  // namespace
 
-int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat) {
-    const int32_t rc = query_leaf("vxapi_query_hbanode", handle, inst, node, pext_stat, EXT_SC_QUERY_HBA_NODE, 0,
-                                  vxsysfs_query_hbanode);
-    if (!inst || !node || is_sysfs(inst))
-        return rc;
+bool vxapi_leaf_ready(const char* name, const vxapi_priv_database* inst, bool args_ok, uint32_t* pext_stat) {
+    if (inst && inst->channel && args_ok)
+        return true;
+    if (pext_stat)
+        *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (vxdbg_on(ERR)) {
+        vxdbg_print(name, 0, VXDBG_NONE, 0);
+        vxdbg_print(": invalid parameter.", 0, VXDBG_NONE, 1);
+    }
+    return false;
+}
+
+// ---- Extended-ioctl side ----
+
+int32_t vxapi_ioctl_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat) {
+    const int32_t rc =
+        query("vxapi_query_hbanode", handle, inst, EXT_SC_QUERY_HBA_NODE, 0, node, sizeof *node, pext_stat);
     // A VMware driver reports the ports of the whole board; each physical
     // port counts as one there.
     if (rc == 0 && contains(node->DriverVersion, sizeof node->DriverVersion, "vm") &&
@@ -106,101 +94,161 @@ int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE*
     return rc;
 }
 
+int32_t vxapi_ioctl_query_hbaport(int handle, vxapi_priv_database* inst, EXT_HBA_PORT* port, uint32_t* pext_stat) {
+    return query("vxapi_query_hbaport", handle, inst, EXT_SC_QUERY_HBA_PORT, 0, port, sizeof *port, pext_stat);
+}
+
+int32_t vxapi_ioctl_query_chip(int handle, vxapi_priv_database* inst, EXT_CHIP* chip, uint32_t* pext_stat) {
+    return query("vxapi_query_chip", handle, inst, EXT_SC_QUERY_CHIP, 0, chip, sizeof *chip, pext_stat);
+}
+
+int32_t vxapi_ioctl_query_driver(int handle, vxapi_priv_database* inst, EXT_DRIVER* drv, uint32_t* pext_stat) {
+    return query("vxapi_query_driver", handle, inst, EXT_SC_QUERY_DRIVER, 0, drv, sizeof *drv, pext_stat);
+}
+
+int32_t vxapi_ioctl_query_fw(int handle, vxapi_priv_database* inst, EXT_FW* fw, uint32_t* pext_stat) {
+    return query("vxapi_query_fw", handle, inst, EXT_SC_QUERY_FW, 0, fw, sizeof *fw, pext_stat);
+}
+
+int32_t vxapi_ioctl_query_cnaport(int handle, vxapi_priv_database* inst, EXT_CNA_PORT* cna, uint32_t* pext_stat) {
+    return query("vxapi_query_cnaport", handle, inst, EXT_SC_QUERY_CNA_PORT, 0, cna, sizeof *cna, pext_stat);
+}
+
+int32_t vxapi_ioctl_query_discport(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_PORT* port,
+                                   uint32_t* pext_stat) {
+    return query("vxapi_query_discport", handle, inst, EXT_SC_QUERY_DISC_PORT, index, port, sizeof *port, pext_stat);
+}
+
+int32_t vxapi_ioctl_query_disctgt(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_TARGET* tgt,
+                                  uint32_t* pext_stat) {
+    return query("vxapi_query_disctgt", handle, inst, EXT_SC_QUERY_DISC_TGT, index, tgt, sizeof *tgt, pext_stat);
+}
+
+int32_t vxapi_ioctl_get_port_summary(int handle, vxapi_priv_database* inst, uint32_t* type_mask,
+                                     EXT_DEVICEDATA* data, uint32_t size, uint32_t* pext_stat,
+                                     uint32_t* pext_dstat) {
+    vxdbg_num(TRC, "vxapi_get_port_summary: entered. type mask=", *type_mask, VXDBG_HEX, 1);
+    return send("vxapi_get_port_summary", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_PORT_SUMMARY, 0, type_mask,
+                sizeof *type_mask, data, size, pext_stat, pext_dstat);
+}
+
+int32_t vxapi_ioctl_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, TGT_LUN_DATA_LIST* list,
+                                          uint32_t list_len, uint32_t* pext_stat) {
+    vxdbg_num(TRC, "vxapi_get_tgt_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
+    return send("vxapi_get_tgt_lun_data_list", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_TGT_LUN_DATA_LIST, 0,
+                nullptr, 0, list, list_len, pext_stat, nullptr);
+}
+
+int32_t vxapi_ioctl_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn, uint32_t wwpn_len,
+                                     EXT_SCSI_ADDR* addr, uint32_t* pext_stat) {
+    vxdbg_line(TRC, "vxapi_wwpn_to_scsiaddr: entered.");
+    memset(addr, 0, sizeof *addr);
+    return send("vxapi_wwpn_to_scsiaddr", handle, inst, EXT_CC_WWPN_TO_SCSIADDR, 0, 0, wwpn, wwpn_len, addr,
+                sizeof *addr, pext_stat, nullptr);
+}
+
+int32_t vxapi_ioctl_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
+                                   uint32_t* pext_stat) {
+    vxdbg_num(TRC, "vxapi_get_dcbx_param: entered. size=", size, VXDBG_DEC, 1);
+    return send("vxapi_get_dcbx_param", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_DCBX_PARAM, 0, nullptr, 0, buf, size,
+                pext_stat, nullptr);
+}
+
+// ---- Leaves: the common checks, then the port's channel ----
+
+int32_t vxapi_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_query_hbanode", inst, node, pext_stat))
+        return 1;
+    return inst->channel->query_hbanode(handle, inst, node, pext_stat);
+}
+
 int32_t vxapi_query_hbaport(int handle, vxapi_priv_database* inst, EXT_HBA_PORT* port, uint32_t* pext_stat) {
-    return query_leaf("vxapi_query_hbaport", handle, inst, port, pext_stat, EXT_SC_QUERY_HBA_PORT, 0, vxsysfs_query_hbaport);
+    if (!vxapi_leaf_ready("vxapi_query_hbaport", inst, port, pext_stat))
+        return 1;
+    return inst->channel->query_hbaport(handle, inst, port, pext_stat);
 }
 
 int32_t vxapi_query_chip(int handle, vxapi_priv_database* inst, EXT_CHIP* chip, uint32_t* pext_stat) {
-    return query_leaf("vxapi_query_chip", handle, inst, chip, pext_stat, EXT_SC_QUERY_CHIP, 0, vxsysfs_query_chip);
+    if (!vxapi_leaf_ready("vxapi_query_chip", inst, chip, pext_stat))
+        return 1;
+    return inst->channel->query_chip(handle, inst, chip, pext_stat);
 }
 
 int32_t vxapi_query_driver(int handle, vxapi_priv_database* inst, EXT_DRIVER* drv, uint32_t* pext_stat) {
-    return query_leaf("vxapi_query_driver", handle, inst, drv, pext_stat, EXT_SC_QUERY_DRIVER, 0, vxsysfs_query_driver);
+    if (!vxapi_leaf_ready("vxapi_query_driver", inst, drv, pext_stat))
+        return 1;
+    return inst->channel->query_driver(handle, inst, drv, pext_stat);
 }
 
 int32_t vxapi_query_fw(int handle, vxapi_priv_database* inst, EXT_FW* fw, uint32_t* pext_stat) {
-    return query_leaf("vxapi_query_fw", handle, inst, fw, pext_stat, EXT_SC_QUERY_FW, 0, vxsysfs_query_fw);
+    if (!vxapi_leaf_ready("vxapi_query_fw", inst, fw, pext_stat))
+        return 1;
+    return inst->channel->query_fw(handle, inst, fw, pext_stat);
 }
 
 int32_t vxapi_query_cnaport(int handle, vxapi_priv_database* inst, EXT_CNA_PORT* cna, uint32_t* pext_stat) {
-    return query_leaf("vxapi_query_cnaport", handle, inst, cna, pext_stat, EXT_SC_QUERY_CNA_PORT, 0, vxsysfs_query_cnaport);
+    if (!vxapi_leaf_ready("vxapi_query_cnaport", inst, cna, pext_stat))
+        return 1;
+    return inst->channel->query_cnaport(handle, inst, cna, pext_stat);
 }
 
 int32_t vxapi_query_discport(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_PORT* port,
                              uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !port)
-        return refuse("vxapi_query_discport", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_discport(static_cast<uint32_t>(handle), inst, index, port, &ext_stat);
-    return query("vxapi_query_discport", handle, inst, EXT_SC_QUERY_DISC_PORT, index, port, sizeof *port, ext_stat);
+    if (!vxapi_leaf_ready("vxapi_query_discport", inst, port, pext_stat))
+        return 1;
+    return inst->channel->query_discport(handle, inst, index, port, pext_stat);
 }
 
 int32_t vxapi_query_disctgt(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_TARGET* tgt,
                             uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !tgt)
-        return refuse("vxapi_query_disctgt", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_query_disctgt(static_cast<uint32_t>(handle), inst, index, tgt, &ext_stat);
-    return query("vxapi_query_disctgt", handle, inst, EXT_SC_QUERY_DISC_TGT, index, tgt, sizeof *tgt, ext_stat);
+    if (!vxapi_leaf_ready("vxapi_query_disctgt", inst, tgt, pext_stat))
+        return 1;
+    return inst->channel->query_disctgt(handle, inst, index, tgt, pext_stat);
 }
 
 int32_t vxapi_get_port_summary(int handle, vxapi_priv_database* inst, uint32_t* type_mask, EXT_DEVICEDATA* data,
                                uint32_t size, uint32_t* pext_stat, uint32_t* pext_dstat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
     if (pext_dstat)
         *pext_dstat = 0;
-    if (!inst || !type_mask || !data)
-        return refuse("vxapi_get_port_summary", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_get_port_summary(static_cast<uint32_t>(handle), inst, type_mask, data, size, &ext_stat,
-                                        pext_dstat);
-    vxdbg_num(TRC, "vxapi_get_port_summary: entered. type mask=", *type_mask, VXDBG_HEX, 1);
-    return send("vxapi_get_port_summary", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_PORT_SUMMARY, 0, type_mask,
-                sizeof *type_mask, data, size, ext_stat, pext_dstat);
+    if (!vxapi_leaf_ready("vxapi_get_port_summary", inst, type_mask && data, pext_stat))
+        return 1;
+    return inst->channel->get_port_summary(handle, inst, type_mask, data, size, pext_stat, pext_dstat);
 }
 
 int32_t vxapi_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, TGT_LUN_DATA_LIST* list,
                                     uint32_t list_len, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !list)
-        return refuse("vxapi_get_tgt_lun_data_list", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_get_tgt_lun_data_list(static_cast<uint32_t>(handle), inst, list, list_len, &ext_stat);
-    vxdbg_num(TRC, "vxapi_get_tgt_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
-    return send("vxapi_get_tgt_lun_data_list", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_TGT_LUN_DATA_LIST, 0,
-                nullptr, 0, list, list_len, ext_stat, nullptr);
-}
-
-int32_t vxapi_get_lun_data_list(int handle, vxapi_priv_database* inst, FO_LUN_DATA_LIST* list, uint32_t list_len,
-                                uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !list)
-        return refuse("vxapi_get_lun_data_list", ext_stat);
-    vxdbg_num(TRC, "vxapi_get_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
-    FO_LUN_DATA_INPUT input{};
-    return send("vxapi_get_lun_data_list", handle, inst, EXT_CC_GET_LUN_DATA, 0, 0, &input, sizeof input, list,
-                list_len, ext_stat, nullptr);
+    if (!vxapi_leaf_ready("vxapi_get_tgt_lun_data_list", inst, list, pext_stat))
+        return 1;
+    return inst->channel->get_tgt_lun_data_list(handle, inst, list, list_len, pext_stat);
 }
 
 int32_t vxapi_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn, uint32_t wwpn_len,
                                EXT_SCSI_ADDR* addr, uint32_t* pext_stat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    if (!inst || !wwpn || !addr)
-        return refuse("vxapi_wwpn_to_scsiaddr", ext_stat);
-    if (is_sysfs(inst))
-        return vxsysfs_wwpn_to_scsiaddr(static_cast<uint32_t>(handle), inst, wwpn, wwpn_len, addr, &ext_stat);
-    vxdbg_line(TRC, "vxapi_wwpn_to_scsiaddr: entered.");
-    memset(addr, 0, sizeof *addr);
-    return send("vxapi_wwpn_to_scsiaddr", handle, inst, EXT_CC_WWPN_TO_SCSIADDR, 0, 0, wwpn, wwpn_len, addr,
-                sizeof *addr, ext_stat, nullptr);
+    if (!vxapi_leaf_ready("vxapi_wwpn_to_scsiaddr", inst, wwpn && addr, pext_stat))
+        return 1;
+    return inst->channel->wwpn_to_scsiaddr(handle, inst, wwpn, wwpn_len, addr, pext_stat);
+}
+
+int32_t vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
+                             uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_get_dcbx_param", inst, buf, pext_stat))
+        return 1;
+    return inst->channel->get_dcbx_param(handle, inst, buf, size, pext_stat);
+}
+
+// No sysfs twin: the driver node answers on every port.
+int32_t vxapi_get_lun_data_list(int handle, vxapi_priv_database* inst, FO_LUN_DATA_LIST* list, uint32_t list_len,
+                                uint32_t* pext_stat) {
+    if (!inst || !list) {
+        if (pext_stat)
+            *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
+        vxdbg_line(ERR, "vxapi_get_lun_data_list: invalid parameter.");
+        return 1;
+    }
+    vxdbg_num(TRC, "vxapi_get_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
+    FO_LUN_DATA_INPUT input{};
+    return send("vxapi_get_lun_data_list", handle, inst, EXT_CC_GET_LUN_DATA, 0, 0, &input, sizeof input, list,
+                list_len, pext_stat, nullptr);
 }
 
 uint32_t vxapi_get_lun_addr(const uint8_t* lun) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
 
@@ -300,6 +301,7 @@ int vxapi_alloc_api_priv_data_mem(uint32_t* err) {
     if (!record)
         return fail("vxapi_alloc_api_priv_data_mem: not enough memory for api_priv_data instance", nullptr);
     record->oshandle = -1;
+    vxapi_set_channel(record);
     record->api_event_cbs = static_cast<vxapi_aen_callback_table*>(calloc(1, sizeof(vxapi_aen_callback_table)));
     if (!record->api_event_cbs)
         return fail("vxapi_alloc_api_priv_data_mem: not enough memory for api_event_cbs", record);

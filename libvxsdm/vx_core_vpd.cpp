@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "vx_adapters.h"
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
 #include "vx_sysfs.h"
@@ -141,26 +142,15 @@ int vxapi_get_field_from_vpd(const uint8_t* vpd, const char* key, int mode, uint
     return 1;
 }
 
+int32_t vxapi_ioctl_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz,
+                            uint32_t* pext_stat) {
+    return vxapi_send_ext_ioctl(handle, inst, EXT_CC_GET_VPD, 0, 0, nullptr, 0, buf, buf_sz, pext_stat, nullptr);
+}
+
 int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
-    uint32_t local_stat = 0;
-    uint32_t& ext_stat = pext_stat ? *pext_stat : local_stat;
-    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    if (!inst || !buf) {
-        vxdbg_line(ERR, "vxapi_get_vpd: invalid parameter.");
+    if (!vxapi_leaf_ready("vxapi_get_vpd", inst, buf, pext_stat))
         return 1;
-    }
-    if (!(inst->features & VX_FEAT_SYSFS))
-        return vxapi_send_ext_ioctl(handle, inst, EXT_CC_GET_VPD, 0, 0, nullptr, 0, buf, buf_sz, pext_stat, nullptr);
-    vxsysfs_path_t path;
-    vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), "vpd");
-    // A short answer is kept as far as it goes; only an attribute that
-    // cannot be read at all fails.
-    if (buf_sz != 0 && vxsysfs_read_file(path, buf, buf_sz) == buf_sz) {
-        vxdbg_line(ERR, "vxapi_get_vpd: vpd read failed.");
-        return 1;
-    }
-    ext_stat = EXT_STATUS_OK;
-    return 0;
+    return inst->channel->get_vpd(handle, inst, buf, buf_sz, pext_stat);
 }
 
 int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst) {

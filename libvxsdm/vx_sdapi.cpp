@@ -141,11 +141,10 @@ uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& no
         // carry the copies in flash.
         memcpy(prop->MpiFwVersion, node.BIMpiFwVersion, sizeof prop->MpiFwVersion);
         memcpy(prop->PepFwVersion, node.BIPepFwVersion, sizeof prop->PepFwVersion);
-        const uint32_t layout = vxapi_get_option_rom_layout_status(static_cast<uint32_t>(handle));
-        if (layout != SDM_STATUS_SUCCESS) {
+        if (!vxapi_option_rom_layout_ready(inst)) {
             vxdbg_num(SD_ERROR, "SDGetHbaDeviceNodeProperty: GetOptionRomLayout failed. handle=",
                       static_cast<uint32_t>(handle), VXDBG_HEX, 1);
-            return layout;
+            return SDM_STATUS_UNKNOWN_ERROR;
         }
         if (vxapi_get_flash_mpi_pep_versions(static_cast<uint32_t>(handle), inst, prop->BIMpiFwVersion,
                                              prop->BIPepFwVersion) == 0)
@@ -161,11 +160,11 @@ uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& no
 extern "C" VXSD_API SD_UINT32 SDGetHbaDeviceNodeProperty(int Device, DEVICENODEPROPERTY* pNodeProperty) {
     static constexpr const char* name = "SDGetHbaDeviceNodeProperty";
     trace_entry(name, Device);
-    if (!pNodeProperty)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pNodeProperty)
+        return null_record(name, Device);
     EXT_HBA_NODE node{};
     uint32_t ext_stat = 0;
     const int32_t rc = vxapi_query_hbanode(inst->oshandle, inst, &node, &ext_stat);
@@ -185,11 +184,11 @@ extern "C" VXSD_API SD_UINT32 SDGetHbaDevicePortProperty(int Device, SD_UINT16 H
     static constexpr const char* name = "SDGetHbaDevicePortProperty";
     (void)HbaDevPortNum;  // one port per handle
     trace_entry(name, Device);
-    if (!pPortProperty)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pPortProperty)
+        return null_record(name, Device);
     EXT_HBA_PORT port{};
     uint32_t ext_stat = 0;
     const int32_t rc = vxapi_query_hbaport(inst->oshandle, inst, &port, &ext_stat);
@@ -199,7 +198,7 @@ extern "C" VXSD_API SD_UINT32 SDGetHbaDevicePortProperty(int Device, SD_UINT16 H
         DEVICEPORTPROPERTY* p = pPortProperty;
         memcpy(p->WWN, port.WWPN, sizeof p->WWN);
         copy_port_id(p->PortID, port.Id);
-        if (port.Type == 1 || port.Type == 2)
+        if (port.Type == EXT_DEF_INITIATOR_DEV || port.Type == EXT_DEF_TARGET_DEV)
             p->PortType = static_cast<SD_UINT8>(port.Type);
         p->PortState = port.State == 0 ? 1 : port.State == 2 ? 3 : 2;
         if (port.Mode == 1 || port.Mode == 2)
@@ -219,11 +218,11 @@ extern "C" VXSD_API SD_UINT32 SDGetHbaDevicePortProperty(int Device, SD_UINT16 H
 extern "C" VXSD_API SD_UINT32 SDGetHbaDeviceChipProperty(int Device, CHIPPROPERTY* pChipProperty) {
     static constexpr const char* name = "SDGetHbaDeviceChipProperty";
     trace_entry(name, Device);
-    if (!pChipProperty)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pChipProperty)
+        return null_record(name, Device);
     EXT_CHIP chip{};
     uint32_t ext_stat = 0;
     const int32_t rc = vxapi_query_chip(inst->oshandle, inst, &chip, &ext_stat);
@@ -256,11 +255,11 @@ extern "C" VXSD_API SD_UINT32 SDGetHbaDeviceChipProperty(int Device, CHIPPROPERT
 extern "C" VXSD_API SD_UINT32 SDGetHbaDeviceDriverProperty(int Device, DRIVERPROPERTY* pDriverProperty) {
     static constexpr const char* name = "SDGetHbaDeviceDriverProperty";
     trace_entry(name, Device);
-    if (!pDriverProperty)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pDriverProperty)
+        return null_record(name, Device);
     EXT_DRIVER drv{};
     uint32_t ext_stat = 0;
     const int32_t rc = vxapi_query_driver(inst->oshandle, inst, &drv, &ext_stat);
@@ -285,11 +284,11 @@ extern "C" VXSD_API SD_UINT32 SDGetHbaDeviceDriverProperty(int Device, DRIVERPRO
 extern "C" VXSD_API SD_UINT32 SDGetHbaDeviceFirmwareProperty(int Device, FIRMWAREPROPERTY* pFirmwareProperty) {
     static constexpr const char* name = "SDGetHbaDeviceFirmwareProperty";
     trace_entry(name, Device);
-    if (!pFirmwareProperty)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pFirmwareProperty)
+        return null_record(name, Device);
     EXT_FW fw{};
     uint32_t ext_stat = 0;
     const int32_t rc = vxapi_query_fw(inst->oshandle, inst, &fw, &ext_stat);
@@ -382,6 +381,7 @@ extern "C" VXSD_API SD_UINT32 SDGetCnaPortData(int Device, SD_UINT16 CnaDevPortN
     static constexpr const char* name = "SDGetCnaPortData";
     (void)CnaDevPortNum;  // one port per handle
     trace_entry(name, Device);
+    // The one call whose buffer is refused before its handle is looked at.
     if (!pCnaPortData || !pCnaPortDataSize)
         return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
@@ -410,11 +410,11 @@ extern "C" VXSD_API SD_UINT32 SDGetDiscPortProperty(int Device, SD_UINT16 HbaDev
     (void)HbaDevPortNum;
     (void)GetType;
     trace_entry(name, Device);
-    if (!pDiscPortProperty)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pDiscPortProperty)
+        return null_record(name, Device);
     EXT_DISC_PORT port{};
     uint32_t ext_stat = 0;
     const int32_t rc =
@@ -426,7 +426,7 @@ extern "C" VXSD_API SD_UINT32 SDGetDiscPortProperty(int Device, SD_UINT16 HbaDev
         memcpy(p->NodeWWN, port.WWNN, sizeof p->NodeWWN);
         memcpy(p->PortWWN, port.WWPN, sizeof p->PortWWN);
         copy_port_id(p->PortID, port.Id);
-        if (port.Type == 1 || port.Type == 2)
+        if (port.Type == EXT_DEF_INITIATOR_DEV || port.Type == EXT_DEF_TARGET_DEV)
             p->PortType = static_cast<SD_UINT8>(port.Type);
         p->BusNumber = port.Bus;
         p->TargetID = port.TargetId;
@@ -443,11 +443,11 @@ extern "C" VXSD_API SD_UINT32 SDGetDiscTargetProperty(int Device, SD_UINT16 HbaD
     (void)HbaDevPortNum;
     (void)GetType;
     trace_entry(name, Device);
-    if (!pDiscTargetProperty)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pDiscTargetProperty)
+        return null_record(name, Device);
     EXT_DISC_TARGET tgt{};
     uint32_t ext_stat = 0;
     const int32_t rc =
@@ -511,11 +511,11 @@ extern "C" VXSD_API SD_UINT32 SDGetPortDatabase(int Device, SD_UINT16 TypeMode, 
                                                 SD_UINT32 DeviceInfoSize) {
     static constexpr const char* name = "SDGetPortDatabase";
     trace_entry(name, Device);
-    if (!pDeviceInfo)
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pDeviceInfo)
+        return null_record(name, Device);
     // Not even the header fits: nothing is written.
     if (DeviceInfoSize < DEVICEINFO_HEADER) {
         trace_call(SD_ERROR, name, Device, "): buffer size ", DeviceInfoSize, VXDBG_DEC);
@@ -586,11 +586,16 @@ extern "C" VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId,
                                                  SD_UINT32* pLunCount) {
     static constexpr const char* name = "SDGetTargetLunList";
     trace_entry(name, Device);
-    if (!pLunCount || (!pLuns && *pLunCount != 0))
-        return null_record(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
+    if (!pLunCount || (!pLuns && *pLunCount != 0))
+        return null_record(name, Device);
+    // The list names a target in one byte: a larger id cannot be asked for.
+    if (TargetId > VX_TGT_LUN_MAX_TARGET) {
+        trace_call(SD_ERROR, name, Device, "): target id beyond the list. tid=", TargetId, VXDBG_DEC);
+        return SDM_STATUS_NOT_SUPPORTED;
+    }
     const uint32_t map = (inst->features & VX_FEAT_DRV_CAP4) ? TGT_LUN_MAP_LARGE : TGT_LUN_MAP_SMALL;
     const size_t entry_size = map + TGT_LUN_DATA_ENTRY_HEADER;
     uint32_t status = SDM_STATUS_DEVICE_NOT_FOUND;
@@ -618,7 +623,7 @@ extern "C" VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId,
         for (uint32_t i = 0; i < entries && !found; ++i) {
             const auto* entry = reinterpret_cast<const TGT_LUN_DATA_ENTRY*>(work.get() + TGT_LUN_DATA_LIST_HEADER +
                                                                             i * entry_size);
-            if (TargetId <= 0xFF && entry->TargetId == TargetId)
+            if (entry->TargetId == TargetId)
                 found = entry;
         }
         if (!found) {
@@ -631,14 +636,20 @@ extern "C" VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId,
         const uint32_t capacity = *pLunCount;
         uint32_t count = 0;
         for (uint32_t lun = 0; lun < map; ++lun) {
-            if (!(lun_map[lun] & 0x80))
+            if (!(lun_map[lun] & EXT_DEF_LUN_PRESENT))
                 continue;
             if (count < capacity)
                 pLuns[count] = static_cast<SD_UINT16>(lun);
             ++count;
         }
         *pLunCount = count;
-        status = count > capacity ? SDM_STATUS_BUFFER_TOO_SMALL : SDM_STATUS_SUCCESS;
+        // LUNs whose numbers lie past the map are counted but cannot be
+        // named: the list is complete only when the two agree.
+        status = count > capacity          ? SDM_STATUS_BUFFER_TOO_SMALL
+                 : found->LunCount > count ? SDM_STATUS_DATA_OVERRUN
+                                           : SDM_STATUS_SUCCESS;
+        if (found->LunCount > count)
+            trace_call(SD_ERROR, name, Device, "): luns beyond the map=", found->LunCount - count, VXDBG_DEC);
         break;
     }
     trace_exit(name, Device, status);

@@ -3,10 +3,12 @@
 // and closed again for every call so that a crash loses at most one line.
 #include "vx_sddbg.h"
 
+#include <pthread.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 
 #include "vx_core.h"
 
@@ -24,8 +26,13 @@ size_t line_fill;
 
 // Keeps the shared line buffer whole when several threads trace at once;
 // the debug semaphore (when tracing was switched on) orders whole lines
-// among processes as well.
-std::mutex trace_mutex;
+// among processes as well. A plain pthread mutex: nothing here may throw
+// into a C caller.
+pthread_mutex_t trace_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// The buffer was just written out full, with a line feed of our own: the
+// message's own line feed, if it comes next, ends that same line.
+bool just_split;
 
 // A failing semaphore operation inside the trace would trace again.
 thread_local bool in_trace;
@@ -43,6 +50,11 @@ void flush_line() {
 }
 
 void vxdbg_putc(char c) {
+    if (c == '\n' && just_split && line_fill == 0) {
+        just_split = false;
+        return;
+    }
+    just_split = false;
     line_buf[line_fill++] = c;
     if (c == '\n') {
         flush_line();
@@ -50,6 +62,7 @@ void vxdbg_putc(char c) {
         // A message longer than the buffer is split into several lines.
         line_buf[line_fill++] = '\n';
         flush_line();
+        just_split = true;
     }
 }
 
@@ -103,10 +116,13 @@ void write_stamp() {
     }
 }
 
-// Holds the process lock and the debug semaphore for one trace call.
+// Holds the process lock and the debug semaphore for one trace call, and
+// keeps errno as the caller left it: callers trace a failure before they
+// hand its errno on.
 class trace_scope {
 public:
-    trace_scope() : lock_(trace_mutex) {
+    trace_scope() : saved_errno_(errno) {
+        pthread_mutex_lock(&trace_mutex);
         in_trace = true;
         if (api_dbg_sem_id != -1)
             vxapi_sem_wait(api_dbg_sem_id);
@@ -116,12 +132,14 @@ public:
         if (api_dbg_sem_id != -1)
             vxapi_sem_signal(api_dbg_sem_id);
         in_trace = false;
+        pthread_mutex_unlock(&trace_mutex);
+        errno = saved_errno_;
     }
     trace_scope(const trace_scope&) = delete;
     trace_scope& operator=(const trace_scope&) = delete;
 
 private:
-    std::lock_guard<std::mutex> lock_;
+    int saved_errno_;
 };
 
 struct dump_layout {

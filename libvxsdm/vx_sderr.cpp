@@ -5,6 +5,7 @@
 #include <iterator>
 #include <utility>
 
+#include "exioct.h"
 #include "vsdmgt.h"
 
 namespace {
@@ -143,7 +144,6 @@ constexpr uint32_t sd_driver_status_map[] = {
     0x20000101,  // 32
     0x20000110,  // 33
 };
-constexpr uint32_t DRIVER_STATUS_SCSI = 15;
 
 constexpr std::pair<uint8_t, uint32_t> sd_scsi_status_map[] = {
     {0x00, 0x00000000}, {0x02, 0x20000040}, {0x04, 0x20000041},
@@ -168,14 +168,14 @@ extern "C" VXSD_API char* SDGetErrorString(SD_UINT32 ErrorCode) {
 }
 
 extern "C" VXSD_API uint32_t SDXlateSDMErr(uint32_t ext_stat, uint32_t ext_dstat) {
-    if (ext_stat == DRIVER_STATUS_SCSI) {
+    if (ext_stat == EXT_STATUS_SCSI_STATUS) {
         const uint8_t scsi_status = static_cast<uint8_t>(ext_dstat & 0xFF);
         for (const auto& [status, sd] : sd_scsi_status_map)
             if (status == scsi_status)
                 return sd;
-        return 0x20000049;
+        return SDM_STATUS_SCSI_UNKNOWN_STATUS;
     }
     if (ext_stat < std::size(sd_driver_status_map))
         return sd_driver_status_map[ext_stat];
-    return 0x20000066;
+    return SDM_STATUS_NOT_SUPPORTED;
 }

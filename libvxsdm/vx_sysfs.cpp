@@ -128,8 +128,44 @@ int find_rport(vxsysfs_path_t& rpath, uint32_t host_no, F&& match) {
 }  // namespace
 
 dlist* vxsysfs_open_entry_list(const char* path) {
-    dlist* list = sysfs_open_directory_list(path);
-    return list ? list : sysfs_open_link_list(path);
+    dlist* dirs = sysfs_open_directory_list(path);
+    dlist* links = sysfs_open_link_list(path);
+    if (!dirs || !links)
+        return dirs ? dirs : links;
+    // A class directory holds links: a real directory among them must not
+    // hide them, so both kinds go into one list.
+    vx_dlist_each<char>(links, [&](char* name) {
+        auto* copy = static_cast<char*>(calloc(1, SYSFS_NAME_LEN));
+        if (!copy)
+            return false;
+        snprintf(copy, SYSFS_NAME_LEN, "%s", name);
+        dlist_push(dirs, copy);
+        return true;
+    });
+    sysfs_close_list(links);
+    return dirs;
+}
+
+bool vxsysfs_parse_host_name(const char* name, uint32_t* host_no) {
+    constexpr size_t MAX_DIGITS = 10;  // 4294967295
+    const size_t len = name ? strlen(name) : 0;
+    bool ok = len > 4 && len <= 4 + MAX_DIGITS && strncmp(name, "host", 4) == 0;
+    uint64_t value = 0;
+    for (size_t i = 4; ok && i < len; ++i) {
+        ok = name[i] >= '0' && name[i] <= '9';
+        value = value * 10 + static_cast<uint64_t>(name[i] - '0');
+    }
+    ok = ok && value <= UINT32_MAX;
+    if (!ok) {
+        if (vxdbg_on(TRC)) {
+            vxdbg_print("vxsysfs_parse_host_name: > skipped entry ", 0, VXDBG_NONE, 0);
+            vxdbg_print(name ? name : "(null)", 0, VXDBG_NONE, 1);
+        }
+        return false;
+    }
+    if (host_no)
+        *host_no = static_cast<uint32_t>(value);
+    return true;
 }
 
 // ---- Path builders ----
@@ -312,64 +348,97 @@ uint16_t vxsysfs_get_lun_no(const char* name) {
 
 // ---- Raw files ----
 
-uint32_t vxsysfs_read_file(const char* path, uint8_t* buf, uint32_t size) {
+namespace {
+
+constexpr uint32_t RAW = VXDBG_SYSFS;
+
+void raw_text(const char* fn, const char* text, const char* value) {
+    if (vxdbg_on(RAW)) {
+        vxdbg_print(fn, 0, VXDBG_NONE, 0);
+        vxdbg_print(text, 0, VXDBG_NONE, 0);
+        vxdbg_print(value, 0, VXDBG_NONE, 1);
+    }
+}
+
+void raw_num(const char* fn, const char* text, uint32_t value, uint8_t radix) {
+    if (vxdbg_on(RAW)) {
+        vxdbg_print(fn, 0, VXDBG_NONE, 0);
+        vxdbg_print(text, value, radix, 1);
+    }
+}
+
+// Opens a raw attribute with the helpers' entry lines; the open failure is
+// traced here too.
+int raw_open(const char* fn, const char* path, int flags, uint32_t size) {
+    raw_num(fn, " > size==", size, VXDBG_DEC);
+    raw_text(fn, " > path==", path);
+    const int fd = open(path, flags | O_CLOEXEC);
+    if (fd < 0)
+        raw_text(fn, " > Failed open", "");  // the trace keeps errno
+    return fd;
+}
+
+// A transfer that stopped short: the failing call's result (-1 prints as
+// -1) and what is missing.
+void raw_short(const char* fn, const char* what, ssize_t n, uint32_t residual) {
+    if (n < 0)
+        raw_text(fn, what, "");
+    raw_num(fn, " > n==", static_cast<uint32_t>(n), VXDBG_INT);
+    raw_num(fn, " > residual==", residual, VXDBG_DEC);
+}
+
+// The _file helpers: page-sized pieces until done or the call stops.
+template <typename Io, typename Buf>
+uint32_t raw_file(const char* fn, const char* failed, const char* path, Buf buf, uint32_t size, int flags, Io io) {
     if (!path || !buf)
         return size;
-    fd_handle fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        vxdbg_num(ERR, "vxsysfs_read_file: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
+    fd_handle fd(raw_open(fn, path, flags, size));
+    if (fd.get() < 0)
         return size;
-    }
     const uint32_t page = page_size();
     uint32_t done = 0;
+    ssize_t n = 0;
     while (done < size) {
-        const ssize_t n = read(fd.get(), buf + done, std::min(size - done, page));
+        n = io(fd.get(), buf + done, std::min(size - done, page));
         if (n <= 0)
             break;
         done += static_cast<uint32_t>(n);
     }
+    if (done < size)
+        raw_short(fn, failed, n, size - done);
     return size - done;
+}
+
+// The _data helpers: one transfer of at most a page.
+template <typename Io, typename Buf>
+int raw_data(const char* fn, const char* failed, const char* path, Buf buf, uint32_t size, int flags, Io io) {
+    if (!path || !buf)
+        return 0;
+    fd_handle fd(raw_open(fn, path, flags, size));
+    if (fd.get() < 0)
+        return 0;
+    const ssize_t n = io(fd.get(), buf, std::min(size, page_size()));
+    if (n <= 0)
+        raw_short(fn, failed, n, size);
+    return static_cast<int>(n);
+}
+
+}  // namespace
+
+uint32_t vxsysfs_read_file(const char* path, uint8_t* buf, uint32_t size) {
+    return raw_file("vxsysfs_read_file:", " > Failed read", path, buf, size, O_RDONLY, ::read);
 }
 
 uint32_t vxsysfs_write_file(const char* path, const uint8_t* buf, uint32_t size) {
-    if (!path || !buf)
-        return size;
-    fd_handle fd(open(path, O_WRONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        vxdbg_num(ERR, "vxsysfs_write_file: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
-        return size;
-    }
-    const uint32_t page = page_size();
-    uint32_t done = 0;
-    while (done < size) {
-        const ssize_t n = write(fd.get(), buf + done, std::min(size - done, page));
-        if (n <= 0)
-            break;
-        done += static_cast<uint32_t>(n);
-    }
-    return size - done;
+    return raw_file("vxsysfs_write_file:", " > Failed write", path, buf, size, O_WRONLY, ::write);
 }
 
 int vxsysfs_read_data(const char* path, uint8_t* buf, uint32_t size) {
-    if (!path || !buf)
-        return 0;
-    fd_handle fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        vxdbg_num(ERR, "vxsysfs_read_data: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
-        return 0;
-    }
-    return static_cast<int>(read(fd.get(), buf, std::min(size, page_size())));
+    return raw_data("vxsysfs_read_data:", " > Failed read", path, buf, size, O_RDONLY, ::read);
 }
 
 int vxsysfs_write_data(const char* path, const uint8_t* buf, uint32_t size) {
-    if (!path || !buf)
-        return 0;
-    fd_handle fd(open(path, O_WRONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        vxdbg_num(ERR, "vxsysfs_write_data: open failed. errno=", static_cast<uint64_t>(errno), VXDBG_DEC, 1);
-        return 0;
-    }
-    return static_cast<int>(write(fd.get(), buf, std::min(size, page_size())));
+    return raw_data("vxsysfs_write_data:", " > Failed write", path, buf, size, O_WRONLY, ::write);
 }
 
 // ---- Byte and buffer helpers ----
@@ -474,9 +543,12 @@ int vxsysfs_open_bsg_dev(char* path, char* new_path, uint32_t new_path_len) {
     }
     const char* component = slash + 1;
 
-    // Deliberately always under /sys, whatever the mount path says.
-    char dev_path[VXSYSFS_PATH_LEN];
-    if (snprintf(dev_path, sizeof dev_path, "/sys/class/bsg/%s/dev", component) >= static_cast<int>(sizeof dev_path))
+    // Under the same root as every other path: numbers read elsewhere would
+    // name another host's device.
+    char root[VXSYSFS_PATH_LEN];
+    vxsysfs_root(root, sizeof root);
+    char dev_path[2 * VXSYSFS_PATH_LEN];
+    if (snprintf(dev_path, sizeof dev_path, "%s/class/bsg/%s/dev", root, component) >= static_cast<int>(sizeof dev_path))
         return 1;
     int major_no = -1, minor_no = -1;
     if (FILE* fp = fopen(dev_path, "re")) {

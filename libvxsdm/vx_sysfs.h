@@ -25,6 +25,11 @@ using vxsysfs_path_t = char[VXSYSFS_PATH_LEN];
 // sysfs mount point (normally "/sys"), filled once by vxsysfs_init().
 extern char sysfs_mnt_path[VXSYSFS_PATH_LEN];
 
+// The sysfs root for paths made before vxsysfs_init() has run (the ioctl
+// discovery, the module probe): the mount path when known, else libsysfs's
+// answer (which honours SYSFS_PATH), else "/sys".
+void vxsysfs_root(char* out, size_t out_len);
+
 // ---- Path builders ----
 // Each writes at most VXSYSFS_PATH_LEN bytes and returns a pointer to the
 // terminating NUL, where the caller appends the attribute name with
@@ -56,9 +61,14 @@ char* vxsysfs_path_format(vxsysfs_path_t& path, const char* format, Args... args
 // path buffer; returns the new terminating NUL.
 char* vxsysfs_path_append(vxsysfs_path_t& path, char* end, const char* name);
 
-// Entries of a sysfs directory: its subdirectories, or, when it has none
-// (the class directories hold links), its links. Null when neither.
+// Entries of a sysfs directory: its subdirectories and its links (the class
+// directories hold links, and may hold a real directory too). Null when neither.
 dlist* vxsysfs_open_entry_list(const char* path);
+
+// A SCSI host entry: "host" and a decimal number that fits 32 bits, nothing
+// else ("hostABC", "host-5", "host4294967298" are not hosts). False, with a
+// trace line, for any other name.
+bool vxsysfs_parse_host_name(const char* name, uint32_t* host_no);
 
 // Closes a libsysfs name list on every way out.
 class vxsysfs_list_hold {
@@ -230,9 +240,9 @@ uint32_t vxsysfs_get_vport_host_no(const uint8_t* wwpn);
 int vxsysfs_is_vhost_no_wwpn_match(uint32_t vhost_no, const uint8_t* wwpn);
 
 // ---- Queries ----
-int vxsysfs_get_driver_specifics(uint32_t handle, vxapi_priv_database* instance, _EXT_LN_DRIVER_DATA* pdata,
+int vxsysfs_get_driver_specifics(int handle, vxapi_priv_database* inst, _EXT_LN_DRIVER_DATA* pdata,
                                  uint32_t* pext_stat);
-int vxsysfs_query_driver(uint32_t handle, vxapi_priv_database* instance, _EXT_DRIVER* drv, uint32_t* pext_stat);
+int vxsysfs_query_driver(int handle, vxapi_priv_database* inst, _EXT_DRIVER* drv, uint32_t* pext_stat);
 // Reads the port's "vpd" attribute and extracts one field (mode 1: the
 // identifier string, mode 2: the keyword `key`). 0 when something was copied.
 int vxsysfs_get_field_from_vpd(vxapi_priv_database* instance, const char* key, int mode, uint8_t* dst,
@@ -240,31 +250,31 @@ int vxsysfs_get_field_from_vpd(vxapi_priv_database* instance, const char* key, i
 
 // Node, port, chip, firmware and converged-port records from the host's
 // attributes. Extended status 9 on entry, 0 once the record is filled.
-int vxsysfs_query_hbanode(uint32_t handle, vxapi_priv_database* instance, EXT_HBA_NODE* node, uint32_t* pext_stat);
-int vxsysfs_query_hbaport(uint32_t handle, vxapi_priv_database* instance, EXT_HBA_PORT* port, uint32_t* pext_stat);
-int vxsysfs_query_chip(uint32_t handle, vxapi_priv_database* instance, EXT_CHIP* chip, uint32_t* pext_stat);
-int vxsysfs_query_fw(uint32_t handle, vxapi_priv_database* instance, _EXT_FW* fw, uint32_t* pext_stat);
-int vxsysfs_query_cnaport(uint32_t handle, vxapi_priv_database* instance, EXT_CNA_PORT* cna, uint32_t* pext_stat);
+int vxsysfs_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
+int vxsysfs_query_hbaport(int handle, vxapi_priv_database* inst, EXT_HBA_PORT* port, uint32_t* pext_stat);
+int vxsysfs_query_chip(int handle, vxapi_priv_database* inst, EXT_CHIP* chip, uint32_t* pext_stat);
+int vxsysfs_query_fw(int handle, vxapi_priv_database* inst, _EXT_FW* fw, uint32_t* pext_stat);
+int vxsysfs_query_cnaport(int handle, vxapi_priv_database* inst, EXT_CNA_PORT* cna, uint32_t* pext_stat);
 // Remote ports of the host whose roles are exactly "FCP Target", online or not.
 uint16_t vxsysfs_count_port(const vxapi_priv_database* instance);
 // Distinct SCSI target ids among the host's scsi_device entries.
 uint16_t vxsysfs_count_target(const vxapi_priv_database* instance);
 // The index-th online FCP target port of the host.
-int vxsysfs_query_discport(uint32_t handle, vxapi_priv_database* instance, uint16_t index, EXT_DISC_PORT* port,
+int vxsysfs_query_discport(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_PORT* port,
                            uint32_t* pext_stat);
 // The target with SCSI target id `tid` (not a list index).
-int vxsysfs_query_disctgt(uint32_t handle, vxapi_priv_database* instance, uint16_t tid, EXT_DISC_TARGET* tgt,
+int vxsysfs_query_disctgt(int handle, vxapi_priv_database* inst, uint16_t tid, EXT_DISC_TARGET* tgt,
                           uint32_t* pext_stat);
-int vxsysfs_get_tgt_lun_data_list(uint32_t handle, vxapi_priv_database* instance, _TGT_LUN_DATA_LIST* list,
+int vxsysfs_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, _TGT_LUN_DATA_LIST* list,
                                   uint32_t list_len, uint32_t* pext_stat);
 // Marks the LUNs of target `entry->TargetId` (channel 0) below `max_lun` in
 // the entry's map and counts them.
 void vxsysfs_count_luns(uint32_t host_no, TGT_LUN_DATA_ENTRY* entry, uint32_t max_lun);
 // Remote ports selected by the type mask (VX_PORTSUM_ bits) into `size` bytes of `data`.
-int vxsysfs_get_port_summary(uint32_t handle, vxapi_priv_database* instance, uint32_t* type_mask,
+int vxsysfs_get_port_summary(int handle, vxapi_priv_database* inst, uint32_t* type_mask,
                              EXT_DEVICEDATA* data, uint32_t size, uint32_t* pext_stat, uint32_t* pext_dstat);
 // SCSI address of the host's remote port with this WWPN; status 9 when none.
-int vxsysfs_wwpn_to_scsiaddr(uint32_t handle, vxapi_priv_database* instance, const uint8_t* wwpn,
+int vxsysfs_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn,
                              uint32_t wwpn_len, EXT_SCSI_ADDR* addr, uint32_t* pext_stat);
 // Name of the block device ("sdc") of LUN H:C:T:L, or of its SCSI generic
 // node ("sg3") when it has none. 0 when found.
@@ -278,9 +288,15 @@ int vxsysfs_get_optrom_layout(uint32_t handle, vxapi_priv_database* instance, ui
 // Start and size of a region code in the current layout; region 255 falls
 // back to the whole flash of the adapter. Both 0 and result 1 when unknown.
 int vxsysfs_map_region(const vxapi_priv_database* instance, uint32_t region, uint32_t* offset, uint32_t* size);
+// The "vpd" attribute of the port's host, `buf_sz` bytes at most.
+int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+// DCBX parameters of a converged port: the host's "dcbx" attribute
+// (EXT_DCBX_PARAM and the peer's TLVs), `size` bytes at most. Extended
+// status 20 when the driver has no such attribute.
+int vxsysfs_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat);
 // Boot-image versions from flash, for the families whose virtual ports lack
 // the boot-code attributes.
-int vxsysfs_read_flash_versions(uint32_t handle, vxapi_priv_database* instance, EXT_HBA_NODE* node,
+int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node,
                                 uint32_t* pext_stat);
 
 // Text helpers of the queries (pure).

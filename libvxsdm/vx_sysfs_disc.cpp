@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "vx_adapters.h"
+#include "vx_channel.h"
 #include "vx_sddbg.h"
 #include "vx_sysfs.h"
 
@@ -177,6 +178,7 @@ host_result make_instance(sysfs_driver* driver, sysfs_device* device, uint32_t h
     }
     vxapi_priv_database* inst = current_priv_inst;
     inst->features = VX_FEAT_SYSFS;
+    vxapi_set_channel(inst);
     inst->drvr_inst = drv_inst;
     inst->host_no = host_no;
     if (vxsysfs_is_bsg_supported(host_no) == 0)
@@ -273,9 +275,25 @@ int discover_device(sysfs_driver* driver, sysfs_device* device, uint32_t* api_in
 
 }  // namespace
 
+void vxsysfs_root(char* out, size_t out_len) {
+    if (!out || out_len == 0)
+        return;
+    if (sysfs_mnt_path[0]) {
+        snprintf(out, out_len, "%s", sysfs_mnt_path);
+        return;
+    }
+    char mnt[VXSYSFS_PATH_LEN] = {};
+    if (sysfs_get_mnt_path(mnt, sizeof mnt) != 0 || !mnt[0])
+        snprintf(mnt, sizeof mnt, "/sys");
+    snprintf(out, out_len, "%s", mnt);
+}
+
 int vxsysfs_init() {
     memset(sysfs_mnt_path, 0, sizeof sysfs_mnt_path);
-    return sysfs_get_mnt_path(sysfs_mnt_path, sizeof sysfs_mnt_path);
+    const int rc = sysfs_get_mnt_path(sysfs_mnt_path, sizeof sysfs_mnt_path);
+    if (rc != 0)
+        vxdbg_line(VXDBG_ERROR, "vxsysfs_init: > sysfs not mounted");
+    return rc;
 }
 
 int vxsysfs_supported_driver_exist(uint32_t* start_inst) {
@@ -328,7 +346,8 @@ int vxsysfs_is_new_node_smaller(void* new_node, void* current_node) {
 }
 
 uint32_t vxsysfs_add_hostno_in_host_no_list(const char* name) {
-    if (!name || strlen(name) < 4)
+    uint32_t number = 0;
+    if (!vxsysfs_parse_host_name(name, &number))
         return 0;
     auto* host_array = static_cast<uint32_t*>(malloc(sizeof(uint32_t)));
     if (!host_array) {
@@ -343,7 +362,7 @@ uint32_t vxsysfs_add_hostno_in_host_no_list(const char* name) {
             return 0;
         }
     }
-    *host_array = static_cast<uint32_t>(strtoul(name + 4, nullptr, 10));
+    *host_array = number;
     if (!dlist_insert_sorted(host_no_list, host_array, vxsysfs_is_new_node_smaller)) {
         vxdbg_line(ERR, "vxsysfs_add_hostno_in_host_no_list: > Unable to insert node in host_no_list");
         free(host_array);
@@ -366,17 +385,18 @@ int vxsysfs_collect_hostno_list_from_devices_path(sysfs_device* device) {
     bool stopped = false;
     auto add_hosts = [](dlist* list) {
         vx_dlist_each<char>(list, [](char* entry) {
-            if (starts_with(entry, "host"))
+            if (starts_with(entry, "host") && vxsysfs_parse_host_name(entry, nullptr))
                 vxsysfs_add_hostno_in_host_no_list(entry);
             return true;
         });
     };
     vx_dlist_each<char>(top.get(), [&](char* name) {
-        if (!starts_with(name, "host"))
+        uint32_t host = 0;
+        if (!starts_with(name, "host") || !vxsysfs_parse_host_name(name, &host))
             return true;
-        const uint32_t host = vxsysfs_add_hostno_in_host_no_list(name);
+        vxsysfs_add_hostno_in_host_no_list(name);
         vxsysfs_path_t path;
-        vxsysfs_path_format(path, "%s/%s%d/", device->path, "host", static_cast<int>(host));
+        vxsysfs_path_format(path, "%s/%s%u/", device->path, "host", host);
         vxsysfs_list_hold sub(sysfs_open_directory_list(path));
         if (!sub.get()) {
             stopped = true;
@@ -384,12 +404,12 @@ int vxsysfs_collect_hostno_list_from_devices_path(sysfs_device* device) {
         }
         // Virtual ports nest their hosts one level deeper: host{H}/vport-{H}:.../host{V}.
         char prefix[32];
-        snprintf(prefix, sizeof prefix, "%s-%d:", "vport", static_cast<int>(host));
+        snprintf(prefix, sizeof prefix, "%s-%u:", "vport", host);
         vx_dlist_each<char>(sub.get(), [&](char* entry) {
             if (!starts_with(entry, prefix))
                 return true;
             vxsysfs_path_t vpath;
-            vxsysfs_path_format(vpath, "%s/%s%d/%s/", device->path, "host", static_cast<int>(host), entry);
+            vxsysfs_path_format(vpath, "%s/%s%u/%s/", device->path, "host", host, entry);
             vxsysfs_list_hold vdir(sysfs_open_directory_list(vpath));
             if (!vdir.get()) {
                 stopped = true;
@@ -478,9 +498,8 @@ uint32_t vxsysfs_get_vport_host_no(const uint8_t* wwpn) {
     // Without a match the last host examined is returned: callers check the
     // WWPN again.
     vx_dlist_each<char>(list.get(), [&](char* name) {
-        if (!starts_with(name, "host"))
+        if (!starts_with(name, "host") || !vxsysfs_parse_host_name(name, &host))
             return true;
-        host = static_cast<uint32_t>(strtoul(name + 4, nullptr, 10));
         return vxsysfs_is_vhost_no_wwpn_match(host, wwpn) != 0;
     });
     return host;

@@ -1,6 +1,8 @@
 // sysfs twins of the leaf queries: driver records and VPD fields built from
 // the host's attributes.
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <climits>
 #include <cstdio>
@@ -15,8 +17,6 @@ namespace {
 
 constexpr uint32_t TRC = VXDBG_TRACE | VXDBG_SYSFS;
 constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_SYSFS;
-
-constexpr uint32_t EXT_STATUS_NOT_REACHED = 9;
 
 // A host-class attribute of host N: "{mnt}/class/<class>/host{N}/<name>".
 void host_attr(vxsysfs_path_t& path, bool fc, uint32_t host_no, const char* name) {
@@ -218,11 +218,14 @@ uint16_t rport_channel(const char* name) {
 
 uint32_t& status_word(uint32_t* pext_stat, uint32_t& local) { return pext_stat ? *pext_stat : local; }
 
+// Physical ports of the board: the PCI functions of one device (domain,
+// bus, device). Serial numbers would merge boards whose number is empty.
 uint16_t board_ports(const vxapi_phy_info* phy) {
     uint16_t ports = 0;
     vx_dlist_each<vxapi_priv_database>(api_priv_database, [&](vxapi_priv_database* record) {
-        if (record->interface_type == VX_IFTYPE_PHYSICAL && record->phy_info &&
-            memcmp(record->phy_info->serial_num, phy->serial_num, sizeof phy->serial_num) == 0)
+        const vxapi_phy_info* other = record->phy_info;
+        if (record->interface_type == VX_IFTYPE_PHYSICAL && other && other->pci_domain == phy->pci_domain &&
+            other->pci_bus == phy->pci_bus && (other->pci_dev_func >> 3) == (phy->pci_dev_func >> 3))
             ++ports;
         return true;
     });
@@ -241,23 +244,23 @@ bool refused(const char* name, const void* a, const void* b) {
 
 }  // namespace
 
-int vxsysfs_query_driver(uint32_t handle, vxapi_priv_database* instance, _EXT_DRIVER* drv, uint32_t* pext_stat) {
+int vxsysfs_query_driver(int handle, vxapi_priv_database* inst, _EXT_DRIVER* drv, uint32_t* pext_stat) {
     (void)handle;
     uint32_t local_stat = 0;
     uint32_t& ext_stat = pext_stat ? *pext_stat : local_stat;
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (!instance || !drv) {
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (!inst || !drv) {
         vxdbg_line(ERR, "vxsysfs_query_driver: invalid parameter.");
         return 1;
     }
-    vxdbg_num(TRC, "vxsysfs_query_driver: entered. host_no=", instance->host_no, VXDBG_DEC, 1);
+    vxdbg_num(TRC, "vxsysfs_query_driver: entered. host_no=", inst->host_no, VXDBG_DEC, 1);
     vxsysfs_path_t path;
-    char* end = vxsysfs_get_scsi_host_path(path, static_cast<uint16_t>(instance->host_no));
+    char* end = vxsysfs_get_scsi_host_path(path, static_cast<uint16_t>(inst->host_no));
     vxsysfs_path_append(path, end, "driver_version");
     vxsysfs_get_str_attr(path, reinterpret_cast<char*>(drv->Version), sizeof drv->Version);
     vxsysfs_path_append(path, end, "sg_tablesize");
     drv->MaxDataSegments = static_cast<uint32_t>(vxsysfs_get_int_attr(path));
-    drv->LunsPerTarget = (instance->features & VX_FEAT_DRV_CAP4) ? 4096 : 256;
+    drv->LunsPerTarget = (inst->features & VX_FEAT_DRV_CAP4) ? 4096 : 256;
     drv->NumOfBus = 1;
     drv->TargetsPerBus = 512;
     drv->MaxTransferLen = 0xFFFFFFFF;
@@ -266,19 +269,19 @@ int vxsysfs_query_driver(uint32_t handle, vxapi_priv_database* instance, _EXT_DR
     return 0;
 }
 
-int vxsysfs_get_driver_specifics(uint32_t handle, vxapi_priv_database* instance, _EXT_LN_DRIVER_DATA* pdata,
+int vxsysfs_get_driver_specifics(int handle, vxapi_priv_database* inst, _EXT_LN_DRIVER_DATA* pdata,
                                  uint32_t* pext_stat) {
     uint32_t local_stat = 0;
     uint32_t& ext_stat = pext_stat ? *pext_stat : local_stat;
     if (!pdata) {
-        ext_stat = EXT_STATUS_NOT_REACHED;
+        ext_stat = EXT_STATUS_DEV_NOT_FOUND;
         vxdbg_line(ERR, "vxsysfs_get_driver_specifics: invalid parameter.");
         return 1;
     }
     vxdbg_line(TRC, "vxsysfs_get_driver_specifics: entered.");
     memset(pdata, 0, sizeof *pdata);
     _EXT_DRIVER drv{};
-    vxsysfs_query_driver(handle, instance, &drv, &ext_stat);
+    vxsysfs_query_driver(handle, inst, &drv, &ext_stat);
     if (ext_stat != 0) {
         vxdbg_num(ERR, "vxsysfs_get_driver_specifics: query driver failed. stat=", ext_stat, VXDBG_DEC, 1);
         return 0;
@@ -297,21 +300,21 @@ int vxsysfs_get_driver_specifics(uint32_t handle, vxapi_priv_database* instance,
     return 0;
 }
 
-int vxsysfs_get_field_from_vpd(vxapi_priv_database* instance, const char* key, int mode, uint8_t* dst,
+int vxsysfs_get_field_from_vpd(vxapi_priv_database* inst, const char* key, int mode, uint8_t* dst,
                                uint32_t dst_len) {
     if (!dst)
         return 1;
     memset(dst, 0, dst_len);
-    if (!instance || !key) {
+    if (!inst || !key) {
         vxdbg_line(ERR, "vxsysfs_get_field_from_vpd: invalid parameter.");
         return 1;
     }
     vxdbg_text(TRC, "vxsysfs_get_field_from_vpd: entered. key=");
     vxdbg_line(TRC, key);
-    const uint32_t size = vxapi_get_vpd_size(instance->phy_info ? instance->phy_info->device_id : 0);
+    const uint32_t size = vxapi_get_vpd_size(inst->phy_info ? inst->phy_info->device_id : 0);
     uint8_t vpd[VX_VPD_SIZE_LARGE] = {};
     vxsysfs_path_t path;
-    vxsysfs_path_append(path, vxsysfs_get_device_path(path, instance), "vpd");
+    vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), "vpd");
     // A short answer is walked as far as it goes (the rest reads as zeros).
     if (vxsysfs_read_file(path, vpd, size) == size) {
         vxdbg_line(ERR, "vxsysfs_get_field_from_vpd: vpd read failed.");
@@ -362,16 +365,16 @@ uint32_t vxsysfs_pcie_speed_code(const char* text) {
 
 // ---- Node and port ----
 
-int vxsysfs_query_hbanode(uint32_t handle, vxapi_priv_database* instance, EXT_HBA_NODE* node, uint32_t* pext_stat) {
+int vxsysfs_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat) {
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_query_hbanode", instance, node))
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_query_hbanode", inst, node))
         return 1;
-    const uint32_t n = instance->host_no;
+    const uint32_t n = inst->host_no;
     vxdbg_num(TRC, "vxsysfs_query_hbanode: entered. host_no=", n, VXDBG_DEC, 1);
 
-    memcpy(node->WWNN, instance->wwnn, sizeof node->WWNN);
+    memcpy(node->WWNN, inst->wwnn, sizeof node->WWNN);
     snprintf(reinterpret_cast<char*>(node->Manufacturer), sizeof node->Manufacturer, "%s", "Varnex Corporation");
     scsi_host_text(n, "model_name", reinterpret_cast<char*>(node->Model), sizeof node->Model);
     scsi_host_text(n, "driver_version", reinterpret_cast<char*>(node->DriverVersion), sizeof node->DriverVersion);
@@ -389,19 +392,18 @@ int vxsysfs_query_hbanode(uint32_t handle, vxapi_priv_database* instance, EXT_HB
 
     // The VPD is the adapter's: a virtual port reads its physical port's.
     vxapi_priv_database* vpd_port =
-        instance->interface_type == VX_IFTYPE_VIRTUAL && instance->parent ? instance->parent : instance;
+        inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
     scsi_host_text(n, "optrom_bios_version", reinterpret_cast<char*>(node->OptRomVersion), sizeof node->OptRomVersion);
     if (node->OptRomVersion[0] == '\0')
         vxsysfs_get_field_from_vpd(vpd_port, "V4", 2, node->OptRomVersion, sizeof node->OptRomVersion - 1);
-    boot_version(instance, vpd_port, "optrom_fcode_version", "V5", "%hhu.%hhu", node->BIFCodeVersion);
-    boot_version(instance, vpd_port, "optrom_efi_version", "V1", "%hhu.%hhu", node->BIEfiVersion);
-    boot_version(instance, vpd_port, "optrom_fw_version", "V3", "%hhu.%hhu.%hhu", node->BIFwVersion);
-    node->InterfaceType = static_cast<uint16_t>(instance->interface_type);
+    boot_version(inst, vpd_port, "optrom_fcode_version", "V5", "%hhu.%hhu", node->BIFCodeVersion);
+    boot_version(inst, vpd_port, "optrom_efi_version", "V1", "%hhu.%hhu", node->BIEfiVersion);
+    boot_version(inst, vpd_port, "optrom_fw_version", "V3", "%hhu.%hhu.%hhu", node->BIFwVersion);
+    node->InterfaceType = static_cast<uint16_t>(inst->interface_type);
 
-    const vxapi_phy_info* phy = instance->phy_info;
+    const vxapi_phy_info* phy = inst->phy_info;
     if (phy) {
-        // The board's ports are its physical ports: the functions that share
-        // its serial number, as port numbering groups them.
+        // The board's ports are its physical ports: the functions of its PCI device.
         node->PortCount = board_ports(phy);
         char serial[sizeof phy->serial_num + 1] = {};
         memcpy(serial, phy->serial_num, sizeof phy->serial_num);
@@ -412,15 +414,15 @@ int vxsysfs_query_hbanode(uint32_t handle, vxapi_priv_database* instance, EXT_HB
     // The virtual ports of these boards carry no boot-code attributes: the
     // versions come from the adapter's flash.
     if (phy && vx_adapter_has(phy->device_id, VX_MARK_FLASH_BI_REFRESH) &&
-        instance->interface_type == VX_IFTYPE_VIRTUAL) {
+        inst->interface_type == VX_IFTYPE_VIRTUAL) {
         char device[PATH_MAX];
-        char phys[sizeof instance->phys_path + 1] = {};
-        memcpy(phys, instance->phys_path, sizeof instance->phys_path);
+        char phys[sizeof inst->phys_path + 1] = {};
+        memcpy(phys, inst->phys_path, sizeof inst->phys_path);
         if (!realpath(phys, device)) {
             vxdbg_line(ERR, "vxsysfs_query_hbanode: Fail: Unable to getabsolute path");
             return 0;
         }
-        vxapi_priv_database* flash_port = instance->parent ? instance->parent : instance;
+        vxapi_priv_database* flash_port = inst->parent ? inst->parent : inst;
         uint32_t flash_stat = 0;
         vxsysfs_read_flash_versions(handle, flash_port, node, &flash_stat);
     }
@@ -428,11 +430,11 @@ int vxsysfs_query_hbanode(uint32_t handle, vxapi_priv_database* instance, EXT_HB
     return 0;
 }
 
-uint16_t vxsysfs_count_port(const vxapi_priv_database* instance) {
-    if (!instance)
+uint16_t vxsysfs_count_port(const vxapi_priv_database* inst) {
+    if (!inst)
         return 0;
     uint16_t count = 0;
-    each_rport(instance->host_no, [&](const char*, const char* rpath) {
+    each_rport(inst->host_no, [&](const char*, const char* rpath) {
         if (vxsysfs_is_rport_a_target(rpath))
             ++count;
         return true;
@@ -440,11 +442,11 @@ uint16_t vxsysfs_count_port(const vxapi_priv_database* instance) {
     return count;
 }
 
-uint16_t vxsysfs_count_target(const vxapi_priv_database* instance) {
-    if (!instance)
+uint16_t vxsysfs_count_target(const vxapi_priv_database* inst) {
+    if (!inst)
         return 0;
     char prefix[16];
-    snprintf(prefix, sizeof prefix, "%d:", static_cast<int>(instance->host_no));
+    snprintf(prefix, sizeof prefix, "%d:", static_cast<int>(inst->host_no));
     // One bit per possible target id.
     uint8_t seen[65536 / 8] = {};
     uint16_t count = 0;
@@ -459,20 +461,27 @@ uint16_t vxsysfs_count_target(const vxapi_priv_database* instance) {
     return count;
 }
 
-int vxsysfs_query_hbaport(uint32_t handle, vxapi_priv_database* instance, EXT_HBA_PORT* port, uint32_t* pext_stat) {
+int vxsysfs_query_hbaport(int handle, vxapi_priv_database* inst, EXT_HBA_PORT* port, uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_query_hbaport", instance, port))
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_query_hbaport", inst, port))
         return 1;
-    const uint32_t n = instance->host_no;
+    const uint32_t n = inst->host_no;
     vxdbg_num(TRC, "vxsysfs_query_hbaport: entered. host_no=", n, VXDBG_DEC, 1);
 
-    // Names and address as discovery read them.
-    memcpy(port->WWPN, instance->wwpn, sizeof port->WWPN);
-    memcpy(port->Id, instance->port_id, sizeof port->Id);
-    port->Type = 1;
+    // The name as discovery read it; the address is live, like state and
+    // speed: a port that comes up after load gets its address then.
+    memcpy(port->WWPN, inst->wwpn, sizeof port->WWPN);
+    vxsysfs_path_t id_path;
+    host_attr(id_path, true, n, "port_id");
+    uint8_t id[3];
+    if (vxsysfs_get_hex_attr(id_path, id, sizeof id) == 0) {
+        port->Id[0] = 0;
+        memcpy(port->Id + 1, id, sizeof id);
+    }
+    port->Type = EXT_DEF_INITIATOR_DEV;
     port->DiscPortNameType = 2;
     port->PortSupportedFC4Types = 3;
     port->PortActiveFC4Types = 3;
@@ -508,13 +517,13 @@ int vxsysfs_query_hbaport(uint32_t handle, vxapi_priv_database* instance, EXT_HB
     for (const speed_row& row : speeds)
         if (strcmp(text, row.text) == 0)
             port->PortSpeed = row.code;
-    if (instance->phy_info)
-        if (const vx_adapter_type* row = vx_adapter_lookup(instance->phy_info->device_id))
+    if (inst->phy_info)
+        if (const vx_adapter_type* row = vx_adapter_lookup(inst->phy_info->device_id))
             port->PortSupportedSpeed = row->supported_speeds;
     host_attr(path, true, n, "fabric_name");
     vxsysfs_get_hex_attr(path, port->FabricName, sizeof port->FabricName);
-    port->DiscPortCount = vxsysfs_count_port(instance);
-    port->DiscTargetCount = vxsysfs_count_target(instance);
+    port->DiscPortCount = vxsysfs_count_port(inst);
+    port->DiscTargetCount = vxsysfs_count_target(inst);
     ext_stat = 0;
     vxdbg_line(TRC, "vxsysfs_query_hbaport: exiting.");
     return 0;
@@ -579,17 +588,17 @@ uint16_t pci_hex_attr(const char* device, const char* name) {
 
 }  // namespace
 
-int vxsysfs_query_chip(uint32_t handle, vxapi_priv_database* instance, EXT_CHIP* chip, uint32_t* pext_stat) {
+int vxsysfs_query_chip(int handle, vxapi_priv_database* inst, EXT_CHIP* chip, uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_query_chip", instance, chip))
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_query_chip", inst, chip))
         return 1;
-    vxdbg_num(TRC, "vxsysfs_query_chip: entered. host_no=", instance->host_no, VXDBG_DEC, 1);
+    vxdbg_num(TRC, "vxsysfs_query_chip: entered. host_no=", inst->host_no, VXDBG_DEC, 1);
     // The PCI function's own directory: phys_path names it through the driver.
-    char device[sizeof instance->phys_path + 1] = {};
-    memcpy(device, instance->phys_path, sizeof instance->phys_path);
+    char device[sizeof inst->phys_path + 1] = {};
+    memcpy(device, inst->phys_path, sizeof inst->phys_path);
     if (device[0] == '\0') {
         vxdbg_line(ERR, "vxsysfs_query_chip: no device path.");
         return 0;
@@ -599,7 +608,7 @@ int vxsysfs_query_chip(uint32_t handle, vxapi_priv_database* instance, EXT_CHIP*
     chip->SubVendorId = pci_hex_attr(device, "subsystem_vendor");
     chip->SubSystemId = pci_hex_attr(device, "subsystem_device");
     chip->ChipType = chip->DeviceId;
-    if (const vxapi_phy_info* phy = instance->phy_info) {
+    if (const vxapi_phy_info* phy = inst->phy_info) {
         chip->PciBusNumber = phy->pci_bus;
         chip->PciSlotNumber = static_cast<uint16_t>(phy->pci_dev_func >> 3);
         chip->PciDevFunc = phy->pci_dev_func;
@@ -612,23 +621,23 @@ int vxsysfs_query_chip(uint32_t handle, vxapi_priv_database* instance, EXT_CHIP*
     chip->PcieLinkCap = pcie_link(device, "max_link_speed", "max_link_width");
     chip->PcieLinkStat = static_cast<uint16_t>(pcie_link(device, "current_link_speed", "current_link_width"));
     // Our attribute: the flash's erase block size; absent on drivers without it.
-    chip->FlashBlockSize = static_cast<uint32_t>(scsi_host_int(instance->host_no, "flash_block_size"));
+    chip->FlashBlockSize = static_cast<uint32_t>(scsi_host_int(inst->host_no, "flash_block_size"));
     memset(chip->OutMbx, 0, sizeof chip->OutMbx);
     ext_stat = 0;
     vxdbg_line(TRC, "vxsysfs_query_chip: exiting.");
     return 0;
 }
 
-int vxsysfs_query_fw(uint32_t handle, vxapi_priv_database* instance, _EXT_FW* fw, uint32_t* pext_stat) {
+int vxsysfs_query_fw(int handle, vxapi_priv_database* inst, _EXT_FW* fw, uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_query_fw", instance, fw))
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_query_fw", inst, fw))
         return 1;
-    vxdbg_num(TRC, "vxsysfs_query_fw: entered. host_no=", instance->host_no, VXDBG_DEC, 1);
+    vxdbg_num(TRC, "vxsysfs_query_fw: entered. host_no=", inst->host_no, VXDBG_DEC, 1);
     char text[80];
-    scsi_host_text(instance->host_no, "fw_version", text, sizeof text);
+    scsi_host_text(inst->host_no, "fw_version", text, sizeof text);
     // Binary numbers in the text field, as the driver's record has them.
     signed char v[3] = {static_cast<signed char>(fw->Version[0]), static_cast<signed char>(fw->Version[1]),
                         static_cast<signed char>(fw->Version[2])};
@@ -639,14 +648,14 @@ int vxsysfs_query_fw(uint32_t handle, vxapi_priv_database* instance, _EXT_FW* fw
     return 0;
 }
 
-int vxsysfs_query_cnaport(uint32_t handle, vxapi_priv_database* instance, EXT_CNA_PORT* cna, uint32_t* pext_stat) {
+int vxsysfs_query_cnaport(int handle, vxapi_priv_database* inst, EXT_CNA_PORT* cna, uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_query_cnaport", instance, cna))
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_query_cnaport", inst, cna))
         return 1;
-    const uint32_t n = instance->host_no;
+    const uint32_t n = inst->host_no;
     vxdbg_num(TRC, "vxsysfs_query_cnaport: entered. host_no=", n, VXDBG_DEC, 1);
     cna->VLanId = static_cast<uint16_t>(scsi_host_int(n, "vlan_id"));
     char text[VXSYSFS_ATTR_LEN];
@@ -661,23 +670,53 @@ int vxsysfs_query_cnaport(uint32_t handle, vxapi_priv_database* instance, EXT_CN
     return 0;
 }
 
+int vxsysfs_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat) {
+    (void)handle;
+    uint32_t local = 0;
+    pext_stat = pext_stat ? pext_stat : &local;
+    *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_get_dcbx_param", inst, buf))
+        return 1;
+    vxsysfs_path_t path;
+    vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), "dcbx");
+    vxdbg_num(TRC, "vxsysfs_get_dcbx_param: entered. host_no=", inst->host_no, VXDBG_DEC, 1);
+    // A driver without the attribute lacks the request; the record may be
+    // shorter than the caller's buffer (the peer's TLVs vary).
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        *pext_stat = EXT_STATUS_INVALID_REQUEST;
+        vxdbg_line(ERR, "vxsysfs_get_dcbx_param: no dcbx attribute.");
+        return 0;
+    }
+    close(fd);
+    const uint32_t residual = vxsysfs_read_file(path, buf, size);
+    if (size - residual < sizeof(EXT_DCBX_PARAM) && residual != 0) {
+        vxdbg_num(ERR, "vxsysfs_get_dcbx_param: short record. n=", size - residual, VXDBG_DEC, 1);
+        *pext_stat = EXT_STATUS_DATA_UNDERRUN;
+        return 0;
+    }
+    *pext_stat = EXT_STATUS_OK;
+    vxdbg_line(TRC, "vxsysfs_get_dcbx_param: exiting.");
+    return 0;
+}
+
 // ---- Discovered ports, targets and LUNs ----
 
-int vxsysfs_query_discport(uint32_t handle, vxapi_priv_database* instance, uint16_t index, EXT_DISC_PORT* port,
+int vxsysfs_query_discport(int handle, vxapi_priv_database* inst, uint16_t index, EXT_DISC_PORT* port,
                            uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_query_discport", instance, port))
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_query_discport", inst, port))
         return 1;
     memset(port, 0, sizeof *port);
-    if (instance->phys_path[0] == '\0')
+    if (inst->phys_path[0] == '\0')
         return 0;
     vxdbg_num(TRC, "vxsysfs_query_discport: entered. index=", index, VXDBG_DEC, 1);
     // Only online FCP target ports are listed (and counted for the index).
     uint32_t counted = 0;
-    each_rport(instance->host_no, [&](const char*, const char* rpath) {
+    each_rport(inst->host_no, [&](const char*, const char* rpath) {
         if (!vxsysfs_is_rport_online(rpath) || !vxsysfs_is_rport_a_target(rpath))
             return true;
         if (counted++ != index)
@@ -688,7 +727,7 @@ int vxsysfs_query_discport(uint32_t handle, vxapi_priv_database* instance, uint1
         memcpy(port->WWPN, info.wwpn, sizeof port->WWPN);
         memcpy(port->Id + 1, info.port_id, sizeof info.port_id);
         port->TargetId = info.target_id;
-        port->Type = 2;
+        port->Type = EXT_DEF_TARGET_DEV;
         port->Bus = 0;
         port->LoopID = 0xFFFF;
         ext_stat = 0;
@@ -698,20 +737,20 @@ int vxsysfs_query_discport(uint32_t handle, vxapi_priv_database* instance, uint1
     return 0;
 }
 
-int vxsysfs_query_disctgt(uint32_t handle, vxapi_priv_database* instance, uint16_t tid, EXT_DISC_TARGET* tgt,
+int vxsysfs_query_disctgt(int handle, vxapi_priv_database* inst, uint16_t tid, EXT_DISC_TARGET* tgt,
                           uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_query_disctgt", instance, tgt))
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_query_disctgt", inst, tgt))
         return 1;
     memset(tgt, 0, sizeof *tgt);
-    if (instance->phys_path[0] == '\0')
+    if (inst->phys_path[0] == '\0')
         return 0;
     vxdbg_num(TRC, "vxsysfs_query_disctgt: entered. tid=", tid, VXDBG_DEC, 1);
     char prefix[16];
-    snprintf(prefix, sizeof prefix, "%d:", static_cast<int>(instance->host_no));
+    snprintf(prefix, sizeof prefix, "%d:", static_cast<int>(inst->host_no));
     each_scsi_device(prefix, [&](const char* name) {
         if (vxsysfs_get_target_id(name) == tid)
             ++tgt->LunCount;
@@ -719,7 +758,7 @@ int vxsysfs_query_disctgt(uint32_t handle, vxapi_priv_database* instance, uint16
     if (tgt->LunCount == 0)
         return 0;
     vxsysfs_path_t rpath;
-    if (!vxsysfs_find_rport_by_tid(rpath, instance->host_no, tid))
+    if (!vxsysfs_find_rport_by_tid(rpath, inst->host_no, tid))
         return 0;
     rport_info info{};
     vxsysfs_get_rport_attributes(rpath, &info);
@@ -727,7 +766,7 @@ int vxsysfs_query_disctgt(uint32_t handle, vxapi_priv_database* instance, uint16
     memcpy(tgt->WWPN, info.wwpn, sizeof tgt->WWPN);
     memcpy(tgt->Id + 1, info.port_id, sizeof info.port_id);
     tgt->TargetId = info.target_id;
-    tgt->Type = 2;
+    tgt->Type = EXT_DEF_TARGET_DEV;
     ext_stat = 0;
     vxdbg_num(TRC, "vxsysfs_query_disctgt: exiting. luns=", tgt->LunCount, VXDBG_DEC, 1);
     return 0;
@@ -743,53 +782,63 @@ void vxsysfs_count_luns(uint32_t host_no, TGT_LUN_DATA_ENTRY* entry, uint32_t ma
         const uint16_t lun = vxsysfs_get_lun_no(name);
         uint32_t number = 0;
         switch (lun >> 14) {
-        case 1: number = lun & 0x0FFF; break;  // flat space
+        case 1: number = lun & 0x3FFF; break;  // flat space: 14 bits
         case 2: number = lun & 0x1F; break;    // logical unit addressing
         default: number = lun & 0xFF; break;   // peripheral
         }
-        if (number < max_lun) {
-            (reinterpret_cast<uint8_t*>(entry) + TGT_LUN_DATA_ENTRY_HEADER)[number] |= 0x80;
-            ++entry->LunCount;
-        }
+        // A LUN past the map is counted but not marked, never folded onto a
+        // smaller one: the count tells the reader that the map is incomplete.
+        if (number < max_lun)
+            (reinterpret_cast<uint8_t*>(entry) + TGT_LUN_DATA_ENTRY_HEADER)[number] |= EXT_DEF_LUN_PRESENT;
+        else
+            vxdbg_num(TRC, "vxsysfs_count_luns: lun beyond the map=", number, VXDBG_DEC, 1);
+        ++entry->LunCount;
     });
 }
 
-int vxsysfs_get_tgt_lun_data_list(uint32_t handle, vxapi_priv_database* instance, _TGT_LUN_DATA_LIST* list,
+int vxsysfs_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, _TGT_LUN_DATA_LIST* list,
                                   uint32_t list_len, uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
     ext_stat = EXT_STATUS_INVALID_PARAM;
-    if (refused("vxsysfs_get_tgt_lun_data_list", instance, list))
+    if (refused("vxsysfs_get_tgt_lun_data_list", inst, list))
         return 1;
     // A buffer without room for the list head is left unwritten.
     if (list_len < TGT_LUN_DATA_LIST_HEADER)
         return 1;
-    const uint32_t map = (instance->features & VX_FEAT_DRV_CAP4) ? TGT_LUN_MAP_LARGE : TGT_LUN_MAP_SMALL;
+    const uint32_t map = (inst->features & VX_FEAT_DRV_CAP4) ? TGT_LUN_MAP_LARGE : TGT_LUN_MAP_SMALL;
     const uint32_t entry_size = map + TGT_LUN_DATA_ENTRY_HEADER;
     list->EntryCount = 0;
     uint32_t room = list_len - static_cast<uint32_t>(TGT_LUN_DATA_LIST_HEADER);
     if (room < entry_size)
         return 1;
     vxdbg_num(TRC, "vxsysfs_get_tgt_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
-    ext_stat = EXT_STATUS_NOT_REACHED;
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     auto* next = reinterpret_cast<uint8_t*>(list) + TGT_LUN_DATA_LIST_HEADER;
-    each_rport(instance->host_no, [&](const char*, const char* rpath) {
+    each_rport(inst->host_no, [&](const char*, const char* rpath) {
         if (room < entry_size)
             return false;
         if (!vxsysfs_is_rport_online(rpath) || !vxsysfs_is_rport_a_target(rpath))
             return true;
-        auto* entry = reinterpret_cast<TGT_LUN_DATA_ENTRY*>(next);
-        memset(entry, 0, entry_size);
         rport_info info{};
         vxsysfs_get_rport_attributes(rpath, &info);
+        // The entry names its target in one byte: a larger id is left out
+        // rather than reported as another target's.
+        if (info.target_id > VX_TGT_LUN_MAX_TARGET) {
+            vxdbg_num(TRC, "vxsysfs_get_tgt_lun_data_list: target id beyond the list=", info.target_id, VXDBG_DEC,
+                      1);
+            return true;
+        }
+        auto* entry = reinterpret_cast<TGT_LUN_DATA_ENTRY*>(next);
+        memset(entry, 0, entry_size);
         memcpy(entry->NodeName, info.wwnn, sizeof entry->NodeName);
         memcpy(entry->PortName, info.wwpn, sizeof entry->PortName);
         memcpy(entry->PortId + 1, info.port_id, sizeof info.port_id);
         entry->TargetId = static_cast<uint8_t>(info.target_id);
         entry->BusNumber = 0;
-        entry->DevType = 2;
-        vxsysfs_count_luns(instance->host_no, entry, map);
+        entry->DevType = EXT_DEF_TARGET_DEV;
+        vxsysfs_count_luns(inst->host_no, entry, map);
         ++list->EntryCount;
         next += entry_size;
         room -= entry_size;
@@ -819,15 +868,15 @@ bool summary_selects(uint32_t mask, bool online, bool target, bool initiator, ui
 
 }  // namespace
 
-int vxsysfs_get_port_summary(uint32_t handle, vxapi_priv_database* instance, uint32_t* type_mask,
+int vxsysfs_get_port_summary(int handle, vxapi_priv_database* inst, uint32_t* type_mask,
                              EXT_DEVICEDATA* data, uint32_t size, uint32_t* pext_stat, uint32_t* pext_dstat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     if (pext_dstat)
         *pext_dstat = 0;
-    if (refused("vxsysfs_get_port_summary", instance, data) || !type_mask)
+    if (refused("vxsysfs_get_port_summary", inst, data) || !type_mask)
         return 1;
     if (size < EXT_DEVICEDATA_HEADER) {
         ext_stat = EXT_STATUS_INVALID_PARAM;
@@ -839,7 +888,7 @@ int vxsysfs_get_port_summary(uint32_t handle, vxapi_priv_database* instance, uin
     data->ReturnListEntryCount = 0;
     const uint32_t room = static_cast<uint32_t>((size - EXT_DEVICEDATA_HEADER) / sizeof(EXT_DEVICEDATAENTRY));
     auto* entries = reinterpret_cast<uint8_t*>(data) + EXT_DEVICEDATA_HEADER;
-    each_rport(instance->host_no, [&](const char* name, const char* rpath) {
+    each_rport(inst->host_no, [&](const char* name, const char* rpath) {
         const bool online = vxsysfs_is_rport_online(rpath) != 0;
         const bool target = rport_roles_contain(rpath, "FCP Target");
         const bool initiator = rport_roles_contain(rpath, "FCP Initiator");
@@ -878,20 +927,20 @@ int vxsysfs_get_port_summary(uint32_t handle, vxapi_priv_database* instance, uin
     return 0;
 }
 
-int vxsysfs_wwpn_to_scsiaddr(uint32_t handle, vxapi_priv_database* instance, const uint8_t* wwpn,
+int vxsysfs_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn,
                              uint32_t wwpn_len, EXT_SCSI_ADDR* addr, uint32_t* pext_stat) {
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_NOT_REACHED;
-    if (refused("vxsysfs_wwpn_to_scsiaddr", instance, wwpn) || !addr)
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (refused("vxsysfs_wwpn_to_scsiaddr", inst, wwpn) || !addr)
         return 1;
     if (wwpn_len < 8) {
         ext_stat = EXT_STATUS_INVALID_PARAM;
         return 1;
     }
     vxsysfs_path_t rpath;
-    if (!vxsysfs_find_rport_by_wwpn(rpath, instance->host_no, wwpn))
+    if (!vxsysfs_find_rport_by_wwpn(rpath, inst->host_no, wwpn))
         return 0;
     // The port's name is the last component of ".../rport-H:B-R/".
     char name[VXSYSFS_PATH_LEN];

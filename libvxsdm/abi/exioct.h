@@ -168,6 +168,7 @@ inline constexpr uint16_t EXT_SC_SEND_ELS_PASSTHRU = 0;
 enum : uint16_t {
     EXT_SC_GET_TGT_LUN_DATA_LIST = 10,
     EXT_SC_GET_PORT_SUMMARY = 106,
+    EXT_SC_GET_DCBX_PARAM = 109,
 };
 
 // ---- Driver status codes (the Status field; translated by SDXlateSDMErr) ----
@@ -365,7 +366,40 @@ static_assert(offsetof(EXT_CNA_PORT, VNPortMACAddress) == 2);
 static_assert(offsetof(EXT_CNA_PORT, FabricParam) == 8);
 static_assert(offsetof(EXT_CNA_PORT, Reserved) == 12);
 
+// Answer of get-data sub-code EXT_SC_GET_DCBX_PARAM (converged ports): the
+// DCBX state of the port's Ethernet link, followed by the peer's TLVs as
+// received (TlvLength bytes), cut at the end of the response buffer.
+struct EXT_DCBX_PARAM {
+    uint16_t Version;           // EXT_DCBX_VERSION
+    uint16_t TlvLength;         // bytes of peer TLVs after this record
+    uint8_t OperState;          // 1: negotiated with the peer
+    uint8_t Willing;            // 1: the port takes the peer's configuration
+    uint8_t FcoePriority;       // 802.1p priority of FCoE frames
+    uint8_t PfcEnable;          // priorities with flow control, bit n = priority n
+    uint8_t PriorityGroup[8];   // group of each priority
+    uint8_t GroupBandwidth[8];  // percent of the link per group
+    uint8_t PeerMac[6];
+    uint16_t Reserved0;
+    uint32_t Reserved[8];
+};
+inline constexpr uint16_t EXT_DCBX_VERSION = 1;
+static_assert(sizeof(EXT_DCBX_PARAM) == 64);
+static_assert(offsetof(EXT_DCBX_PARAM, OperState) == 4);
+static_assert(offsetof(EXT_DCBX_PARAM, PriorityGroup) == 8);
+static_assert(offsetof(EXT_DCBX_PARAM, GroupBandwidth) == 16);
+static_assert(offsetof(EXT_DCBX_PARAM, PeerMac) == 24);
+static_assert(offsetof(EXT_DCBX_PARAM, Reserved) == 32);
+
 // ---- Discovered ports, targets, LUNs ----
+
+// Port types of EXT_HBA_PORT, EXT_DISC_PORT and the LUN list's DevType.
+enum : uint16_t {
+    EXT_DEF_INITIATOR_DEV = 1,  // the adapter's own port
+    EXT_DEF_TARGET_DEV = 2,     // a remote port
+};
+
+// Bit of a LUN map byte (target/LUN lists): the LUN is present.
+inline constexpr uint8_t EXT_DEF_LUN_PRESENT = 0x80;
 
 struct EXT_DISC_PORT {
     uint8_t WWNN[8];

@@ -47,6 +47,11 @@ static_assert(offsetof(TGT_LUN_DATA_ENTRY, LunCount) == 16);
 static_assert(offsetof(TGT_LUN_DATA_ENTRY, TargetId) == 19);
 static_assert(offsetof(TGT_LUN_DATA_ENTRY, PortId) == 24);
 
+// The largest target id an entry can name. Larger targets are left out of
+// the list; LunCount counts every LUN of the target, also those whose
+// number lies past the map and so cannot be marked.
+inline constexpr uint32_t VX_TGT_LUN_MAX_TARGET = 0xFF;
+
 inline constexpr size_t TGT_LUN_MAP_SMALL = 2048;
 inline constexpr size_t TGT_LUN_MAP_LARGE = 4096;  // drivers with capability bit 0x04
 

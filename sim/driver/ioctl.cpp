@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "dcbx.h"
 #include "endpoints.h"
 #include "vx_adapters.h"
 
@@ -145,6 +146,17 @@ void get_data(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
         }
         std::memcpy(&mask, req.request.data(), sizeof mask);
         take(ans, ioctl_port_summary(p, mask, req.response_len));
+        return;
+    }
+    case EXT_SC_GET_DCBX_PARAM: {
+        // The link's state: converged physical ports only, cut at the buffer.
+        if (!vx_adapter_has(p.adapter->device_id, VX_MARK_CNA) || !p.physical) {
+            ans.status = EXT_STATUS_INVALID_REQUEST;
+            return;
+        }
+        std::vector<uint8_t> d = dcbx_record(*p.host);
+        d.resize(std::min<size_t>(d.size(), req.response_len));
+        ans.response = std::move(d);
         return;
     }
     default: ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE; return;

@@ -30,7 +30,6 @@ constexpr uint8_t CF_FABRIC_ADDRESS = 0x08;
 constexpr uint32_t DF_ONLINE = 0x01;
 
 constexpr uint32_t FABRIC_PORT_ID_FIRST = 0xFFF000;
-constexpr uint8_t LUN_PRESENT = 0x80;
 
 template <size_t N>
 void put_text(uint8_t (&dst)[N], std::string_view text) {
@@ -159,22 +158,26 @@ uint32_t pcie_speed_code(std::string_view text) {
     return 0;
 }
 
+// The older generation's driver data carries no capability flags, so its
+// maps keep the small size whatever the flags say.
 size_t lun_map_size(const Adapter& a) {
-    return (a.driver_flags & EXT_DRIVER_FLAG_CAP4) ? TGT_LUN_MAP_LARGE : TGT_LUN_MAP_SMALL;
+    return (a.driver_flags & EXT_DRIVER_FLAG_CAP4) && a.channel != Channel::Legacy ? TGT_LUN_MAP_LARGE
+                                                                                   : TGT_LUN_MAP_SMALL;
 }
 
 // LUN numbers as the sysfs channel decodes the midlayer's names: by the top
 // two bits of the 16-bit number.
 uint16_t decode_lun(uint16_t lun) {
     switch (lun >> 14) {
-    case 1: return lun & 0x0FFF;
+    case 1: return lun & 0x3FFF;
     case 2: return lun & 0x001F;
     default: return lun & 0x00FF;
     }
 }
 
 // Marks in `map` the LUNs of every channel-0 SCSI device of the host with
-// this target id (the sysfs channel's count); returns how many it marked.
+// this target id (the sysfs channel's count); returns how many the target
+// has, also those past the map, which stay unmarked.
 uint16_t fill_lun_map(const HostPort& h, int32_t tid, uint8_t* map, size_t map_size) {
     uint16_t count = 0;
     for (const RemotePort& r : h.remote_ports) {
@@ -182,20 +185,21 @@ uint16_t fill_lun_map(const HostPort& h, int32_t tid, uint8_t* map, size_t map_s
             continue;
         for (const Lun& l : r.luns) {
             uint16_t n = decode_lun(l.lun);
-            if (n < map_size) {
-                map[n] |= LUN_PRESENT;
-                ++count;
-            }
+            if (n < map_size)
+                map[n] |= EXT_DEF_LUN_PRESENT;
+            ++count;
         }
     }
     return count;
 }
 
-// The ports that the LUN lists report: online, roles exactly "FCP Target".
+// The ports that the LUN lists report: online, roles exactly "FCP Target",
+// with a target id that the entry's byte can name.
 std::vector<const RemotePort*> listed_targets(const HostPort& h) {
     std::vector<const RemotePort*> out;
     for (const RemotePort& r : h.remote_ports)
-        if (online(r) && only_target(r))
+        if (online(r) && only_target(r) && r.scsi_target_id >= 0 &&
+            static_cast<uint32_t>(r.scsi_target_id) <= VX_TGT_LUN_MAX_TARGET)
             out.push_back(&r);
     return out;
 }
@@ -300,7 +304,7 @@ EXT_HBA_PORT ioctl_port(const IoctlPort& p) {
     EXT_HBA_PORT r{};
     put_wwn(r.WWPN, h.wwpn);
     put_id(r.Id, h.port_id);
-    r.Type = 1;
+    r.Type = EXT_DEF_INITIATOR_DEV;
     const LinkRow& link = link_row(h.link_state);
     r.State = link.state;
     r.Mode = link.mode;
@@ -444,7 +448,7 @@ std::optional<EXT_DISC_TARGET> ioctl_disc_target(const IoctlPort& p, uint16_t in
     put_wwn(t.WWNN, r.wwnn);
     put_wwn(t.WWPN, r.wwpn);
     put_id(t.Id, r.port_id);
-    t.Type = 2;
+    t.Type = EXT_DEF_TARGET_DEV;
     t.Status = online(r) ? DISC_ONLINE : DISC_GONE;
     t.Bus = static_cast<uint16_t>(r.channel);
     t.TargetId = target_id(r);
@@ -517,7 +521,7 @@ ListAnswer ioctl_tgt_lun_list(const IoctlPort& p, uint32_t room) {
         put_wwn(e.NodeName, r.wwnn);
         put_wwn(e.PortName, r.wwpn);
         e.TargetId = static_cast<uint8_t>(r.scsi_target_id);
-        e.DevType = 2;
+        e.DevType = EXT_DEF_TARGET_DEV;
         put_id(e.PortId, r.port_id);
         e.LunCount = fill_lun_map(*p.host, r.scsi_target_id, out.data() + at + TGT_LUN_DATA_ENTRY_HEADER, map);
         std::memcpy(out.data() + at, &e, TGT_LUN_DATA_ENTRY_HEADER);

@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "dcbx.h"
 #include "fsutil.h"
 #include "pci.h"
 #include "root.h"
@@ -316,6 +317,11 @@ private:
             w_.file(dir + "/optrom_ctl", "", 0200);
             w_.file(dir + "/nvram", "", 0600);
             w_.file(dir + "/vpd", "", 0600);
+            // Converged ports: the DCBX record of the Ethernet link (our attribute, binary).
+            if (vx_adapter_has(a.device_id, VX_MARK_CNA)) {
+                const std::vector<uint8_t> d = dcbx_record(p);
+                w_.file(dir + "/dcbx", std::string(d.begin(), d.end()), 0400);
+            }
         }
         scsi_host(a, f, p, dir, n, vport);
         fc_host(a, f, p, dir, n, vport);

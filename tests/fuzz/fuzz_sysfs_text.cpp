@@ -1,5 +1,6 @@
 // The parsers of attribute text and names that the kernel or driver hands
-// over: hexadecimal names into byte arrays, SCSI addresses, LUN numbers.
+// over: hexadecimal names into byte arrays, SCSI addresses, LUN numbers,
+// SCSI host entry names.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -19,6 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vxsysfs_to_array_hex(bytes.empty() ? nullptr : bytes.data(), str, array_size);
     vxsysfs_get_target_id(str);
     vxsysfs_get_lun_no(str);
+    uint32_t host = 0;
+    vxsysfs_parse_host_name(str, &host);
 
     std::vector<char> line(text.begin(), text.end());
     line.push_back('\0');

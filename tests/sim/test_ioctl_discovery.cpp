@@ -162,11 +162,38 @@ SIM_TEST(IoctlDiscovery, NewerGenerationFindsEveryPort, "ioctl") {
 
 SIM_TEST(IoctlDiscovery, OlderGenerationFindsEveryPort, "legacy") {
     expect_channel_order({"vxfcdrv", "vxfcdra"}, "older", 4);
-    expect_discovery("vxapi_find_all_instances_o", "45h");
+    // The older driver data carries no capability flags: properties read, nothing more.
+    expect_discovery("vxapi_find_all_instances_o", "5");
     for (const json& j : st::journal("ioctl")) {
         EXPECT_EQ(j.value("node", std::string()), "legacy");
         EXPECT_EQ(j.value("driver", std::string()), "vxfcdra");
     }
+}
+
+// The older driver lists only the ports it drives: a board that the newer
+// generation also serves is kept whatever its family.
+const char* const OLDER_PLOVER = R"({"name": "older-plover", "adapters": [{"id": "p1", "device_id": "0x2050",
+  "serial_number": "VXP20500001", "channel": "legacy", "driver_name": "vxfcdra", "functions": [
+  {"pci_address": "0000:01:00.0", "port": {"host_no": 1}}]}]})";
+
+SIM_TEST(IoctlDiscovery, OlderGenerationKeepsEveryBoardItLists, OLDER_PLOVER) {
+    trace_on();
+    ASSERT_EQ(SDGetNumberOfAdapters(), 1u);
+    EXPECT_EQ(st::trace_lines("vxapi_find_all_instances_o: added "),
+              (std::vector<std::string>{"host_no=1 instance=0 drvr_inst=0 interface_type=1 features=5"}));
+}
+
+// A Swift whose VPD cannot be read: its serial number is computed from the
+// node record's bytes with six bits of the first (V72688 has bit 5 set there).
+const char* const SWIFT_NO_VPD = R"({"name": "swift-no-vpd", "adapters": [{"id": "s1", "device_id": "0x1051",
+  "serial_number": "V72688", "channel": "ioctl", "functions": [{"pci_address": "0000:01:00.0", "port": {"host_no": 1}}]}],
+  "faults": [{"endpoint": "ioctl", "match": "0xc0747911", "action": "status:9", "count": -1}]})";
+
+SIM_TEST(IoctlDiscovery, NewerBoardWithoutVpdComputesItsSerialNumber, SWIFT_NO_VPD) {
+    trace_on();
+    ASSERT_EQ(SDGetNumberOfAdapters(), 1u);
+    EXPECT_EQ(st::trace_lines("vxapi_find_all_instances_n: adapter "),
+              (std::vector<std::string>{"device_id=1051h port_number=1 serial_num=V72688"}));
 }
 
 SIM_TEST(ChannelOrder, EachOlderDriverInTurn, SWIFT_ON_C.c_str()) {

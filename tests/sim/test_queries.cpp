@@ -315,14 +315,52 @@ SIM_TEST(Queries, TargetLunListDecodesAddressMethods, DISCOVERED) {
     EXPECT_EQ(count, 5u);
 
     // Only online ports whose roles are exactly "FCP Target" (not the blocked
-    // target 2, nor target 3, also an initiator); ids above 255 never.
-    for (uint16_t tid : {2, 3, 1, 9, 256}) {
+    // target 2, nor target 3, also an initiator); ids above 255 cannot be asked.
+    for (uint16_t tid : {2, 3, 1, 9}) {
         count = 4;
         EXPECT_EQ(SDGetTargetLunList(h[0], tid, luns.data(), &count), SDM_STATUS_DEVICE_NOT_FOUND) << tid;
     }
     count = 4;
+    EXPECT_EQ(SDGetTargetLunList(h[0], 256, luns.data(), &count), SDM_STATUS_NOT_SUPPORTED);
+    count = 4;
     EXPECT_EQ(SDGetTargetLunList(h[0], 0, nullptr, &count), SDM_STATUS_INVALID_PARAMETER);
 }
+
+namespace {
+
+// Targets whose ids or LUNs do not fit the LUN list's record: target 300
+// (whose low byte is target 44's id) and flat LUN 4100 (20484) past every
+// map, beside LUN 3 of the same target.
+std::string wide_targets(const char* channel) {
+    return std::string(R"json({"name": "wide", "adapters": [
+  {"id": "tern0", "device_id": "0x2061", "serial_number": "VXT20610001", "channel": ")json") +
+           channel + R"json(", "functions": [
+    {"pci_address": "0000:07:00.0", "port": {"host_no": 1, "wwpn": "21:00:00:1d:5a:20:61:01", "remote_ports": [
+       {"number": 0, "wwpn": "50:00:00:00:00:00:00:10", "scsi_target_id": 300, "luns": [{"lun": 2}]},
+       {"number": 1, "wwpn": "50:00:00:00:00:00:01:10", "scsi_target_id": 44, "luns": [{"lun": 1}]},
+       {"number": 2, "wwpn": "50:00:00:00:00:00:02:10", "scsi_target_id": 45,
+        "luns": [{"lun": 3}, {"lun": 20484}]}]}}]}]})json";
+}
+const std::string WIDE_SYSFS = wide_targets("sysfs");
+const std::string WIDE_IOCTL = wide_targets("ioctl");
+
+void expect_wide_targets() {
+    const std::vector<int> h = open_all(1);
+    std::vector<SD_UINT16> luns(4, 0xA5A5);
+    SD_UINT32 count = 4;
+    EXPECT_EQ(SDGetTargetLunList(h[0], 300, luns.data(), &count), SDM_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(count, 4u);
+    ASSERT_EQ(SDGetTargetLunList(h[0], 44, luns.data(), &count), 0u);  // its own LUN, not target 300's
+    EXPECT_EQ(std::vector<SD_UINT16>(luns.begin(), luns.begin() + count), std::vector<SD_UINT16>{1});
+    count = 4;
+    EXPECT_EQ(SDGetTargetLunList(h[0], 45, luns.data(), &count), SDM_STATUS_DATA_OVERRUN);  // 4100 not folded
+    EXPECT_EQ(std::vector<SD_UINT16>(luns.begin(), luns.begin() + count), std::vector<SD_UINT16>{3});
+}
+
+}  // namespace
+
+SIM_TEST(Queries, TargetLunListOfWideTargetsOverSysfs, WIDE_SYSFS.c_str()) { expect_wide_targets(); }
+SIM_TEST(Queries, TargetLunListOfWideTargetsOverIoctl, WIDE_IOCTL.c_str()) { expect_wide_targets(); }
 
 SIM_TEST(Queries, ChipDriverAndFirmware, NODE) {
     const std::vector<int> h = open_all(3);
@@ -405,6 +443,71 @@ SIM_TEST(Queries, ConvergedPortData, CONVERGED) {
         EXPECT_EQ(size, c.size_after);
         EXPECT_TRUE(untouched(buf.data(), buf.size()));
     }
+}
+
+namespace {
+
+// One converged port on either channel, for its DCBX parameters.
+std::string kite_on(const char* channel) {
+    return std::string(R"json({"name": "kite", "adapters": [
+  {"id": "kite0", "device_id": "0x2010", "serial_number": "VXK20100001", "channel": ")json") +
+           channel + R"json(", "functions": [
+    {"pci_address": "0000:04:00.0", "port": {"host_no": 1, "vn_port_mac": "0e:fc:00:01:02:03"}}]}]})json";
+}
+const std::string KITE_SYSFS = kite_on("sysfs");
+const std::string KITE_IOCTL = kite_on("ioctl");
+
+// The link's DCBX record, then the zeroed rest of the caller's size.
+void expect_dcbx() {
+    const std::vector<int> h = open_all(1);
+    std::vector<uint8_t> buf(100, PATTERN);
+    SD_UINT32 size = static_cast<SD_UINT32>(buf.size());
+    ASSERT_EQ(SDGetCnaPortData(h[0], 0, SDM_CNA_DCBX_PARAMS, buf.data(), &size), 0u);
+    EXPECT_EQ(size, 100u);
+    std::vector<uint8_t> want(100, 0);
+    const std::vector<uint8_t> head = {1, 0, 0, 0, 1, 1, 3, 0x08,          // version, no TLVs, operational, willing,
+                                       0, 0, 0, 1, 0, 0, 0, 0,              // FCoE on priority 3 with PFC, in group 1
+                                       50, 50, 0, 0, 0, 0, 0, 0,            // half the link each
+                                       0x0e, 0xfc, 0x00, 0x01, 0x02, 0xfc};  // the peer's MAC
+    std::copy(head.begin(), head.end(), want.begin());
+    EXPECT_EQ(buf, want);
+}
+
+}  // namespace
+
+SIM_TEST(Queries, DcbxParametersOverSysfs, KITE_SYSFS.c_str()) { expect_dcbx(); }
+SIM_TEST(Queries, DcbxParametersOverIoctl, KITE_IOCTL.c_str()) { expect_dcbx(); }
+
+// Two boards without serial numbers: a virtual port counts the functions of
+// its own board only.
+const char* const NO_SERIALS = R"json({"name": "no-serials", "adapters": [
+  {"id": "swift0", "device_id": "0x1051", "serial_number": "", "functions": [
+    {"pci_address": "0000:03:00.0", "port": {"host_no": 2}, "vports": [{"host_no": 8}]},
+    {"pci_address": "0000:03:00.1", "port": {"host_no": 3}}]},
+  {"id": "egret0", "device_id": "0x1040", "serial_number": "", "functions": [
+    {"pci_address": "0000:05:00.0", "port": {"host_no": 5}}]}]})json";
+
+SIM_TEST(Queries, VirtualPortCountsThePortsOfItsOwnBoard, NO_SERIALS) {
+    const std::vector<int> h = open_all(4);  // hosts 2, 8, 3, 5
+    auto n = patterned<DEVICENODEPROPERTY>();
+    ASSERT_EQ(SDGetHbaDeviceNodeProperty(h[1], &n), 0u);
+    EXPECT_EQ(n.InterfaceType, 3);
+    EXPECT_EQ(n.NumberOfPorts, 2);
+}
+
+// The port id is read on every query: a port whose link comes up after the
+// library loaded reports its new address.
+SIM_TEST(Queries, PortIdIsReadLive, DISCOVERED) {
+    const std::vector<int> h = open_all(1);
+    {
+        FILE* fp = fopen("/sys/class/fc_host/host1/port_id", "w");
+        ASSERT_NE(fp, nullptr);
+        fputs("0x0a0b0c\n", fp);
+        fclose(fp);
+    }
+    auto p = patterned<DEVICEPORTPROPERTY>();
+    ASSERT_EQ(SDGetHbaDevicePortProperty(h[0], 0, &p), 0u);
+    EXPECT_EQ(bytes(p.PortID, 3), (std::vector<uint8_t>{0x0a, 0x0b, 0x0c}));
 }
 
 SIM_TEST(Queries, BadHandlesAndNullRecordsLeaveTheCallerAlone, "default.json") {

@@ -8,6 +8,7 @@
 
 #include "test_core_sysfs_tree.h"
 #include "vsdmgt.h"
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sysfs.h"
 
@@ -82,6 +83,7 @@ TEST_F(QueryTree, WwpnToScsiAddressOfThisHostsPort) {
     vxapi_priv_database inst{};
     inst.host_no = 3;
     inst.features = VX_FEAT_SYSFS;
+    vxapi_set_channel(&inst);
     const struct {
         uint8_t last;  // of the WWPN 50:00:00:00:00:00:0x:10
         uint32_t size;

@@ -66,6 +66,48 @@ TEST_F(SysfsDisc, HostListIsAscendingByNumber) {
     EXPECT_EQ(hosts, (std::vector<uint32_t>{5, 7, 10, 12}));  // numeric, not by name
 }
 
+// Names that only look like hosts are skipped, not turned into ghost ports
+// (host 0, a wrapped -5, 4294967298 cut to 2) nor allowed to end the scan.
+TEST_F(SysfsDisc, OddHostNamesAreSkipped) {
+    for (const char* name : {"hostABC", "host-5", "host4294967298", "host", "host3x"}) {
+        EXPECT_FALSE(vxsysfs_parse_host_name(name, nullptr)) << name;
+        EXPECT_EQ(vxsysfs_add_hostno_in_host_no_list(name), 0u) << name;
+    }
+    EXPECT_EQ(host_no_list, nullptr);
+    for (const char* name : {"hostABC", "host-5", "host4294967298", "host3"})
+        tree.dir(std::string("pci/") + name);
+    tree.dir("pci/host3/vport-3:0-0/host9");
+    tree.dir("pci/host3/vport-3:0-0/host-1");
+    sysfs_device dev{};
+    snprintf(dev.path, sizeof dev.path, "%s", tree.path("pci").c_str());
+    EXPECT_EQ(vxsysfs_collect_hostno_list_from_devices_path(&dev), 0);
+    std::vector<uint32_t> hosts;
+    vx_dlist_each<uint32_t>(host_no_list, [&](uint32_t* n) { return hosts.push_back(*n), true; });
+    EXPECT_EQ(hosts, (std::vector<uint32_t>{3, 9}));
+    uint32_t n = 0;
+    EXPECT_TRUE(vxsysfs_parse_host_name("host4294967295", &n));
+    EXPECT_EQ(n, 4294967295u);
+}
+
+// A class directory holds links; a real directory among them hides none.
+TEST_F(SysfsDisc, ClassEntriesAreDirectoriesAndLinksAlike) {
+    mnt_path_override mnt(tree.root());
+    tree.file("devices/h3/rport-3:0-0/fc_remote_ports/rport-3:0-0/port_name", "0x5000000000000010\n");
+    tree.link("class/fc_remote_ports/rport-3:0-0", "devices/h3/rport-3:0-0/fc_remote_ports/rport-3:0-0");
+    tree.file("class/fc_remote_ports/rport-3:0-1/port_name", "0x5000000000000011\n");  // a real directory
+    vxsysfs_path_t rpath;
+    for (uint8_t last : {0x10, 0x11}) {
+        const uint8_t wwpn[8] = {0x50, 0, 0, 0, 0, 0, 0, last};
+        EXPECT_EQ(vxsysfs_find_rport_by_wwpn(rpath, 3, wwpn), 1) << int(last);
+    }
+    // The fc_host class likewise, with an odd name among the hosts.
+    tree.file("devices/h4/fc_host/host4/port_name", "0x210000000000000b\n");
+    tree.link("class/fc_host/host4", "devices/h4/fc_host/host4");
+    tree.file("class/fc_host/hostABC/port_name", "0x210000000000000b\n");
+    const uint8_t wwpn[8] = {0x21, 0, 0, 0, 0, 0, 0, 0x0B};
+    EXPECT_EQ(vxsysfs_get_vport_host_no(wwpn), 4u);
+}
+
 TEST(SysfsVport, BitmapAllocatesTheFirstFreeId) {
     vxapi_phy_info phy{};
     phy.vp_map[0] = 0xFF;

@@ -3,11 +3,14 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <regex>
 #include <string>
 
 #include "test_core_sysfs_tree.h"
+#include "vsdmgt.h"
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
 
@@ -70,6 +73,10 @@ TEST_F(Trace, LongLinesAreSplitAndPercentSignsAreText) {
         {[&] { vxdbg_print(long_message.c_str(), 0, VXDBG_NONE, 1); },
          std::string(251, 'a') + "\n" + std::string(49, 'a') + "\n"},
         {[&] { vxdbg_print(fits.c_str(), 0, VXDBG_NONE, 1); }, fits + "\n"},  // 250 and the line end fit
+        // A full buffer ends its line; the message's own line end adds no empty one.
+        {[&] { vxdbg_print(long_message.substr(0, 251).c_str(), 0, VXDBG_NONE, 1); }, std::string(251, 'a') + "\n"},
+        {[&] { vxdbg_print((long_message + long_message).substr(0, 502).c_str(), 0, VXDBG_NONE, 1); },
+         std::string(251, 'a') + "\n" + std::string(251, 'a') + "\n"},
         {[] { vxdbg_print("100% %s %n done", 0, VXDBG_NONE, 1); }, "100% %s %n done\n"},  // text, not a format
     };
     for (const auto& c : cases)
@@ -154,6 +161,89 @@ TEST_F(Trace, DebugLevelFromEnvironment) {
     if (api_dbg_sem_id != -1)
         vxapi_sem_del(api_dbg_sem_id);
     api_dbg_sem_id = -1;
+}
+
+// Callers trace a failure before they hand its errno on: the trace keeps it,
+// also when the log cannot be opened.
+TEST_F(Trace, ErrnoSurvivesATraceLine) {
+    snprintf(vxdbglog_path, sizeof vxdbglog_path, "%s", (dir_ + "/no/such/dir/log").c_str());
+    vx_debug = VXDBG_DEFAULT;
+    errno = EBUSY;
+    vxdbg_print("line", 0, VXDBG_NONE, 1);
+    EXPECT_EQ(errno, EBUSY);
+}
+
+// The raw file helpers' lines under the sysfs bit: what was asked, and why
+// a transfer stopped short.
+TEST_F(Trace, RawFileHelperLines) {
+    const std::string file = dir_ + "/attr", missing = dir_ + "/none";
+    {
+        FILE* fp = fopen(file.c_str(), "w");
+        ASSERT_NE(fp, nullptr);
+        fputs("abcd", fp);
+        fclose(fp);
+    }
+    uint8_t buf[16];
+    vx_debug = VXDBG_SYSFS;
+    std::string out = capture_stderr([&] { EXPECT_EQ(vxsysfs_read_file(missing.c_str(), buf, 16), 16u); });
+    EXPECT_EQ(out, "vxsysfs_read_file: > size==16\nvxsysfs_read_file: > path==" + missing +
+                       "\nvxsysfs_read_file: > Failed open\n");
+    out = capture_stderr([&] { EXPECT_EQ(vxsysfs_read_file(file.c_str(), buf, 16), 12u); });
+    EXPECT_EQ(out, "vxsysfs_read_file: > size==16\nvxsysfs_read_file: > path==" + file +
+                       "\nvxsysfs_read_file: > n==0\nvxsysfs_read_file: > residual==12\n");
+    // A directory opens read-only but fails the read: -1 prints as -1.
+    out = capture_stderr([&] { EXPECT_EQ(vxsysfs_read_data(dir_.c_str(), buf, 16), -1); });
+    EXPECT_EQ(out, "vxsysfs_read_data: > size==16\nvxsysfs_read_data: > path==" + dir_ +
+                       "\nvxsysfs_read_data: > Failed read\nvxsysfs_read_data: > n==-1\n"
+                       "vxsysfs_read_data: > residual==16\n");
+    vx_debug = VXDBG_TRACE;  // not the sysfs bit: silent
+    EXPECT_EQ(capture_stderr([&] { vxsysfs_read_file(missing.c_str(), buf, 16); }), "");
+}
+
+// A query names its sub-code apart from the function, and a failed ioctl's
+// result prints as -1.
+TEST_F(Trace, QueryLinesOfAFailedIoctl) {
+    vxapi_priv_database rec{};
+    rec.features = VX_FEAT_IOCTL_NODE | VX_FEAT_NEW_IOCTL;
+    vxapi_set_channel(&rec);
+    EXT_HBA_NODE node{};
+    uint32_t stat = 0;
+    const std::string out = echoed([&] { EXPECT_EQ(vxapi_query_hbanode(-1, &rec, &node, &stat), -1); });
+    EXPECT_EQ(out, "vxapi_query_hbanode: entered. subcode=1\nvxapi_query_hbanode: exiting. ret=-1 stat=0\n");
+}
+
+// The open and close entry points trace under the trace bit too.
+TEST_F(Trace, OpenAndCloseHonourTheTraceBit) {
+    VX_REQUIRE_PRIVATE_IPC();
+    setenv("VX_FCAPI_DEBUG", "4", 1);
+    const std::string out = capture_stderr([] {
+        EXPECT_EQ(SDOpenDevice(3, nullptr), SDM_STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(SDCloseDevice(5), SDM_STATUS_SUCCESS);  // nothing open
+    });
+    unsetenv("VX_FCAPI_DEBUG");
+    if (api_dbg_sem_id != -1)
+        vxapi_sem_del(api_dbg_sem_id);
+    api_dbg_sem_id = -1;
+    EXPECT_EQ(out, "SDOpenDevice(3): entered.\nSDCloseDevice: entered. handle=5\n");
+}
+
+// Without a sysfs mount the library says so under the error bit.
+TEST_F(Trace, SysfsNotMounted) {
+    bool skipped = false;
+    const std::string out = run_with_private_sys(
+        dir_,
+        [] {
+            unsetenv("SYSFS_PATH");
+            // The bind over /sys, then the sysfs below it.
+            while (umount2("/sys", MNT_DETACH) == 0) {
+            }
+            vx_debug = VXDBG_ERROR;
+            std::string err = capture_stderr([] { vxsysfs_init(); });
+            return err;
+        },
+        &skipped);
+    VX_SKIP_WITHOUT_MOUNT_NS(skipped);
+    EXPECT_EQ(out, "vxsysfs_init: > sysfs not mounted\n");
 }
 
 TEST_F(Trace, DumpLayouts) {
