@@ -210,6 +210,26 @@ uint32_t vxsysfs_create_bsg_els_header(sg_io_v4* hdr, uint8_t* request, uint32_t
                                        uint32_t reply_len, const uint8_t* buf, uint32_t size, uint8_t* resp,
                                        uint32_t resp_len);
 
+// The private node of one bsg request: made from a bsg path (host or
+// remote port) and opened write-only on construction; closed and always
+// unlinked when it goes out of scope, whatever happened in between.
+class vxsysfs_bsg_node {
+public:
+    // `path` may lose one trailing "/" (vxsysfs_open_bsg_dev).
+    explicit vxsysfs_bsg_node(char* path);
+    ~vxsysfs_bsg_node();
+    vxsysfs_bsg_node(const vxsysfs_bsg_node&) = delete;
+    vxsysfs_bsg_node& operator=(const vxsysfs_bsg_node&) = delete;
+    bool made() const { return name_[0] != '\0'; }  // the node exists (extended status 1 from here)
+    bool opened() const { return fd_ >= 0; }
+    // SG_IO with `hdr`: 0, or -1 with errno.
+    int sg_io(sg_io_v4* hdr) const;
+
+private:
+    char name_[VXSYSFS_PATH_LEN] = {};
+    int fd_ = -1;
+};
+
 // Extended status of a vendor request once SG_IO returned `rc` (errno
 // `err`): the driver's vendor_rsp[0] on success, 20 when the driver lacks
 // bsg vendor commands, else 1. (Before: 9 on entry, 17 when a buffer

@@ -1,7 +1,11 @@
-// FC transport bsg framing: the sg_io_v4 header and the fc_bsg_request of
-// vendor, option-ROM, CT and ELS requests, and how a completed request is
-// judged. The one place that owns bsg; the node handling and SG_IO itself
-// build on these builders.
+// FC transport bsg: the sg_io_v4 header and the fc_bsg_request of vendor,
+// option-ROM, CT and ELS requests, how a completed request is judged, and
+// the private node each request is sent through. The one place that owns bsg.
+#include <fcntl.h>
+#include <scsi/sg.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -198,4 +202,27 @@ vxsysfs_bsg_next vxsysfs_bsg_optrom_next(int rc, int err, uint32_t sends, uint32
     ext_stat = err == ENOSYS ? EXT_STATUS_INVALID_REQUEST : EXT_STATUS_ERR;
     vxdbg_num(ERR, "vxsysfs_bsg_optrom_next: SG_IO failed. errno=", static_cast<uint64_t>(err), VXDBG_DEC, 1);
     return vxsysfs_bsg_next::stop;
+}
+
+vxsysfs_bsg_node::vxsysfs_bsg_node(char* path) {
+    if (!path || vxsysfs_open_bsg_dev(path, name_, sizeof name_) != 0) {
+        name_[0] = '\0';
+        return;
+    }
+    fd_ = vxsysfs_open_bsg_node(name_, O_WRONLY);
+}
+
+vxsysfs_bsg_node::~vxsysfs_bsg_node() {
+    if (fd_ >= 0)
+        close(fd_);
+    if (made())
+        unlink(name_);
+}
+
+int vxsysfs_bsg_node::sg_io(sg_io_v4* hdr) const {
+    if (fd_ < 0 || !hdr) {
+        errno = EBADF;
+        return -1;
+    }
+    return ioctl(fd_, SG_IO, hdr);
 }

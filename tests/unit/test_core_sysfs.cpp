@@ -6,6 +6,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -269,6 +270,41 @@ TEST_F(SysfsTree, BsgNodesAreMadeUnderPrivateNames) {
         &skipped);
     VX_SKIP_WITHOUT_MOUNT_NS(skipped);
     EXPECT_EQ(out, "/tmp/t5 250:7 644;/tmp/5:0-2;1;1;252:1;2");
+}
+
+TEST_F(SysfsTree, BsgNodeIsAlwaysUnlinked) {
+    tree.file("class/bsg/fc_host5/dev", "250:7\n");
+    bool skipped = false;
+    const std::string out = run_with_private_sys(
+        tree.root(),
+        [] {
+            std::string r;
+            mnt_path_override sys("/sys");
+            auto tmp_entries = [] {
+                size_t n = 0;
+                for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/tmp"))
+                    ++n;
+                return std::to_string(n);
+            };
+            {
+                // No driver behind these numbers: made, not opened, the request refused.
+                char host[] = "/sys/class/bsg/fc_host5/";
+                vxsysfs_bsg_node node(host);
+                sg_io_v4 hdr{};
+                errno = 0;
+                const int rc = node.sg_io(&hdr);
+                const bool ebadf = errno == EBADF;
+                r += std::to_string(node.made()) + std::to_string(node.opened()) + std::to_string(rc) +
+                     (ebadf ? "EBADF" : "?") + tmp_entries() + ";";
+            }
+            r += tmp_entries() + ";";
+            char absent[] = "/sys/class/bsg/fc_host9";
+            vxsysfs_bsg_node none(absent);
+            return r + std::to_string(none.made()) + tmp_entries();
+        },
+        &skipped);
+    VX_SKIP_WITHOUT_MOUNT_NS(skipped);
+    EXPECT_EQ(out, "10-1EBADF1;0;00");
 }
 
 }  // namespace
