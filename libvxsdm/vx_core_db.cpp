@@ -399,17 +399,22 @@ uint32_t vxapi_claim_slot(vxapi_shared_t* shared, const vxapi_libinst_owner& sel
         slot = 0;
         vxdbg_line(VXDBG_CRITICAL | DB_TRACE, "libvxsdm: INFO - Assigning lib instance number to 0.");
     }
-    shared->libinst_flags[slot] |= VX_LIBINST_HELD | VX_LIBINST_CLAIMED;
-    memset(&shared->hbaptevq[slot], 0, sizeof shared->hbaptevq[slot]);
+    // The owner first: a process killed between the two steps leaves a
+    // record that the next client reclaims, never a claim without owner.
+    bool recorded = false;
     for (vxapi_libinst_owner& o : shared->libinst_owner) {
         if (o.pid == 0) {
-            o.pid = self.pid;
             o.slot = slot;
             o.start_time = self.start_time;
-            return slot;
+            o.pid = self.pid;
+            recorded = true;
+            break;
         }
     }
-    vxdbg_line(DB_ERROR, "vxapi_open_database: owner table full; slot owner not recorded.");
+    if (!recorded)
+        vxdbg_line(DB_ERROR, "vxapi_open_database: owner table full; slot owner not recorded.");
+    shared->libinst_flags[slot] |= VX_LIBINST_HELD | VX_LIBINST_CLAIMED;
+    memset(&shared->hbaptevq[slot], 0, sizeof shared->hbaptevq[slot]);
     return slot;
 }
 
@@ -417,11 +422,16 @@ void vxapi_release_slot(vxapi_shared_t* shared, uint32_t slot, const vxapi_libin
                         vxapi_owner_alive_fn alive) {
     if (slot >= VX_LIBINST_SLOTS)
         return;
+    // The claim first, the owner record last (see vxapi_claim_slot).
+    bool shared_with_live = false;
+    for (const vxapi_libinst_owner& o : shared->libinst_owner)
+        if (o.pid != 0 && o.slot == slot && !same_owner(o, self) && alive(o))
+            shared_with_live = true;
+    if (!shared_with_live)
+        free_slot(shared, slot);
     for (vxapi_libinst_owner& o : shared->libinst_owner)
         if (o.pid != 0 && same_owner(o, self))
             forget(o);
-    if (!has_live_owner(shared, slot, alive))
-        free_slot(shared, slot);
 }
 
 uint32_t vxapi_count_other_clients(const vxapi_shared_t* shared, const vxapi_libinst_owner& self,

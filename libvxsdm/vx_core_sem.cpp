@@ -93,28 +93,41 @@ void end_hold() {
 }  // namespace
 
 int vxapi_sem_get(int key) {
-    // The exclusive bit without the create bit only opens an existing set.
-    int id = semget(key, 1, 02644);
-    if (id != -1)
-        return trusted(id, key) ? id : -1;
-    // Create exclusively: a set that another process made in the meantime is
-    // opened, never reset (its lock may be held).
-    id = semget(key, 1, 03644);
-    if (id == -1) {
-        if (errno != EEXIST)
+    // A set removed between finding and checking it is looked up again.
+    for (int attempt = 0; attempt < MAX_LOOKUPS; ++attempt) {
+        // The exclusive bit without the create bit only opens an existing set.
+        int id = semget(key, 1, 02644);
+        if (id == -1) {
+            // Create exclusively: a set that another process made in the
+            // meantime is opened, never reset (its lock may be held).
+            id = semget(key, 1, 03644);
+            if (id != -1) {
+                semun_arg arg{};
+                arg.val = 1;
+                if (semctl(id, 0, SETVAL, arg) == -1) {
+                    const int saved = errno;
+                    semctl(id, 0, IPC_RMID);
+                    errno = saved;
+                    return -1;
+                }
+                return id;
+            }
+            if (errno != EEXIST)
+                return -1;
+            id = semget(key, 1, 0644);
+            if (id == -1) {
+                if (errno == ENOENT)
+                    continue;
+                return -1;
+            }
+        }
+        if (trusted(id, key))
+            return id;
+        if (errno != EINVAL && errno != EIDRM)
             return -1;
-        id = semget(key, 1, 0644);
-        return id != -1 && trusted(id, key) ? id : -1;
     }
-    semun_arg arg{};
-    arg.val = 1;
-    if (semctl(id, 0, SETVAL, arg) == -1) {
-        const int saved = errno;
-        semctl(id, 0, IPC_RMID);
-        errno = saved;
-        return -1;
-    }
-    return id;
+    errno = EIDRM;
+    return -1;
 }
 
 int vxapi_sem_wait(int id) { return sem_op_traced(id, -1, "vxapi_sem_wait: id="); }
