@@ -142,6 +142,13 @@ pid_t start_client(Board* board, int client, bool handlers) {
     return pid;
 }
 
+std::vector<pid_t> start_clients(Board* board, int n, bool handlers) {
+    std::vector<pid_t> clients;
+    for (int i = 0; i < n; ++i)
+        clients.push_back(start_client(board, i, handlers));
+    return clients;
+}
+
 uint64_t total_cycles(const Board* board) {
     uint64_t n = 0;
     for (const auto& c : board->cycles)
@@ -192,9 +199,7 @@ double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(
 SIM_TEST(Processes, EightClientsCycleAndLeaveNothing, "single.json") {
     Board* board = new_board();
     ASSERT_NE(board, nullptr);
-    std::vector<pid_t> clients;
-    for (int i = 0; i < MAX_CLIENTS; ++i)
-        clients.push_back(start_client(board, i, false));
+    std::vector<pid_t> clients = start_clients(board, MAX_CLIENTS, false);
     real_sleep(8s);
     stop_all(board, clients);
     uint64_t failures = 0;
@@ -213,9 +218,7 @@ SIM_TEST(Processes, KilledClientsAreReclaimedByTheNextOne, "single.json") {
     Board* board = new_board();
     ASSERT_NE(board, nullptr);
     constexpr int CLIENTS = 6;
-    std::vector<pid_t> clients;
-    for (int i = 0; i < CLIENTS; ++i)
-        clients.push_back(start_client(board, i, false));
+    std::vector<pid_t> clients = start_clients(board, CLIENTS, false);
     std::mt19937 random(1009);  // fixed: the same kill points every run
     int kills = 0;
     for (const auto end = Clock::now() + 4s; Clock::now() < end; ++kills) {
@@ -248,9 +251,7 @@ SIM_TEST(Processes, TerminationSignalEndsAClientWithinASecondOthersGoOn, "single
     Board* board = new_board();
     ASSERT_NE(board, nullptr);
     constexpr int CLIENTS = 4;
-    std::vector<pid_t> clients;
-    for (int i = 0; i < CLIENTS; ++i)
-        clients.push_back(start_client(board, i, true));
+    std::vector<pid_t> clients = start_clients(board, CLIENTS, true);
     std::mt19937 random(2003);
     Clock::duration slowest{};
     for (int round = 0; round < 16; ++round) {

@@ -2,7 +2,6 @@
 // untrusted files. (Several processes on one file are tested end to end.)
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -209,63 +208,7 @@ TEST_F(SharedDb, UntrustedFilesAreRefusedUntouched) {
     }
 }
 
-// A client in another process: opens the database, then waits until told
-// to close it, or is killed.
-class OtherClient {
-public:
-    OtherClient() {
-        if (pipe(go_) != 0 || pipe(ready_) != 0)
-            return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            int fd = -1;
-            char c = vxapi_open_database(&fd) == 0 ? 'y' : 'n';
-            if (write(ready_[1], &c, 1) != 1 || read(go_[0], &c, 1) != 1)
-                _exit(1);
-            _exit(vxapi_close_database(fd));
-        }
-        char c = 0;
-        opened_ = pid_ > 0 && read(ready_[0], &c, 1) == 1 && c == 'y';
-    }
-    ~OtherClient() {
-        if (pid_ > 0)
-            kill_it();
-        for (int fd : {go_[0], go_[1], ready_[0], ready_[1]})
-            close(fd);
-    }
-    bool opened() const { return opened_; }
-    void kill_it() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-
-private:
-    int go_[2] = {-1, -1}, ready_[2] = {-1, -1};
-    pid_t pid_ = -1;
-    bool opened_ = false;
-};
-
-// A live client keeps the file and the locks; one that was killed does not,
-// and its slot goes to the next client rather than being shared.
-TEST_F(SharedDb, OnlyLiveClientsKeepTheSharedState) {
-    {
-        OtherClient other;
-        ASSERT_TRUE(other.opened());
-        ASSERT_EQ(open_db(), 0);
-        EXPECT_EQ(api_library_instance, 1u);
-        EXPECT_EQ(vxapi_close_database(api_shm_fildes), 0);
-        EXPECT_EQ(file_flags(), (Flags{0x05, 0, 0, 0, 0, 0, 0, 0}));
-        EXPECT_EQ(sem_value(VX_SEM_KEY_DBUPDATE), 1);
-        other.kill_it();  // leaves its slot claimed
-    }
-    EXPECT_EQ(file_flags(), (Flags{0x05, 0, 0, 0, 0, 0, 0, 0}));
-    ASSERT_EQ(open_db(), 0);
-    EXPECT_EQ(api_library_instance, 0u);  // reclaimed
-    EXPECT_EQ(vxapi_close_database(api_shm_fildes), 0);
-    EXPECT_NE(access(path_.c_str(), F_OK), 0);
-    EXPECT_EQ(sem_value(VX_SEM_KEY_DBUPDATE), -1);
-}
+// (Clients of other processes, live and killed, are tested end to end.)
 
 // ---- Slot owners, on an in-memory copy of the layout ----
 
