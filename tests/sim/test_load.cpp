@@ -4,6 +4,7 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -208,6 +209,10 @@ public:
     ~LiveClients() { release(); }
     bool ok() const { return ok_; }
     void release() {
+        // A byte, not end of file: later clients inherited the earlier ones' pipes.
+        for (const auto& [pid, go] : clients_)
+            if (write(go, "g", 1) != 1)
+                kill(pid, SIGKILL);
         for (const auto& [pid, go] : clients_) {
             close(go);
             waitpid(pid, nullptr, 0);
