@@ -71,8 +71,9 @@ void* vxapi_event_thread(void*) {
 }
 
 int vxapi_start_event_thread() {
-    // The caller's termination signals must reach the caller's threads: the
-    // handler unloads the library, which joins this thread.
+    // The caller's signals go to the caller's threads: this one blocks them
+    // all, and ends the process itself only where a deferred termination
+    // finishes (vxapi_finish_pending_termination unblocks it then).
     sigset_t all, saved;
     sigfillset(&all);
     const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
