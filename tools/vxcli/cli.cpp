@@ -273,6 +273,7 @@ int run_vxcli(int argc, char** argv) try {
     std::string help_topic;
     CLI::App* help_cmd = app.add_subcommand("help", "Show the help of a command");
     help_cmd->set_help_flag();
+    help_cmd->fallthrough();
     help_cmd->add_option("COMMAND", help_topic);
     std::vector<std::string> words;
     CLI::App* complete_cmd = app.add_subcommand(COMPLETE, "")->group("");

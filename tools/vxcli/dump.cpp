@@ -55,7 +55,8 @@ std::string hex_dump(const uint8_t* data, size_t size, uint64_t offset) {
         starred = false;
         out += dump_line(data + i, n, offset + i);
     }
-    out += fmt::format("{:08x}\n", offset + size);
+    if (size != 0)
+        out += fmt::format("{:08x}\n", offset + size);
     return out;
 }
 

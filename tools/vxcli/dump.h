@@ -9,7 +9,7 @@ namespace vxcli {
 
 // The bytes as `hexdump -C` shows them: offset, sixteen bytes in two groups
 // of eight, the printable characters; a run of identical lines as one "*";
-// the end offset last. `offset` is the address of the first byte (a flash
+// the end offset last (nothing at all for no bytes). `offset` is the address of the first byte (a flash
 // region's start).
 std::string hex_dump(const uint8_t* data, size_t size, uint64_t offset = 0);
 
