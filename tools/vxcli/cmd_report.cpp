@@ -51,7 +51,7 @@ void run(Context& ctx) {
 }  // namespace
 
 Command report_command() {
-    return {"report", "[PORT...]", "Report every port with its properties, remote ports, targets and LUN counts",
+    return {"report", "[PORT...]", "Report every port, its remote ports, targets and LUN counts",
             "Reports the whole host in one run: every port (or the PORTs given) with the properties `show` gives, "
             "the remote ports of its port database, and the targets `targets` lists with their LUN counts. "
             "Scripts read it with --json instead of starting one vxcli per port.",
