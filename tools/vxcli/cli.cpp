@@ -244,7 +244,7 @@ int run_vxcli(int argc, char** argv) try {
 
     CLI::App app{ABOUT, "vxcli"};
     app.set_help_flag();  // help is ours: one text per command, built from the table
-    bool help = false, version = false;
+    bool help = false, version = false;  // -h is answered before parsing (see below)
     Options opt;
     app.add_flag("-h,--help", help);
     app.add_flag("--version", version);
@@ -275,7 +275,6 @@ int run_vxcli(int argc, char** argv) try {
     help_cmd->set_help_flag();
     help_cmd->fallthrough();
     help_cmd->add_option("COMMAND", help_topic);
-    std::vector<std::string> words;
     CLI::App* complete_cmd = app.add_subcommand(COMPLETE, "")->group("");
     complete_cmd->set_help_flag();
     complete_cmd->prefix_command();  // takes every word as it is, options too
@@ -306,24 +305,17 @@ int run_vxcli(int argc, char** argv) try {
         fmt::print("{}\n", version_line());
         return EXIT_OK;
     }
+    if (help_cmd->parsed()) {
+        const Command* topic = find_command(help_topic);
+        if (!topic && !help_topic.empty() && help_topic != "help")
+            return usage_error(pre.json, fmt::format("unknown command '{}'; 'vxcli help' lists the commands", help_topic));
+        fmt::print("{}", topic ? command_help(*topic, *subs[topic->name]) : main_help());
+        return EXIT_OK;
+    }
     const Command* command = nullptr;
     for (const Command& c : commands())
         if (subs[c.name]->parsed())
             command = &c;
-    if (help_cmd->parsed()) {
-        if (help_topic.empty() || help_topic == "help") {
-            fmt::print("{}", main_help());
-            return EXIT_OK;
-        }
-        command = find_command(help_topic);
-        if (!command)
-            return usage_error(pre.json, fmt::format("unknown command '{}'; 'vxcli help' lists the commands", help_topic));
-        help = true;
-    }
-    if (help) {
-        fmt::print("{}", command ? command_help(*command, *subs[command->name]) : main_help());
-        return EXIT_OK;
-    }
     if (!command)
         return usage_error(pre.json, "no command given; 'vxcli help' lists the commands");
 
