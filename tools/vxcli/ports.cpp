@@ -29,7 +29,9 @@ std::optional<uint64_t> hex_value(const std::string& digits) {
     return std::strtoull(digits.c_str(), nullptr, 16);
 }
 
-// Advice for a library that did not load, by the status it gave.
+// Advice for a library that did not load, by the status it gave: what the
+// user can do about it (a status of its own for a refused semaphore set or
+// shared file belongs here too).
 std::string load_hint(uint32_t /*status*/) {
     if (geteuid() != 0)
         return "; vxcli must run as root";
