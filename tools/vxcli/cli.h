@@ -41,8 +41,8 @@ enum class PortArg {
     Any,   // zero or more; none means every port
 };
 
-// What the command line set. Commands that add options keep their values in
-// their own statics (see Command::options) or in `extra`.
+// What the command line set for every command. A command's own options
+// (Command::options) bind to variables in its own file.
 struct Options {
     bool json = false;
     bool yes = false;                  // only on commands that ask (Command::confirms)
