@@ -259,6 +259,7 @@ int vxapi_unload_lib() {
     vxapi_close_apidev();
     vxapi_free_api_priv_data_mem();
     vxapi_free_api_phy_info_mem();
+    vxsysfs_walk_reset();  // a reload may number its hosts anew
     release_and_delete_thread_sem();
     vxdbg_num(LOAD_TRACE, "vxapi_unload_lib: exiting. ret=", static_cast<uint64_t>(result), VXDBG_DEC, 1);
     return result;
