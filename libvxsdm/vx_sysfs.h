@@ -3,7 +3,10 @@
 // operations.
 #pragma once
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sysfs/libsysfs.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstddef>
@@ -113,6 +116,27 @@ private:
 // `size` - 1 bytes, NUL-terminated, trailing newlines removed. False (and
 // an empty text) when it cannot be read.
 bool vxsysfs_read_at(int dirfd, const char* rel, char* out, size_t size);
+// Calls fn(entry) for every entry of directory `rel` below `dirfd` ("."
+// for the directory itself) until it returns false. False when the
+// directory cannot be listed.
+template <typename F>
+bool vxsysfs_each_entry(int dirfd, const char* rel, F&& fn) {
+    const int fd = dirfd >= 0 ? openat(dirfd, rel, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (!dir) {
+        if (fd >= 0)
+            close(fd);
+        return false;
+    }
+    while (const dirent* e = readdir(dir))
+        if (!fn(e))
+            break;
+    closedir(dir);
+    return true;
+}
+// Host, channel and number of a remote port's name "rport-H:C-R"; false
+// when the name is not one.
+bool vxsysfs_parse_rport_name(const char* name, uint32_t* host, uint32_t* channel, uint32_t* number);
 // Attribute `attr` of the host's remote port `name` (rport-N:C-R).
 bool vxsysfs_rport_text(int host_fd, const char* name, const char* attr, char* out, size_t size);
 // "Online" and roles exactly "FCP Target": the ports the indexed walk lists.

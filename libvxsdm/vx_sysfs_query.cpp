@@ -1,6 +1,5 @@
 // sysfs twins of the leaf queries: driver records and VPD fields built from
 // the host's attributes.
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -128,10 +127,8 @@ void vxsysfs_get_rport_attributes(int host_fd, const char* name, rport_info* inf
 
 // B of "rport-H:B-R"; 0 when the name does not parse.
 uint16_t rport_channel(const char* name) {
-    unsigned host = 0, channel = 0, number = 0;
-    if (sscanf(name, "rport-%u:%u-%u", &host, &channel, &number) != 3)
-        return 0;
-    return static_cast<uint16_t>(channel);
+    uint32_t host = 0, channel = 0, number = 0;
+    return vxsysfs_parse_rport_name(name, &host, &channel, &number) ? static_cast<uint16_t>(channel) : 0;
 }
 
 uint32_t& status_word(uint32_t* pext_stat, uint32_t& local) { return pext_stat ? *pext_stat : local; }
@@ -373,19 +370,14 @@ uint16_t vxsysfs_count_target(const vxapi_priv_database* inst) {
     // A target with a LUN lies under its remote port's device, named
     // target{N}:{C}:{T}; the host's LUNs are found nowhere else.
     each_rport(host, [&](const char* name) {
-        const int fd = openat(host.fd(), name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
-        if (!dir) {
-            if (fd >= 0)
-                close(fd);
-            return true;
-        }
-        while (const dirent* e = readdir(dir)) {
+        vxsysfs_each_entry(host.fd(), name, [&](const dirent* e) {
             unsigned h = 0, c = 0, t = 0;
             if (strncmp(e->d_name, "target", 6) != 0 || sscanf(e->d_name + 6, "%u:%u:%u", &h, &c, &t) != 3 ||
                 h != host.host_no())
-                continue;
-            const int target = openat(dirfd(dir), e->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+                return true;
+            vxsysfs_path_t rel;
+            vxsysfs_path_format(rel, "%s/%s", name, e->d_name);
+            const int target = openat(host.fd(), rel, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
             const bool has_lun = target >= 0 && vxsysfs_count_target_luns(target, nullptr, 0) > 0;
             if (target >= 0)
                 close(target);
@@ -395,8 +387,8 @@ uint16_t vxsysfs_count_target(const vxapi_priv_database* inst) {
                 seen[tid / 8] |= bit;
                 ++count;
             }
-        }
-        closedir(dir);
+            return true;
+        });
         return true;
     });
     return count;

@@ -37,14 +37,6 @@ uint64_t monotonic_ns() {
 
 bool starts_with(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
 
-// B of "rport-H:B-R"; -1 when the name does not parse.
-long rport_channel_of(const char* name) {
-    unsigned host = 0, channel = 0, number = 0;
-    if (sscanf(name, "rport-%u:%u-%u", &host, &channel, &number) != 3)
-        return -1;
-    return static_cast<long>(channel);
-}
-
 // What the library remembers of one host between calls: the walk's
 // snapshot and the SCSI channels its remote ports used when last listed.
 struct host_memory {
@@ -77,9 +69,9 @@ host_memory* host_record(uint32_t host_no) {
 void remember_channels(uint32_t host_no, const vxsysfs_rport_names& names) {
     uint64_t mask = 0;
     for (size_t i = 0; i < names.size(); ++i) {
-        const long c = rport_channel_of(names[i]);
-        if (c >= 0 && c < 64)
-            mask |= uint64_t{1} << c;
+        uint32_t host = 0, channel = 0, number = 0;
+        if (vxsysfs_parse_rport_name(names[i], &host, &channel, &number) && channel < 64)
+            mask |= uint64_t{1} << channel;
     }
     const std::lock_guard<std::mutex> hold(memory_mutex);
     if (host_memory* m = host_record(host_no)) {
@@ -93,6 +85,17 @@ void remember_channels(uint32_t host_no, const vxsysfs_rport_names& names) {
 std::atomic<vxsysfs_clock_fn> vxsysfs_walk_clock{monotonic_ns};
 
 // ---- The host directory and its attributes ----
+
+bool vxsysfs_parse_rport_name(const char* name, uint32_t* host, uint32_t* channel, uint32_t* number) {
+    unsigned h = 0, c = 0, n = 0;
+    char tail = 0;
+    if (!name || sscanf(name, "rport-%u:%u-%u%c", &h, &c, &n, &tail) != 3)
+        return false;
+    *host = h;
+    *channel = c;
+    *number = n;
+    return true;
+}
 
 vxsysfs_host_dir::vxsysfs_host_dir(uint32_t host_no) : host_no_(host_no) {
     vxsysfs_path_t path;
@@ -177,29 +180,21 @@ bool vxsysfs_rport_names::list(int host_fd, uint32_t host_no) {
     clear();
     if (host_fd < 0)
         return false;
-    // A descriptor of its own for the listing: the host's stays usable for openat.
-    const int fd = openat(host_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
-    if (!dir) {
-        if (fd >= 0)
-            close(fd);
-        vxdbg_num(ERR, "vxsysfs_rport_names::list: cannot list host ", host_no, VXDBG_DEC, 1);
-        return false;
-    }
     char prefix[32];
     snprintf(prefix, sizeof prefix, "rport-%u:", host_no);
     bool ok = true;
-    while (const dirent* e = readdir(dir)) {
+    // A descriptor of its own for the listing: the host's stays usable for openat.
+    const bool listed = vxsysfs_each_entry(host_fd, ".", [&](const dirent* e) {
         if (!starts_with(e->d_name, prefix) || (e->d_type != DT_DIR && e->d_type != DT_UNKNOWN))
-            continue;
-        if (!push(e->d_name)) {
+            return true;
+        ok = push(e->d_name);
+        if (!ok)
             vxdbg_line(ERR, "vxsysfs_rport_names::list: out of memory.");
-            ok = false;
-            break;
-        }
-    }
-    closedir(dir);
-    if (!ok) {
+        return ok;
+    });
+    if (!listed)
+        vxdbg_num(ERR, "vxsysfs_rport_names::list: cannot list host ", host_no, VXDBG_DEC, 1);
+    if (!listed || !ok) {
         clear();
         return false;
     }
@@ -221,23 +216,13 @@ int vxsysfs_open_target(uint32_t host_no, uint32_t channel, uint32_t tid) {
 }
 
 uint32_t vxsysfs_count_target_luns(int target_fd, uint8_t* lun_map, uint32_t max_lun) {
-    if (target_fd < 0)
-        return 0;
-    const int fd = dup(target_fd);
-    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
-    if (!dir) {
-        if (fd >= 0)
-            close(fd);
-        return 0;
-    }
-    rewinddir(dir);
     uint32_t count = 0;
-    while (const dirent* e = readdir(dir)) {
+    vxsysfs_each_entry(target_fd, ".", [&](const dirent* e) {
         unsigned h = 0, c = 0, t = 0, l = 0;
         char tail = 0;
         // LUN devices are named H:C:T:L; anything else is an attribute or a link.
         if (sscanf(e->d_name, "%u:%u:%u:%u%c", &h, &c, &t, &l, &tail) != 4)
-            continue;
+            return true;
         const uint16_t lun = static_cast<uint16_t>(l);
         if (lun_map) {
             uint32_t number = 0;
@@ -254,8 +239,8 @@ uint32_t vxsysfs_count_target_luns(int target_fd, uint8_t* lun_map, uint32_t max
                 vxdbg_num(TRC, "vxsysfs_count_target_luns: lun beyond the map=", number, VXDBG_DEC, 1);
         }
         ++count;
-    }
-    closedir(dir);
+        return true;
+    });
     return count;
 }
 

@@ -51,6 +51,23 @@ private:
     vxsysfs_clock_fn saved_clock = vxsysfs_walk_clock.load();
 };
 
+TEST(RportName, HostChannelAndNumber) {
+    const struct {
+        const char* name;
+        bool ok;
+        uint32_t host, channel, number;
+    } rows[] = {{"rport-3:0-12", true, 3, 0, 12},        {"rport-4294967295:2-0", true, 4294967295u, 2, 0},
+                {"rport-3:0-12x", false, 0, 0, 0},       {"rport-3:0", false, 0, 0, 0},
+                {"target3:0:1", false, 0, 0, 0},        {nullptr, false, 0, 0, 0}};
+    for (const auto& r : rows) {
+        uint32_t h = 0, c = 0, n = 0;
+        EXPECT_EQ(vxsysfs_parse_rport_name(r.name, &h, &c, &n), r.ok) << (r.name ? r.name : "null");
+        if (r.ok) {
+            EXPECT_EQ((std::vector<uint32_t>{h, c, n}), (std::vector<uint32_t>{r.host, r.channel, r.number}));
+        }
+    }
+}
+
 // Names come in name order, only the host's own directories, whatever the
 // order they were made in; the host's channels are remembered from them.
 TEST_F(Walk, HostListsItsOwnRemotePortsInNameOrder) {
