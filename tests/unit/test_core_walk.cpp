@@ -38,15 +38,6 @@ protected:
         tree.rport(host, name, {{"port_state", state}, {"roles", roles}});
     }
 
-    std::vector<std::string> walk(uint32_t host) {
-        const vxsysfs_host_dir dir(host);
-        std::vector<std::string> seen;
-        char name[VXSYSFS_RPORT_NAME_LEN];
-        for (uint16_t i = 0; vxsysfs_walk_port(dir, i, name, sizeof name); ++i)
-            seen.emplace_back(name);
-        return seen;
-    }
-
 private:
     vxsysfs_clock_fn saved_clock = vxsysfs_walk_clock.load();
 };
@@ -108,16 +99,6 @@ TEST_F(Walk, OneReadOfAnAttribute) {
     EXPECT_FALSE(vxsysfs_read_at(-1, "text", small, sizeof small));
     EXPECT_FALSE(vxsysfs_read_at(dir, "text", small, 0));
     close(dir);
-}
-
-// Only online ports whose roles are exactly "FCP Target" are walked.
-TEST_F(Walk, WalkListsOnlineTargetsOnly) {
-    port(2, "rport-2:0-0");
-    port(2, "rport-2:0-1", "Blocked");
-    port(2, "rport-2:0-2", "Online", "FCP Target, FCP Initiator");
-    port(2, "rport-2:0-3", "Online", "FCP Initiator");
-    port(2, "rport-2:0-4");
-    EXPECT_EQ(walk(2), (std::vector<std::string>{"rport-2:0-0", "rport-2:0-4"}));
 }
 
 // A later index answers from the snapshot of index 0 until it is a second
