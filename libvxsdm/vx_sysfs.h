@@ -177,8 +177,9 @@ uint32_t vxsysfs_count_target_luns(int target_fd, uint8_t* lun_map, uint32_t max
 // The remote port that holds target N:C:T, by the target's place in the
 // tree. False when there is no such target under a remote port of host N.
 bool vxsysfs_target_rport(uint32_t host_no, uint32_t channel, uint32_t tid, char* name, size_t name_len);
-// Bit C set when a remote port of the host is on SCSI channel C (below 64),
-// as the host's remote ports were last listed (listed now the first time).
+// The SCSI channels to look for the host's targets on: bit C for channel C
+// (below 64). Channel 0 always, and those of the host's remote ports as they
+// were last listed (listed now the first time).
 uint64_t vxsysfs_host_channels(const vxsysfs_host_dir& host);
 
 // The indexed walk: the name of the index-th qualifying remote port of the

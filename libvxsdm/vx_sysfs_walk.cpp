@@ -259,13 +259,15 @@ bool known_channels(uint32_t host_no, uint64_t* channels) {
 }  // namespace
 
 uint64_t vxsysfs_host_channels(const vxsysfs_host_dir& host) {
+    // Channel 0 always: FC remote ports are on it, and a host whose ports
+    // all came after its last listing must not be taken for one without.
     uint64_t channels = 0;
-    if (known_channels(host.host_no(), &channels))
-        return channels;
-    vxsysfs_rport_names names;
-    names.list(host.fd(), host.host_no());
-    known_channels(host.host_no(), &channels);
-    return channels;
+    if (!known_channels(host.host_no(), &channels)) {
+        vxsysfs_rport_names names;
+        names.list(host.fd(), host.host_no());
+        known_channels(host.host_no(), &channels);
+    }
+    return channels | 1;
 }
 
 bool vxsysfs_target_rport(uint32_t host_no, uint32_t channel, uint32_t tid, char* name, size_t name_len) {

@@ -76,6 +76,7 @@ TEST_F(Walk, HostListsItsOwnRemotePortsInNameOrder) {
         got.emplace_back(names[i]);
     EXPECT_EQ(got, (std::vector<std::string>{"rport-3:0-1", "rport-3:0-10", "rport-3:0-2", "rport-3:0-5", "rport-3:2-1"}));
     EXPECT_EQ(vxsysfs_host_channels(host), uint64_t{0x5});
+    EXPECT_EQ(vxsysfs_host_channels(vxsysfs_host_dir(9)), uint64_t{0x1}) << "channel 0 on a host without ports";
 
     const vxsysfs_host_dir missing(4);
     EXPECT_FALSE(missing.ok());
