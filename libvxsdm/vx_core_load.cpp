@@ -353,6 +353,7 @@ int vxapi_unload_lib() {
     vxapi_free_api_phy_info_mem();
     if (locked)
         vxapi_sem_unlock_delete(api_thread_sem_id);
+    vxsysfs_walk_reset();  // a reload may number its hosts anew
     vxdbg_num(LOAD_TRACE, "vxapi_unload_lib: exiting. ret=", static_cast<uint64_t>(result), VXDBG_DEC, 1);
     return result;
 }

@@ -473,6 +473,7 @@ struct Generate {
     std::optional<uint32_t> first_host;
     uint32_t first_pci_bus = 0x40;
     std::string speed = "16 Gbit";
+    std::string symbolic_name;  // the port's index over the host is appended
     Channel channel = Channel::Sysfs;
 };
 
@@ -480,7 +481,7 @@ bool read_generate(const json& j, const std::string& path, std::string& err, Gen
     Obj o(j, path, err);
     return o.uint("adapters", g.adapters, true, 255) && o.uint("device_id", g.device_id, true) &&
            o.uint("ports_per_adapter", g.ports_per_adapter, false, 8) &&
-           o.uint("remote_ports_per_port", g.remote_ports_per_port, false, 255) &&
+           o.uint("remote_ports_per_port", g.remote_ports_per_port, false, 256) &&
            o.uint("luns_per_target", g.luns_per_target, false, 256) &&
            o.uint("lun_target_every", g.lun_target_every, false, 0xFFFF) &&
            o.opt("first_host", [&](const json& v, const std::string& p) {
@@ -491,6 +492,7 @@ bool read_generate(const json& j, const std::string& path, std::string& err, Gen
                return true;
            }) &&
            o.uint("first_pci_bus", g.first_pci_bus, false, 0xFF) && o.str("speed", g.speed) &&
+           o.str("symbolic_name", g.symbolic_name) &&
            o.opt("channel", [&](const json& v, const std::string& p) { return read_channel(o, v, p, g.channel); }) &&
            o.done();
 }
@@ -539,6 +541,8 @@ bool expand(const Generate& g, const std::string& path, std::string& err, Scenar
             h.port_id = 0x010000u | uint32_t(p << 8);
             h.fabric_name = 0x100000051e000001ull;
             h.speed = g.speed;
+            if (!g.symbolic_name.empty())
+                h.symbolic_name = g.symbolic_name + std::to_string(p);
             for (uint32_t r = 0; r < g.remote_ports_per_port; ++r) {
                 RemotePort rp;
                 rp.number = r;
