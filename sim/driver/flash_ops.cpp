@@ -50,8 +50,11 @@ std::optional<FlashRange> driver_region(const Adapter& a, uint32_t code, uint64_
     return std::nullopt;
 }
 
-std::array<uint8_t, EXT_FLASH_CAPS_LEN> flash_caps(const Adapter&) {
+std::array<uint8_t, EXT_FLASH_CAPS_LEN> flash_caps(const Adapter& a) {
     std::array<uint8_t, EXT_FLASH_CAPS_LEN> caps{};
+    // Only the boards that activate new firmware online report attributes.
+    if (vx_adapter_family(a.device_id) != vx_family::Crane)
+        return caps;
     for (int i = 0; i < 8; ++i)
         caps[i] = static_cast<uint8_t>(RUNNING_FW_ATTRIBUTES >> (8 * i));
     return caps;

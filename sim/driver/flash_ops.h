@@ -32,7 +32,8 @@ long flash_write(const Sim& sim, const Adapter& a, uint64_t offset, const uint8_
 std::optional<FlashRange> driver_region(const Adapter& a, uint32_t code, uint64_t flash_size);
 
 // The 32-byte capabilities record: the running firmware's attribute bits
-// (little-endian u64) first, the rest zero.
+// (little-endian u64; only the boards with online activation have any)
+// first, the rest zero.
 std::array<uint8_t, EXT_FLASH_CAPS_LEN> flash_caps(const Adapter& a);
 inline constexpr uint64_t RUNNING_FW_ATTRIBUTES = 0x0000000100000003ull;
 

@@ -134,7 +134,7 @@ struct Adapter {
 struct Fault {
     std::string endpoint;          // "optrom_ctl", "optrom", "ioctl", "bsg", "netlink", ...
     std::string match;             // endpoint-specific selector ("" = any), e.g. a command or "0xc0747900"
-    std::string action;            // "ebusy", "enosys", "eio", "status:<n>", "short", "refuse"
+    std::string action;            // "ebusy", "enosys", "eio", "status:<n>", "short", "refuse", "partial"
     int32_t count = 1;             // -1 = always
 };
 
