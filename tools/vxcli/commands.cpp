@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "format.h"
+#include "leftovers.h"
 #include "ports.h"
 #include "table.h"
 #include "vsdmgt.h"
@@ -302,6 +303,8 @@ int explain_no_ports() {
     std::string text = "cannot load the adapter library: " + status_text(status);
     if (geteuid() != 0)
         text += "; vxcli must run as root";
+    else if (const std::string remove = foreign_leftovers(); !remove.empty())
+        text += "; another user's objects are in the way, remove them if no adapter tool runs: " + remove;
     error_line(text.c_str());
     return EXIT_LIBRARY;
 }
