@@ -169,28 +169,34 @@ int32_t vxapi_ioctl_get_active_image_set(int handle, vxapi_priv_database* inst, 
 
 // ---- Leaves ----
 
+namespace {
+
+int32_t optrom_leaf(const char* fn, bool update, int handle, vxapi_priv_database* inst, uint8_t* poptrom,
+                    uint32_t optrom_size, uint32_t region, uint32_t offset, uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready(fn, inst, poptrom && optrom_size && pext_stat, pext_stat))
+        return 1;
+    if (vxdbg_on(TRC)) {
+        vxdbg_print(fn, 0, VXDBG_NONE, 0);
+        vxdbg_print(": region=", region, VXDBG_HEX, 0);
+        vxdbg_print(" offset=", offset, VXDBG_HEX, 0);
+        vxdbg_print(" size=", optrom_size, VXDBG_HEX, 1);
+    }
+    const auto slot = update ? inst->channel->update_optrom : inst->channel->read_optrom;
+    const int32_t rc = slot(handle, inst, poptrom, optrom_size, region, offset, pext_stat);
+    trace_named(rc ? ERR : TRC, fn, ": exiting. ext status=", *pext_stat, VXDBG_DEC);
+    return rc;
+}
+
+}  // namespace
+
 int32_t vxapi_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
                           uint32_t region, uint32_t offset, uint32_t* pext_stat) {
-    if (!vxapi_leaf_ready("vxapi_read_optrom", inst, poptrom && optrom_size && pext_stat, pext_stat))
-        return 1;
-    vxdbg_num(TRC, "vxapi_read_optrom: region=", region, VXDBG_HEX, 0);
-    vxdbg_num(TRC, " offset=", offset, VXDBG_HEX, 0);
-    vxdbg_num(TRC, " size=", optrom_size, VXDBG_HEX, 1);
-    const int32_t rc = inst->channel->read_optrom(handle, inst, poptrom, optrom_size, region, offset, pext_stat);
-    vxdbg_num(rc ? ERR : TRC, "vxapi_read_optrom: exiting. ext status=", *pext_stat, VXDBG_DEC, 1);
-    return rc;
+    return optrom_leaf("vxapi_read_optrom", false, handle, inst, poptrom, optrom_size, region, offset, pext_stat);
 }
 
 int32_t vxapi_update_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
                             uint32_t region, uint32_t offset, uint32_t* pext_stat) {
-    if (!vxapi_leaf_ready("vxapi_update_optrom", inst, poptrom && optrom_size && pext_stat, pext_stat))
-        return 1;
-    vxdbg_num(TRC, "vxapi_update_optrom: region=", region, VXDBG_HEX, 0);
-    vxdbg_num(TRC, " offset=", offset, VXDBG_HEX, 0);
-    vxdbg_num(TRC, " size=", optrom_size, VXDBG_HEX, 1);
-    const int32_t rc = inst->channel->update_optrom(handle, inst, poptrom, optrom_size, region, offset, pext_stat);
-    vxdbg_num(rc ? ERR : TRC, "vxapi_update_optrom: exiting. ext status=", *pext_stat, VXDBG_DEC, 1);
-    return rc;
+    return optrom_leaf("vxapi_update_optrom", true, handle, inst, poptrom, optrom_size, region, offset, pext_stat);
 }
 
 int32_t vxapi_read_nvram_exp_edc(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,

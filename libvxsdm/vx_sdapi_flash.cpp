@@ -260,79 +260,62 @@ extern "C" VXSD_API SD_UINT32 SDGetOptionRomLayout(int Device, SD_UINT16 HbaDevP
 
 // ---- Reads ----
 
-extern "C" VXSD_API SD_UINT32 SDGetOptionRom(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
-                                             SD_UINT32 BufferSize) {
-    static constexpr const char* name = "SDGetOptionRom";
-    (void)HbaDevPortNum;
+namespace {
+
+// The read calls share one frame: handle and buffer checks, the layout when
+// a region is named, one read through the physical port.
+uint32_t read_call(const char* name, int Device, SD_UINT8* pBuffer, SD_UINT32 BufferSize, uint32_t region,
+                   uint32_t offset, uint32_t minimum) {
     trace_entry(name, Device);
     vxapi_priv_database* inst = resolve(name, Device);
     if (!inst)
         return SDM_STATUS_INVALID_HANDLE;
-    if (!pBuffer)
+    if (!pBuffer || BufferSize == 0)
         return null_record(name, Device);
-    if (BufferSize < MIN_IMAGE) {
+    if (BufferSize < minimum) {
         if (vxdbg_on(SD_ERROR)) {
-            vxdbg_print("SDGetOptionRom: ERROR BufferSize=", BufferSize, VXDBG_DEC, 0);
-            vxdbg_print(" expecting minimum size=", MIN_IMAGE, VXDBG_DEC, 1);
+            vxdbg_print(name, 0, VXDBG_NONE, 0);
+            vxdbg_print(": ERROR BufferSize=", BufferSize, VXDBG_DEC, 0);
+            vxdbg_print(" expecting minimum size=", minimum, VXDBG_DEC, 1);
         }
         return SDM_STATUS_INVALID_PARAMETER;
     }
-    uint32_t status = publish_layout(Device, inst);
+    uint32_t status = region == VX_REGION_RAW ? SDM_STATUS_SUCCESS : publish_layout(Device, inst);
     if (status == SDM_STATUS_SUCCESS) {
         vxapi_priv_database* port = flash_port(inst);
         uint32_t ext_stat = EXT_STATUS_OK;
-        const int32_t rc = vxapi_read_optrom(port->oshandle, port, pBuffer, BufferSize, 0, 0, &ext_stat);
+        int32_t rc = vxapi_read_optrom(port->oshandle, port, pBuffer, BufferSize, region, offset, &ext_stat);
+        const vxapi_phy_info* phy = port->phy_info;
+        if ((rc != 0 || ext_stat != EXT_STATUS_OK) && (port->features & VX_FEAT_SYSFS) && phy &&
+            phy->ssvendor_id == VX_PCI_VENDOR_ID && phy->ssdevice_id == VX_SPECIAL_SUBSYSTEM_ID && region == 0x18) {
+            trace_text(SD_TRACE, name, ": trying the alternative read.");
+            rc = vxapi_read_nvram_exp_edc(port->oshandle, port, pBuffer, BufferSize, region, 0, &ext_stat);
+        }
         if (rc != 0 || ext_stat != EXT_STATUS_OK)
             status = failure_status(rc, ext_stat);
     }
     trace_exit(name, Device, status);
     return status;
+}
+
+}  // namespace
+
+extern "C" VXSD_API SD_UINT32 SDGetOptionRom(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
+                                             SD_UINT32 BufferSize) {
+    (void)HbaDevPortNum;
+    return read_call("SDGetOptionRom", Device, pBuffer, BufferSize, 0, 0, MIN_IMAGE);
 }
 
 extern "C" VXSD_API SD_UINT32 SDGetOptionRomEx(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
                                                SD_UINT32 BufferSize, SD_UINT32 Region) {
-    static constexpr const char* name = "SDGetOptionRomEx";
     (void)HbaDevPortNum;
-    trace_entry(name, Device);
-    vxapi_priv_database* inst = resolve(name, Device);
-    if (!inst)
-        return SDM_STATUS_INVALID_HANDLE;
-    if (!pBuffer || BufferSize == 0)
-        return null_record(name, Device);
-    uint32_t status = publish_layout(Device, inst);
-    if (status == SDM_STATUS_SUCCESS) {
-        vxapi_priv_database* port = flash_port(inst);
-        uint32_t ext_stat = EXT_STATUS_OK;
-        int32_t rc = vxapi_read_optrom(port->oshandle, port, pBuffer, BufferSize, Region, 0, &ext_stat);
-        const vxapi_phy_info* phy = port->phy_info;
-        if ((rc != 0 || ext_stat != EXT_STATUS_OK) && (port->features & VX_FEAT_SYSFS) && phy &&
-            phy->ssvendor_id == VX_PCI_VENDOR_ID && phy->ssdevice_id == VX_SPECIAL_SUBSYSTEM_ID && Region == 0x18) {
-            vxdbg_line(SD_TRACE, "SDGetOptionRomEx: trying the alternative read.");
-            rc = vxapi_read_nvram_exp_edc(port->oshandle, port, pBuffer, BufferSize, Region, 0, &ext_stat);
-        }
-        if (rc != 0 || ext_stat != EXT_STATUS_OK)
-            status = failure_status(rc, ext_stat);
-    }
-    trace_exit(name, Device, status);
-    return status;
+    return read_call("SDGetOptionRomEx", Device, pBuffer, BufferSize, Region, 0, 0);
 }
 
 extern "C" VXSD_API SD_UINT32 SDGetOptionRomOffset(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
                                                    SD_UINT32 BufferSize, SD_UINT32 Offset) {
-    static constexpr const char* name = "SDGetOptionRomOffset";
     (void)HbaDevPortNum;
-    trace_entry(name, Device);
-    vxapi_priv_database* inst = resolve(name, Device);
-    if (!inst)
-        return SDM_STATUS_INVALID_HANDLE;
-    if (!pBuffer || BufferSize == 0)
-        return null_record(name, Device);
-    vxapi_priv_database* port = flash_port(inst);
-    uint32_t ext_stat = EXT_STATUS_OK;
-    const int32_t rc = vxapi_read_optrom(port->oshandle, port, pBuffer, BufferSize, VX_REGION_RAW, Offset, &ext_stat);
-    const uint32_t status = rc != 0 || ext_stat != EXT_STATUS_OK ? failure_status(rc, ext_stat) : SDM_STATUS_SUCCESS;
-    trace_exit(name, Device, status);
-    return status;
+    return read_call("SDGetOptionRomOffset", Device, pBuffer, BufferSize, VX_REGION_RAW, Offset, 0);
 }
 
 // ---- Updates ----

@@ -204,6 +204,18 @@ bool ranged(const vxapi_priv_database* inst, const vxapi_optrom_span& span, uint
     return (inst->features & VX_FEAT_PARTIAL_FLASH) || (span.offset == 0 && span.size == flash);
 }
 
+// A buffer of the whole flash for a driver that moves only the whole flash.
+bool whole_flash(const char* fn, uint32_t flash, const vxapi_optrom_span& span, malloc_ptr& whole) {
+    if (flash == 0 || span.offset > flash || span.size > flash - span.offset) {
+        trace_named(ERR, fn, ": > flash size unknown");
+        return false;
+    }
+    whole.reset(static_cast<uint8_t*>(malloc(flash)));
+    if (!whole)
+        trace_named(ERR, fn, ": > flash buffer malloc failed");
+    return whole != nullptr;
+}
+
 // `span` of the flash into `buf`; the caller holds the flash semaphore.
 bool attr_read(const char* fn, const attr_pair& pair, const vxapi_priv_database* inst, const vxapi_optrom_span& span,
                uint8_t* buf, uint32_t* pext_stat) {
@@ -215,15 +227,8 @@ bool attr_read(const char* fn, const attr_pair& pair, const vxapi_priv_database*
     if (ranged(inst, span, flash)) {
         snprintf(cmd, sizeof cmd, "1:%x:%x", span.offset, span.size);
     } else {
-        if (flash == 0 || span.offset > flash || span.size > flash - span.offset) {
-            trace_named(ERR, fn, ": > flash size unknown");
+        if (!whole_flash(fn, flash, span, whole))
             return false;
-        }
-        whole.reset(static_cast<uint8_t*>(malloc(flash)));
-        if (!whole) {
-            trace_named(ERR, fn, ": > flash buffer malloc failed");
-            return false;
-        }
         snprintf(cmd, sizeof cmd, "1");
         into = whole.get();
         len = flash;
@@ -254,13 +259,8 @@ bool attr_write(const char* fn, const attr_pair& pair, const vxapi_priv_database
     } else {
         // Read-modify-write of the whole flash, all under the one semaphore
         // hold, so that no other process's update falls in between.
-        if (flash == 0 || span.offset > flash || span.size > flash - span.offset) {
-            trace_named(ERR, fn, ": > flash size unknown");
-            return false;
-        }
-        whole.reset(static_cast<uint8_t*>(malloc(flash)));
         const vxapi_optrom_span all{0, flash};
-        if (!whole || !attr_read(fn, pair, inst, all, whole.get(), pext_stat))
+        if (!whole_flash(fn, flash, span, whole) || !attr_read(fn, pair, inst, all, whole.get(), pext_stat))
             return false;
         memcpy(whole.get() + span.offset, buf, span.size);
         snprintf(cmd, sizeof cmd, "2");
@@ -290,16 +290,21 @@ int32_t vxsysfs_bsg_update_optrom(int handle, vxapi_priv_database* inst, uint8_t
     return bsg_optrom("vxsysfs_bsg_update_optrom", true, handle, inst, buf, size, region, offset, pext_stat);
 }
 
-int32_t vxsysfs_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
-                            uint32_t region, uint32_t offset, uint32_t* pext_stat) {
-    static constexpr const char* fn = "vxsysfs_read_optrom";
+namespace {
+
+// The sysfs twins share one shape: bsg first when the host has it, else
+// the attribute pair under the flash semaphore.
+int32_t sysfs_optrom(const char* fn, bool update, int handle, vxapi_priv_database* inst, uint8_t* poptrom,
+                     uint32_t optrom_size, uint32_t region, uint32_t offset, uint32_t* pext_stat) {
     uint32_t& ext_stat = *pext_stat;
     ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     if (region == 0)
         region = VX_REGION_WHOLE_FLASH;
-    memset(poptrom, 0, optrom_size);
+    if (!update)
+        memset(poptrom, 0, optrom_size);
     if ((inst->features & VX_FEAT_BSG) &&
-        vxsysfs_bsg_read_optrom(handle, inst, poptrom, optrom_size, region, offset, pext_stat) == 0)
+        bsg_optrom(update ? "vxsysfs_bsg_update_optrom" : "vxsysfs_bsg_read_optrom", update, handle, inst, poptrom,
+                   optrom_size, region, offset, pext_stat) == 0)
         return 0;
     ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     const attr_pair pair(inst);
@@ -309,14 +314,16 @@ int32_t vxsysfs_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* popt
     }
     ext_stat = EXT_STATUS_ERR;
     vxapi_optrom_span span{};
-    if (vxapi_resolve_optrom_span(fn, inst, region, offset, optrom_size, false, &span) != 0)
+    if (vxapi_resolve_optrom_span(fn, inst, region, offset, optrom_size, update, &span) != 0)
         return 1;
     vxapi_sem_hold flash(api_flash_sem_id, VX_SEM_KEY_FLASH);
     if (!flash.held()) {
         trace_named(ERR, fn, ": flash semaphore not held, nothing sent");
         return 1;
     }
-    if (!attr_read(fn, pair, inst, span, poptrom, pext_stat)) {
+    const bool done = update ? attr_write(fn, pair, inst, span, poptrom, pext_stat)
+                             : attr_read(fn, pair, inst, span, poptrom, pext_stat);
+    if (!done) {
         if (ext_stat == EXT_STATUS_OK)
             ext_stat = EXT_STATUS_ERR;
         return 1;
@@ -325,38 +332,16 @@ int32_t vxsysfs_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* popt
     return 0;
 }
 
+}  // namespace
+
+int32_t vxsysfs_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                            uint32_t region, uint32_t offset, uint32_t* pext_stat) {
+    return sysfs_optrom("vxsysfs_read_optrom", false, handle, inst, poptrom, optrom_size, region, offset, pext_stat);
+}
+
 int32_t vxsysfs_update_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
                               uint32_t region, uint32_t offset, uint32_t* pext_stat) {
-    static constexpr const char* fn = "vxsysfs_update_optrom";
-    uint32_t& ext_stat = *pext_stat;
-    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    if (region == 0)
-        region = VX_REGION_WHOLE_FLASH;
-    if ((inst->features & VX_FEAT_BSG) &&
-        vxsysfs_bsg_update_optrom(handle, inst, poptrom, optrom_size, region, offset, pext_stat) == 0)
-        return 0;
-    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    const attr_pair pair(inst);
-    if (!pair.ok()) {
-        trace_named(ERR, fn, ": > optrom attributes missing");
-        return 1;
-    }
-    ext_stat = EXT_STATUS_ERR;
-    vxapi_optrom_span span{};
-    if (vxapi_resolve_optrom_span(fn, inst, region, offset, optrom_size, true, &span) != 0)
-        return 1;
-    vxapi_sem_hold flash(api_flash_sem_id, VX_SEM_KEY_FLASH);
-    if (!flash.held()) {
-        trace_named(ERR, fn, ": flash semaphore not held, nothing sent");
-        return 1;
-    }
-    if (!attr_write(fn, pair, inst, span, poptrom, pext_stat)) {
-        if (ext_stat == EXT_STATUS_OK)
-            ext_stat = EXT_STATUS_ERR;
-        return 1;
-    }
-    ext_stat = EXT_STATUS_OK;
-    return 0;
+    return sysfs_optrom("vxsysfs_update_optrom", true, handle, inst, poptrom, optrom_size, region, offset, pext_stat);
 }
 
 int32_t vxsysfs_activate_region(int handle, vxapi_priv_database* inst, uint32_t reset_code, uint32_t* pext_stat) {
