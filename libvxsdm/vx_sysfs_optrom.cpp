@@ -46,6 +46,17 @@ void put(uint8_t* at, T value) {
     memcpy(at, &value, sizeof value);
 }
 
+// A zeroed bsg request or reply buffer; null, traced and ext_stat set when
+// memory runs out.
+std::unique_ptr<uint8_t[]> bsg_buffer(const char* fn, uint32_t len, const char* what, uint32_t* ext_stat) {
+    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[len]());
+    if (!buf) {
+        *ext_stat = EXT_STATUS_NO_MEMORY;
+        trace_named(ERR, fn, what);
+    }
+    return buf;
+}
+
 constexpr uint32_t VENDOR_CMD_AT = offsetof(fc_bsg_request, rqst_data.h_vendor.vendor_cmd);
 
 // ---- bsg ----
@@ -56,18 +67,14 @@ int32_t vendor_request(const char* fn, vxapi_priv_database* inst, uint32_t code,
                        uint32_t dout_len, uint8_t* din, uint32_t din_len, uint32_t* pext_stat) {
     uint32_t& ext_stat = *pext_stat;
     ext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    std::unique_ptr<uint8_t[]> request(new (std::nothrow) uint8_t[VXSYSFS_BSG_REQ_LEN]());
-    if (!request) {
-        ext_stat = EXT_STATUS_NO_MEMORY;
-        trace_named(ERR, fn, ": >> req buf malloc failed");
+    const std::unique_ptr<uint8_t[]> request =
+        bsg_buffer(fn, VXSYSFS_BSG_REQ_LEN, ": >> req buf malloc failed", pext_stat);
+    if (!request)
         return 1;
-    }
-    std::unique_ptr<uint8_t[]> reply(new (std::nothrow) uint8_t[VXSYSFS_BSG_RSP_LEN]());
-    if (!reply) {
-        ext_stat = EXT_STATUS_NO_MEMORY;
-        trace_named(ERR, fn, ": >> resp buf malloc failed");
+    const std::unique_ptr<uint8_t[]> reply =
+        bsg_buffer(fn, VXSYSFS_BSG_RSP_LEN, ": >> resp buf malloc failed", pext_stat);
+    if (!reply)
         return 0;
-    }
     sg_io_v4 hdr;
     if (vxsysfs_create_bsg_header(&hdr, request.get(), VXSYSFS_BSG_REQ_LEN, reply.get(), VXSYSFS_BSG_RSP_LEN, dout,
                                   dout_len, din, din_len) != 0)
@@ -97,12 +104,10 @@ int32_t bsg_optrom(const char* fn, bool update, int handle, vxapi_priv_database*
                    uint32_t region, uint32_t offset, uint32_t* pext_stat) {
     uint32_t& ext_stat = *pext_stat;
     ext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    std::unique_ptr<uint8_t[]> request(new (std::nothrow) uint8_t[VXSYSFS_BSG_REQ_LEN]());
-    if (!request) {
-        ext_stat = EXT_STATUS_NO_MEMORY;
-        trace_named(ERR, fn, ": >> req buf malloc failed");
+    const std::unique_ptr<uint8_t[]> request =
+        bsg_buffer(fn, VXSYSFS_BSG_REQ_LEN, ": >> req buf malloc failed", pext_stat);
+    if (!request)
         return 1;
-    }
     vxapi_optrom_span span{};
     if (vxapi_resolve_optrom_span(fn, inst, region, offset, size, update, &span) != 0) {
         trace_named(ERR, fn, ": > Unknown region");
