@@ -92,22 +92,18 @@ bool is_virtual(const SelectedPort& port) {
     return SDGetHbaDeviceNodeProperty(port.handle, &n) == 0 && n.InterfaceType == 3;
 }
 
-// Progress of one transfer on standard error; none under --json, whose
-// callers are scripts reading one document.
-class Transfer {
-public:
-    Transfer(const Context& ctx, const char* label, uint64_t total) {
-        if (!ctx.json_output())
-            progress_.emplace(label, total);
-    }
-    void done(uint64_t total) {
-        if (progress_)
-            progress_->update(total);
-    }
-
-private:
-    std::optional<Progress> progress_;
-};
+// One library transfer of `total` bytes with its progress on standard
+// error; none under --json, whose callers are scripts reading one document.
+template <typename Call>
+uint32_t transfer(const Context& ctx, const char* label, uint64_t total, Call call) {
+    std::optional<Progress> progress;
+    if (!ctx.json_output())
+        progress.emplace(label, total);
+    const uint32_t st = call();
+    if (st == 0 && progress)
+        progress->update(total);
+    return st;
+}
 
 // ---- layout ----
 
@@ -179,15 +175,11 @@ void run_read(Context& ctx) {
                                                 "--offset and --size", port.instance));
     }
     std::vector<uint8_t> buf(bytes);
-    uint32_t st;
-    {
-        Transfer progress(ctx, "Reading", bytes);
-        st = region.given   ? SDGetOptionRomEx(port.handle, 0, buf.data(), bytes, region.value)
-             : offset.given ? SDGetOptionRomOffset(port.handle, 0, buf.data(), bytes, offset.value)
-                            : SDGetOptionRom(port.handle, 0, buf.data(), bytes);
-        if (st == 0)
-            progress.done(bytes);
-    }
+    const uint32_t st = transfer(ctx, "Reading", bytes, [&] {
+        return region.given   ? SDGetOptionRomEx(port.handle, 0, buf.data(), bytes, region.value)
+               : offset.given ? SDGetOptionRomOffset(port.handle, 0, buf.data(), bytes, offset.value)
+                              : SDGetOptionRom(port.handle, 0, buf.data(), bytes);
+    });
     if (st != 0)
         return ctx.fail(EXIT_PARTIAL, fmt::format("port {}: flash read failed: {}", port.instance, status_text(st)), st);
     if (const std::string err = write_output(read_args.output, buf.data(), buf.size()); !err.empty())
@@ -269,25 +261,18 @@ void run_write(Context& ctx) {
         return;
 
     std::vector<uint8_t> data = image;  // the library may change its buffer (a second copy of boot code)
-    uint32_t st;
-    {
-        Transfer progress(ctx, "Writing", size);
-        st = region.given ? SDUpdateOptionRomEx(port.handle, 0, data.data(), size, region.value)
-                    : SDUpdateOptionRom(port.handle, 0, data.data(), size);
-        if (st == 0)
-            progress.done(size);
-    }
+    uint32_t st = transfer(ctx, "Writing", size, [&] {
+        return region.given ? SDUpdateOptionRomEx(port.handle, 0, data.data(), size, region.value)
+                            : SDUpdateOptionRom(port.handle, 0, data.data(), size);
+    });
     if (st != 0)
         return ctx.fail(EXIT_PARTIAL, fmt::format("port {}: flash write failed: {}", port.instance, refusal(st)), st);
 
     std::vector<uint8_t> back(size);
-    {
-        Transfer progress(ctx, "Verifying", size);
-        st = region.given ? SDGetOptionRomEx(port.handle, 0, back.data(), size, region.value)
-                    : SDGetOptionRom(port.handle, 0, back.data(), size);
-        if (st == 0)
-            progress.done(size);
-    }
+    st = transfer(ctx, "Verifying", size, [&] {
+        return region.given ? SDGetOptionRomEx(port.handle, 0, back.data(), size, region.value)
+                            : SDGetOptionRom(port.handle, 0, back.data(), size);
+    });
     if (st != 0)
         return ctx.fail(EXIT_PARTIAL, fmt::format("port {}: read-back failed: {}", port.instance, status_text(st)), st);
     const bool same = back == image;
