@@ -351,3 +351,108 @@ SIM_TEST(Vxcli, PartialFailuresExitWithFour, "ioctl.json") {
         }
     }
 }
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+void write_file(const std::string& path, const Bytes& bytes) {
+    FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr) << path;
+    EXPECT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+    std::fclose(f);
+}
+
+// The boot code of a flash with new settings of its own in its x86 image
+// (the first image), checksum made good: what a vendor tool would hand over.
+Bytes boot_with_other_settings(const Bytes& flash, size_t len) {
+    Bytes b(flash.begin(), flash.begin() + long(len));
+    const size_t image_len = size_t(b[2]) * 512;
+    const auto marker = std::search(b.begin(), b.begin() + long(image_len), "MEISP ", "MEISP " + 6);
+    EXPECT_NE(marker, b.begin() + long(image_len));
+    std::fill_n(marker + 6, 64, uint8_t(0x5A));
+    uint8_t sum = 0;
+    for (size_t i = 0; i < image_len - 1; ++i)
+        if (i != image_len - 2)
+            sum = uint8_t(sum + b[i]);
+    b[image_len - 1] = uint8_t(-sum);
+    return b;
+}
+
+}  // namespace
+
+SIM_TEST(Vxcli, FlashLayoutReadAndWriteRoundTrip, "families.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli not built";
+    const json finch = doc_of({"flash", "layout", "0"});
+    EXPECT_EQ(finch["flash_size"], 0x20000);
+    EXPECT_EQ(finch["regions"], json::parse(R"([{"region": 255, "size": 131072}, {"region": 2, "size": 131072}])"));
+    EXPECT_TRUE(doc_of({"flash", "layout", "9"})["flash_size"].is_null()) << "a layout table has no flash size";
+
+    // Kite (instance 9): the boot-code region into a file, byte for byte.
+    const Bytes before = st::flash_image("kite0");
+    const json read = doc_of({"flash", "read", "9", "--region", "0x07", "-o", "/tmp/boot.bin"});
+    EXPECT_EQ(read["size"], 0x40000);
+    EXPECT_EQ(st::read_bytes("/tmp/boot.bin"), Bytes(before.begin(), before.begin() + 0x40000));
+    const json range = doc_of({"flash", "read", "9", "--offset", "0x100", "--size", "16", "-o", "/tmp/range.bin"});
+    EXPECT_EQ(st::read_bytes("/tmp/range.bin"), Bytes(before.begin() + 0x100, before.begin() + 0x110));
+
+    // A new image with settings of its own: written, the adapter's settings
+    // kept, and the read-back accepts exactly those differences.
+    write_file("/tmp/new.bin", boot_with_other_settings(before, 0x40000));
+    const json wrote = doc_of({"flash", "write", "9", "--region", "0x07", "--yes", "/tmp/new.bin"});
+    EXPECT_EQ(wrote["verified"], true);
+    EXPECT_EQ(wrote["adapter_settings_kept"], true);
+    EXPECT_EQ(st::flash_image("kite0"), before) << "the settings were the adapter's: nothing else changed";
+
+    // Without a terminal and without --yes nothing is written.
+    const Run asked = vxcli({"flash", "write", "9", "--region", "0x07", "/tmp/new.bin"});
+    EXPECT_EQ(asked.status, 1) << asked.err;
+    EXPECT_NE(asked.err.find("--yes"), std::string::npos) << asked.err;
+}
+
+SIM_TEST(Vxcli, FlashWriteRefusalsWriteNothing, "families.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli not built";
+    std::vector<Bytes> before;
+    for (const vxsim::Adapter& a : st::scenario().adapters)
+        before.push_back(st::flash_image(a.id));
+    write_file("/tmp/zeros.bin", Bytes(0x40000, 0));
+    write_file("/tmp/big.bin", Bytes(0x8000, 0x11));
+    const Bytes wren = st::flash_image("wren0");
+    write_file("/tmp/wren.bin", Bytes(wren.begin(), wren.begin() + 0x80000));
+    const Bytes lark = st::flash_image("lark0");
+    write_file("/tmp/lark-ro.bin", Bytes(0x100, 0x22));
+
+    expect_failure({"flash", "write", "9", "--region", "0x07", "--yes", "/tmp/zeros.bin"}, 1,
+                   "image refused: no 0x55 0xAA image signature at offset 0x0");
+    expect_failure({"flash", "write", "9", "--region", "0x2A", "--yes", "/tmp/big.bin"}, 1,
+                   "image refused: 32768 bytes do not fit the 16384 bytes of the region");
+    expect_failure({"flash", "write", "9", "--region", "0x99", "--yes", "/tmp/big.bin"}, 1, "port 9 has no region 0x99");
+    // What only the library can tell: a read-only region, a board without whole-image updates.
+    for (const auto& args : {std::vector<std::string>{"flash", "write", "11", "--region", "0x29", "--yes", "/tmp/lark-ro.bin"},
+                             std::vector<std::string>{"flash", "write", "13", "--yes", "/tmp/wren.bin"}}) {
+        const Run r = vxcli(args);
+        EXPECT_EQ(r.status, 4) << joined(args);
+        EXPECT_NE(r.err.find("flash write failed: the adapter refuses this update"), std::string::npos) << r.err;
+        EXPECT_EQ(r.err.find("Verifying"), std::string::npos) << "nothing to verify: " << r.err;
+    }
+    size_t i = 0;
+    for (const vxsim::Adapter& a : st::scenario().adapters)
+        EXPECT_EQ(st::flash_image(a.id), before[i++]) << a.id;
+}
+
+SIM_TEST(Vxcli, FlashWriteRefusesVirtualPorts, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli not built";
+    write_file("/tmp/boot.bin", Bytes(0x100, 0x33));
+    expect_failure({"flash", "write", "2", "--region", "0x07", "--yes", "/tmp/boot.bin"}, 1,
+                   "port 2 is a virtual port: write the flash through its physical port");
+    expect_failure({"flash", "read", "0", "--region", "0x07", "--offset", "0", "-o", "/tmp/x"}, 1,
+                   "flash read: give --region R");
+    // The document and the flash bytes cannot share standard output.
+    const Run mixed = vxcli({"--json", "flash", "read", "0", "--region", "0x07", "-o", "-"});
+    EXPECT_EQ(mixed.status, 1);
+    EXPECT_EQ(mixed.doc["error"]["message"], "flash read: --json prints its document on standard output; give -o FILE");
+    expect_failure({"flash"}, 1, "flash: name what to do: layout, read, write");
+}

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
+#include <functional>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -16,6 +18,7 @@
 #include "dump.h"
 #include "format.h"
 #include "ports.h"
+#include "romimage.h"
 #include "table.h"
 #include "terminal.h"
 
@@ -278,6 +281,63 @@ TEST(VxcliManPage, DescribesEveryCommandAndOption) {
     EXPECT_TRUE(entry("help"));
     for (const char* option : {"\\-\\-json", "\\-\\-version", "\\-\\-help"})
         EXPECT_NE(text.find(option), std::string::npos) << option;
+}
+
+// Boot images as `flash write` checks them: every broken chain is named and
+// nothing outside the buffer is read (the vectors are exactly the file).
+TEST(VxcliRomImages, ChainsAreCheckedInsideTheFile) {
+    // One x86 image of `len` bytes at `at`: signature, PCIR at 0x40, length, last flag.
+    const auto image = [](std::vector<uint8_t>& b, size_t at, size_t len, bool last) {
+        b[at] = 0x55;
+        b[at + 1] = 0xAA;
+        b[at + 2] = uint8_t(len / 512);
+        b[at + 24] = 0x40;
+        std::memcpy(&b[at + 0x40], "PCIR", 4);
+        b[at + 0x40 + 16] = uint8_t(len / 512);
+        b[at + 0x40 + 21] = last ? 0x80 : 0;
+    };
+    std::vector<uint8_t> good(0x1000);
+    image(good, 0, 0x800, false);
+    image(good, 0x800, 0x800, true);
+    std::vector<RomImage> images;
+    EXPECT_EQ(rom_images(good.data(), good.size(), &images), "");
+    ASSERT_EQ(images.size(), 2u);
+    EXPECT_EQ(images[1].at, 0x800u);
+
+    struct Row {
+        const char* what;
+        std::function<void(std::vector<uint8_t>&)> spoil;
+        const char* message;
+    };
+    const Row rows[] = {
+        {"no signature", [](auto& b) { b[0x801] = 0; }, "no 0x55 0xAA image signature at offset 0x800"},
+        {"PCIR pointer past the end", [](auto& b) { b[0x800 + 25] = 0xFF; }, "no PCIR data structure"},
+        {"zero length", [](auto& b) { b[0x40 + 16] = 0; }, "the image at offset 0x0 has a length of 0x0"},
+        {"length past the end", [](auto& b) { b[0x800 + 0x40 + 16] = 8; },
+         "the image at offset 0x800 has a length of 0x1000, outside"},
+        {"no last image", [](auto& b) { b[0x800 + 0x40 + 21] = 0; }, "no 0x55 0xAA image signature at offset 0x1000"},
+    };
+    for (const Row& r : rows) {
+        std::vector<uint8_t> b = good;
+        r.spoil(b);
+        EXPECT_TRUE(rom_images(b.data(), b.size(), nullptr).starts_with(r.message)) << r.what;
+    }
+    // Images that never end within 16 are refused, however short.
+    std::vector<uint8_t> many(17 * 0x200);
+    for (size_t i = 0; i < 17; ++i)
+        image(many, i * 0x200, 0x200, false);
+    EXPECT_EQ(rom_images(many.data(), many.size(), nullptr), "no last image among the first 16 images");
+
+    // The read-back may differ in the settings block, SVID and checksum of an x86 image, nowhere else.
+    std::memcpy(&good[0x100], "MEISP ", 6);
+    for (size_t at : {size_t(0x108), size_t(32), size_t(0x7FF)}) {
+        std::vector<uint8_t> back = good;
+        back[at] ^= 0xFF;
+        EXPECT_TRUE(differs_only_in_kept_bytes(good.data(), back.data(), good.size())) << at;
+    }
+    std::vector<uint8_t> back = good;
+    back[0x900] ^= 0xFF;
+    EXPECT_FALSE(differs_only_in_kept_bytes(good.data(), back.data(), good.size()));
 }
 
 }  // namespace

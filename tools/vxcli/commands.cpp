@@ -9,6 +9,9 @@ const std::vector<Command>& commands() {
         targets_command(),
         luns_command(),
         report_command(),
+        flash_layout_command(),
+        flash_read_command(),
+        flash_write_command(),
         version_command(),
     };
     return table;

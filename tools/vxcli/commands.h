@@ -11,6 +11,9 @@ Command show_command();
 Command targets_command();
 Command luns_command();
 Command report_command();
+Command flash_layout_command();
+Command flash_read_command();
+Command flash_write_command();
 Command version_command();
 
 }  // namespace vxcli
