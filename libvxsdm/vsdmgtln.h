@@ -165,6 +165,49 @@ typedef struct {
 } ADAPTERREGIONVERSION;
 VXSD_STATIC_ASSERT(offsetof(ADAPTERREGIONVERSION, RegionVersion) == 8, "ADAPTERREGIONVERSION header");
 
+/* Option ROM (flash) layout: the region codes of the adapter's flash and
+ * their sizes. On input NoOfRegions is the capacity of Region[] (the caller
+ * allocates room for that many entries), on output the count. */
+typedef struct {
+    SD_UINT32 Region; /* region code (0xFF: the whole flash) */
+    SD_UINT32 Size;
+} SDM_OPT_ROM_REGION;
+VXSD_STATIC_ASSERT(sizeof(SDM_OPT_ROM_REGION) == 8, "SDM_OPT_ROM_REGION size");
+
+typedef struct {
+    SD_UINT32 Size; /* bytes of flash; 0 when the layout comes from the flash's own table */
+    SD_UINT32 NoOfRegions;
+    SDM_OPT_ROM_REGION Region[1];
+} SDM_OPT_ROM_LAYOUT;
+VXSD_STATIC_ASSERT(offsetof(SDM_OPT_ROM_LAYOUT, Region) == 8, "SDM_OPT_ROM_LAYOUT header");
+
+/* PCI expansion-ROM image header and data structure, little-endian as the
+ * images carry them. */
+#pragma pack(push, 1)
+typedef struct {
+    SD_UINT16 Signature; /* bytes 0x55 0xAA */
+    SD_UINT8 Reserved[22];
+    SD_UINT16 PcirOffset;
+} SDM_PCI_ROM_HEADER;
+
+typedef struct {
+    SD_UINT8 Signature[4]; /* "PCIR" */
+    SD_UINT16 VendorId;
+    SD_UINT16 DeviceId;
+    SD_UINT16 Reserved0;
+    SD_UINT16 Length;
+    SD_UINT8 Revision;
+    SD_UINT8 ClassCode[3];
+    SD_UINT16 ImageLength; /* 512-byte units */
+    SD_UINT16 CodeRevision;
+    SD_UINT8 CodeType; /* 0 x86 BIOS, 1 FCode, 3 EFI */
+    SD_UINT8 Indicator; /* bit 7: last image */
+    SD_UINT16 Reserved1;
+} SDM_PCI_DATA_STRUCT;
+#pragma pack(pop)
+VXSD_STATIC_ASSERT(sizeof(SDM_PCI_ROM_HEADER) == 26, "SDM_PCI_ROM_HEADER size");
+VXSD_STATIC_ASSERT(sizeof(SDM_PCI_DATA_STRUCT) == 24, "SDM_PCI_DATA_STRUCT size");
+
 /* Discovered ports and targets share one layout. */
 typedef struct {
     SD_UINT8 NodeWWN[8];
@@ -256,6 +299,24 @@ VXSD_API SD_UINT32 SDGetPortDatabase(int Device, SD_UINT16 TypeMode, DEVICEINFO*
  * with SDM_STATUS_NOT_SUPPORTED, and a target with LUNs past the map gives
  * SDM_STATUS_DATA_OVERRUN with the LUNs that the map holds. */
 VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId, SD_UINT16* pLuns, SD_UINT32* pLunCount);
+
+/* Flash. Region 0 is the whole image; SDGetOptionRom and SDUpdateOptionRom
+ * need at least 0x20000 bytes. Reads never write past BufferSize. Updates
+ * of boot-code regions are refused (SDM_STATUS_INVALID_PARAMETER, nothing
+ * written) when the image's PCI expansion-ROM chain is broken. */
+VXSD_API SD_UINT32 SDGetOptionRomLayout(int Device, SD_UINT16 HbaDevPortNum, SDM_OPT_ROM_LAYOUT* pLayout);
+VXSD_API SD_UINT32 SDGetOptionRom(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32 BufferSize);
+VXSD_API SD_UINT32 SDGetOptionRomEx(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32 BufferSize,
+                                    SD_UINT32 Region);
+VXSD_API SD_UINT32 SDGetOptionRomOffset(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
+                                        SD_UINT32 BufferSize, SD_UINT32 Offset);
+VXSD_API SD_UINT32 SDUpdateOptionRom(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32 BufferSize);
+VXSD_API SD_UINT32 SDUpdateOptionRomEx(int Device, SD_UINT32 DisableReset, SD_UINT8* pBuffer, SD_UINT32 BufferSize,
+                                       SD_UINT32 Region);
+VXSD_API SD_UINT32 SDUpdateOptionRomEx2(int Device, SD_UINT32 DisableReset, SD_UINT8* pBuffer,
+                                        SD_UINT32 BufferSize, SD_UINT32 Region);
+VXSD_API SD_UINT32 SDUpdateOptionRomOffset(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
+                                           SD_UINT32 BufferSize, SD_UINT32 Offset);
 
 #ifdef __cplusplus
 }

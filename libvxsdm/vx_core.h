@@ -464,9 +464,12 @@ struct vxapi_ext_answer {
 // the port's record generation. Returns the ioctl result (0, or -1 with
 // errno) or 1 when the request could not be framed; the driver's Status and
 // DetailStatus go to the out-pointers, the record's answer fields to `answer`.
+// `reserved1` fills the record's Reserved1 word (the flash offset of the
+// option-ROM commands; 0 for every other command).
 int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
-                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer = nullptr);
+                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer = nullptr,
+                         uint32_t reserved1 = 0);
 
 // ---- Discovery call-outs: flash layout, image versions, VPD fields ----
 // (vx_core_flash, vx_core_vpd). `handle` is 0 when called during discovery.
@@ -586,22 +589,55 @@ inline constexpr uint8_t VX_DEVCTL_INITIATOR = 0x02;
 inline constexpr uint8_t VX_DEVCTL_FABRIC = 0x08;  // the port has a fabric address
 inline constexpr uint32_t VX_DEVFLAG_ONLINE = 0x01;
 
-// ---- Flash reads under the layout and alignment steps ----
-// `len` bytes of raw flash at `offset` (region 0xFFFF) on the port whose
-// descriptor is `handle`. The leaf convention: 0 on success, the driver's
-// extended status in *pext_stat.
+// ---- Option ROM leaves (vx_core_optrom) ----
+// `region` is a region code (0: the whole flash) or VX_REGION_RAW, for
+// which `offset` and `optrom_size` are flash byte addresses. A read never
+// moves more than `optrom_size` bytes into `poptrom`. The leaf convention:
+// 0 on success, the driver's extended status in *pext_stat (2: busy after
+// the retries).
+int32_t vxapi_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                          uint32_t region, uint32_t offset, uint32_t* pext_stat);
+int32_t vxapi_update_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                            uint32_t region, uint32_t offset, uint32_t* pext_stat);
+// The alternative read of the boards with the maker's special subsystem id:
+// the port's NVRAM image as the driver shows it.
+int32_t vxapi_read_nvram_exp_edc(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                                 uint32_t region, uint32_t offset, uint32_t* pext_stat);
+// Sends a reset code (docs/adapters.md) to the port.
+int32_t vxapi_activate_region(int handle, vxapi_priv_database* inst, uint32_t reset_code, uint32_t* pext_stat);
+// Makes a written region live: its family's reset code on this port and on
+// the board's other ports. An SD status (0x20000100 when an activation fails).
+uint32_t vxapi_reset_region(uint32_t Device, vxapi_priv_database* inst, uint32_t Region);
+// `len` bytes of raw flash at `offset` on the port whose descriptor is `handle`.
 int vxapi_flash_read_at(int handle, vxapi_priv_database* inst, uint32_t offset, uint8_t* buf, uint32_t len,
                         uint32_t* pext_stat);
 // The flash's erase sector in bytes as the driver reports it. 0 on success.
 uint32_t vxapi_get_flash_sector_size(int handle, vxapi_priv_database* inst, uint32_t* pflash_sector_size);
+// Sends and busy retries of one option-ROM request, and the wait between.
+inline constexpr uint32_t VX_OPTROM_SENDS = 3;
+inline constexpr unsigned VX_OPTROM_BUSY_SLEEP = 20;
+
+// Where an option-ROM request lands in the flash.
+struct vxapi_optrom_span {
+    uint32_t offset;
+    uint32_t size;
+};
+// Resolves `region` against the current layout (region 255 also against
+// the adapter table): a read takes the region's start and at most
+// `size` bytes of it, an update the region's start and all `size` bytes.
+// VX_REGION_RAW keeps `offset` and `size`. 1 (traced under `fn`) for an
+// unknown region, an empty span, or one that passes the end of the flash.
+int vxapi_resolve_optrom_span(const char* fn, const vxapi_priv_database* inst, uint32_t region, uint32_t offset,
+                              uint32_t size, bool update, vxapi_optrom_span* span);
+
+// Online flash update mode (set while a flash update token is held).
+extern uint8_t ofu_enabled;
 
 // ---- Flash steps of the property calls (vx_core_flash) ----
 // Refreshes the boot-image versions of a node record from the adapter's flash.
 int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
 // The MPI and PEP firmware versions kept in flash (3 bytes each).
 int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst, uint8_t* mpi_ver, uint8_t* pep_ver);
-// True when the port's adapter has the option ROM layout its family needs.
-bool vxapi_option_rom_layout_ready(const vxapi_priv_database* inst);
 // DCBX parameters of a converged port into `size` bytes of `buf`
 // (EXT_DCBX_PARAM, then the peer's TLVs). The leaf convention.
 int32_t vxapi_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,

@@ -77,15 +77,9 @@ int vxsysfs_map_region(const vxapi_priv_database* instance, uint32_t region, uin
 
 int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node,
                                 uint32_t* pext_stat) {
-    (void)handle;
-    (void)inst;
-    (void)node;
-    // The image walk comes with the flash work: until then no versions are
-    // found and the node keeps the versions read from its attributes.
-    if (pext_stat)
-        *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    vxdbg_line(ERR, "vxsysfs_read_flash_versions: no versions found.");
-    return 1;
+    // The flash reads go through the port's own channel: the same walk as
+    // the ioctl ports' refresh.
+    return vxapi_read_flash_versions(handle, inst, node, pext_stat);
 }
 
 int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
