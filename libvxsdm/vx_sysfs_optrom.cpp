@@ -138,7 +138,7 @@ int32_t bsg_optrom(const char* fn, bool update, int handle, vxapi_priv_database*
     if (!node.opened())
         return 1;
     {
-        vxapi_sem_hold flash(api_flash_sem_id);
+        vxapi_sem_hold flash(api_flash_sem_id, VX_SEM_KEY_FLASH);
         for (uint32_t sends = 1;; ++sends) {
             const int rc = node.sg_io(&hdr);
             const vxsysfs_bsg_next next = vxsysfs_bsg_optrom_next(rc, errno, sends, &ext_stat);
@@ -307,7 +307,7 @@ int32_t vxsysfs_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* popt
     vxapi_optrom_span span{};
     if (vxapi_resolve_optrom_span(fn, inst, region, offset, optrom_size, false, &span) != 0)
         return 1;
-    vxapi_sem_hold flash(api_flash_sem_id);
+    vxapi_sem_hold flash(api_flash_sem_id, VX_SEM_KEY_FLASH);
     if (!attr_read(fn, pair, inst, span, poptrom, pext_stat)) {
         if (ext_stat == EXT_STATUS_OK)
             ext_stat = EXT_STATUS_ERR;
@@ -337,7 +337,7 @@ int32_t vxsysfs_update_optrom(int handle, vxapi_priv_database* inst, uint8_t* po
     vxapi_optrom_span span{};
     if (vxapi_resolve_optrom_span(fn, inst, region, offset, optrom_size, true, &span) != 0)
         return 1;
-    vxapi_sem_hold flash(api_flash_sem_id);
+    vxapi_sem_hold flash(api_flash_sem_id, VX_SEM_KEY_FLASH);
     if (!attr_write(fn, pair, inst, span, poptrom, pext_stat)) {
         if (ext_stat == EXT_STATUS_OK)
             ext_stat = EXT_STATUS_ERR;
