@@ -518,6 +518,8 @@ int PrintVpd(const uint8_t* vpd, char* resultText, const vxapi_priv_database* ap
 // The port's VPD (`buf_sz` bytes): EXT_CC_GET_VPD on ioctl ports, the "vpd"
 // attribute on sysfs ports. The leaf convention.
 int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+// Writes `buf_sz` bytes of VPD: EXT_CC_SET_VPD, or the "vpd" attribute.
+int vxapi_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
 // The VPD "SN" field (at most 32 characters) into the adapter record's
 // serial_num, on the families that keep it there. 0 when found.
 int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst);
@@ -536,6 +538,13 @@ uint32_t vxapi_nvram_size(uint16_t device_id);
 // is null or too small for one checksum unit.
 int vxapi_nvram_set_checksum(uint8_t* nvram, uint32_t size, bool swift);
 int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift);
+// The port's NVRAM image as the driver keeps it (`nvr_buf_size` bytes at
+// most): EXT_CC_GET_NVRAM / EXT_CC_SET_NVRAM on ioctl ports, the "nvram"
+// attribute on sysfs ports. The leaf convention.
+int vxapi_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat);
+int vxapi_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat);
 
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the

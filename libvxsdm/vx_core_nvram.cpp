@@ -1,6 +1,8 @@
-// NVRAM images: which layout a family keeps, and the checksums of both
-// layouts (the firmware refuses an image whose sum is not 0).
+// NVRAM images: which layout a family keeps, the checksums of both layouts
+// (the firmware refuses an image whose sum is not 0), and the leaves that
+// read and write a port's image.
 #include "vx_adapters.h"
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
 
@@ -68,4 +70,34 @@ int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift)
         return 1;
     }
     return 0;
+}
+
+int32_t vxapi_ioctl_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat) {
+    return vxapi_send_ext_ioctl(handle, inst, EXT_CC_GET_NVRAM, 0, 0, nullptr, 0, buf, buf_sz, pext_stat, nullptr);
+}
+
+int32_t vxapi_ioctl_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat) {
+    return vxapi_send_ext_ioctl(handle, inst, EXT_CC_SET_NVRAM, 0, 0, buf, buf_sz, nullptr, 0, pext_stat, nullptr);
+}
+
+int vxapi_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_get_nvram", inst, pnvr_buf && nvr_buf_size, pext_stat))
+        return 1;
+    vxdbg_num(TRC, "vxapi_get_nvram: entered. size=", nvr_buf_size, VXDBG_DEC, 1);
+    const int rc = inst->channel->get_nvram(handle, inst, pnvr_buf, nvr_buf_size, pext_stat);
+    vxdbg_num(rc ? ERR : TRC, "vxapi_get_nvram: exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 1);
+    return rc;
+}
+
+int vxapi_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_set_nvram", inst, pnvr_buf && nvr_buf_size, pext_stat))
+        return 1;
+    vxdbg_num(TRC, "vxapi_set_nvram: entered. size=", nvr_buf_size, VXDBG_DEC, 1);
+    const int rc = inst->channel->set_nvram(handle, inst, pnvr_buf, nvr_buf_size, pext_stat);
+    vxdbg_num(rc ? ERR : TRC, "vxapi_set_nvram: exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 1);
+    return rc;
 }
