@@ -1,6 +1,8 @@
 // NVRAM images: which layout a family keeps, the checksums of both layouts
 // (the firmware refuses an image whose sum is not 0), and the leaves that
 // read and write a port's image.
+#include <iterator>
+
 #include "vx_adapters.h"
 #include "vx_channel.h"
 #include "vx_core.h"
@@ -39,6 +41,21 @@ bool vxapi_nvram_is_swift(uint16_t device_id) {
 
 uint32_t vxapi_nvram_size(uint16_t device_id) {
     return vxapi_nvram_is_swift(device_id) ? VX_NVRAM_SWIFT_SIZE : VX_NVRAM_SIZE;
+}
+
+uint32_t vxapi_nvram_region(uint16_t device_id, uint32_t pci_function) {
+    if (!vx_adapter_has(device_id, VX_MARK_FLT))
+        return 0;
+    const bool odd = pci_function % 2 != 0;
+    switch (vx_adapter_family(device_id)) {
+    case vx_family::Tern:
+    case vx_family::Ibis: return odd ? 0xAC : 0xAA;
+    case vx_family::Crane: {
+        static constexpr uint32_t crane[] = {0x15, 0x17, 0xD5, 0xD7};
+        return pci_function < std::size(crane) ? crane[pci_function] : 0x15;
+    }
+    default: return odd ? 0x17 : 0x15;
+    }
 }
 
 int vxapi_nvram_set_checksum(uint8_t* nvram, uint32_t size, bool swift) {
