@@ -44,8 +44,9 @@ uint32_t clamp_nvram(const char* name, const vxapi_priv_database* inst, uint32_t
     return image;
 }
 
-// The status of one leaf request.
-uint32_t request_status(int32_t rc, uint32_t ext_stat) {
+// The status of one leaf request. The status word is taken by reference so
+// that it is read after the request that fills it, in any argument order.
+uint32_t request_status(int32_t rc, const uint32_t& ext_stat) {
     return rc == 0 && ext_stat == EXT_STATUS_OK ? SDM_STATUS_SUCCESS : failure_status(rc, ext_stat);
 }
 

@@ -14,7 +14,9 @@
 #include "unit_support.h"
 #include "vsdmgt.h"
 #include "vsdnvram.h"
+#include "vx_adapters.h"
 #include "vx_core_flash.h"
+#include "vx_sddbg.h"
 
 namespace {
 
