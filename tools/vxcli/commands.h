@@ -12,5 +12,7 @@ Command targets_command();
 Command luns_command();
 Command report_command();
 Command version_command();
+Command nvram_command();
+Command vpd_command();
 
 }  // namespace vxcli
