@@ -318,6 +318,35 @@ VXSD_API SD_UINT32 SDUpdateOptionRomEx2(int Device, SD_UINT32 DisableReset, SD_U
 VXSD_API SD_UINT32 SDUpdateOptionRomOffset(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
                                            SD_UINT32 BufferSize, SD_UINT32 Offset);
 
+/* NVRAM: the port's whole settings image, 256 bytes on the older families
+ * and 512 (nvram_swift, vsdnvram.h) on the Swift family and every family
+ * with a flash layout table. A larger BufferSize moves the image and no
+ * more; a read into a smaller buffer fills it with the image's start. An
+ * update must carry the whole image (SDM_STATUS_INVALID_PARAMETER
+ * otherwise); on the families with a flash layout table the library stores
+ * the image's checksum into pBuffer before writing, and the ports reload
+ * their settings unless DisableReset is nonzero. Mode is reserved: it is
+ * traced and ignored. Virtual ports read their physical port's image and
+ * cannot update it (SDM_STATUS_NOT_SUPPORTED). */
+VXSD_API SD_UINT32 SDGetNVRam(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32 Mode, SD_UINT8* pBuffer,
+                              SD_UINT32 BufferSize);
+VXSD_API SD_UINT32 SDUpdateNVRam(int Device, SD_UINT32 DisableReset, SD_UINT32 Mode, SD_UINT8* pBuffer,
+                                 SD_UINT32 BufferSize);
+
+/* VPD: 512 bytes, 1024 on the Wren, Tern and Ibis families. SDGetVpd needs
+ * a buffer of that size (SDM_STATUS_BUFFER_TOO_SMALL with the size stored in
+ * *pBufferSize otherwise) and stores the size read in *pBufferSize; a failed
+ * read leaves the buffer as it was. SDUpdateVpd writes *pBufferSize bytes
+ * (at most the VPD size); the families with a flash layout table and
+ * virtual ports are refused (SDM_STATUS_NOT_SUPPORTED). SDSwiftSaveVpd
+ * writes the VPD of the port and of the other port of its pair (PCI
+ * functions 0 and 1, 2 and 3), the flash regions 0x14 and 0x16 on the
+ * families with a flash layout table; 0x20000100 when the other port cannot
+ * be opened. */
+VXSD_API SD_UINT32 SDGetVpd(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32* pBufferSize);
+VXSD_API SD_UINT32 SDUpdateVpd(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32* pBufferSize);
+VXSD_API SD_UINT32 SDSwiftSaveVpd(int Device, SD_UINT8* pvpd, SD_UINT32 buf_size);
+
 #ifdef __cplusplus
 }
 #endif

@@ -46,6 +46,12 @@ struct vxapi_channel_ops {
     int32_t (*query_adapter_versions)(int handle, vxapi_priv_database* inst, EXT_ADAPTER_VERSIONS* ver,
                                       uint32_t* pext_stat);
     int32_t (*get_active_image_set)(int handle, vxapi_priv_database* inst, uint32_t* image, uint32_t* pext_stat);
+    // The port's NVRAM image and VPD as the driver keeps them, `size` bytes.
+    int32_t (*get_nvram)(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+    int32_t (*set_nvram)(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                         uint32_t* pext_stat);
+    int32_t (*set_vpd)(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                       uint32_t* pext_stat);
 };
 
 extern const vxapi_channel_ops vxapi_ioctl_channel;    // newer record generation
@@ -93,6 +99,12 @@ int32_t vxapi_ioctl_query_adapter_versions(int handle, vxapi_priv_database* inst
                                            uint32_t* pext_stat);
 int32_t vxapi_ioctl_get_active_image_set(int handle, vxapi_priv_database* inst, uint32_t* image,
                                          uint32_t* pext_stat);
+int32_t vxapi_ioctl_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat);
+int32_t vxapi_ioctl_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat);
+int32_t vxapi_ioctl_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                            uint32_t* pext_stat);
 
 // The checks every leaf makes before it dispatches: a port with a channel
 // and the pointers the call needs. On failure the extended status is 9 and

@@ -266,6 +266,40 @@ void vxapi_free_api_phy_info_mem();
 int vxapi_open_adapter(vxapi_priv_database* record, uint32_t* handle, uint32_t* status);
 int vxapi_close_adapter(vxapi_priv_database* record, uint32_t* status);
 
+// Another physical port of `inst`'s board (same PCI domain, bus and device)
+// by PCI function number; null when the board has none there.
+vxapi_priv_database* vxapi_get_board_port(const vxapi_priv_database* inst, uint32_t function);
+
+// A port used for one request on the caller's behalf (a board's other
+// port): its ioctl node is opened when nobody has it open, and closed again
+// at the end of the scope. Sysfs ports need no node.
+class vxapi_port_use {
+public:
+    explicit vxapi_port_use(vxapi_priv_database* rec) : rec_(rec) {
+        if (rec_ && !(rec_->features & VX_FEAT_SYSFS) && rec_->open_cnt == 0) {
+            uint32_t handle = 0, status = 0;
+            opened_ = vxapi_open_adapter(rec_, &handle, &status) == 0;
+            ok_ = opened_;
+        } else {
+            ok_ = rec_ != nullptr;
+        }
+    }
+    ~vxapi_port_use() {
+        if (opened_) {
+            uint32_t status = 0;
+            vxapi_close_adapter(rec_, &status);
+        }
+    }
+    vxapi_port_use(const vxapi_port_use&) = delete;
+    vxapi_port_use& operator=(const vxapi_port_use&) = delete;
+    bool ok() const { return ok_; }
+
+private:
+    vxapi_priv_database* rec_;
+    bool opened_ = false;
+    bool ok_ = false;
+};
+
 // ---- System V semaphores (each a set of one semaphore used as a lock) ----
 // Opens the set of `key` or creates it unlocked. A set that root (or this
 // user) did not create, or that others may change, is refused: -1 with
@@ -518,6 +552,8 @@ int PrintVpd(const uint8_t* vpd, char* resultText, const vxapi_priv_database* ap
 // The port's VPD (`buf_sz` bytes): EXT_CC_GET_VPD on ioctl ports, the "vpd"
 // attribute on sysfs ports. The leaf convention.
 int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+// Writes `buf_sz` bytes of VPD: EXT_CC_SET_VPD, or the "vpd" attribute.
+int vxapi_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
 // The VPD "SN" field (at most 32 characters) into the adapter record's
 // serial_num, on the families that keep it there. 0 when found.
 int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst);
@@ -529,6 +565,12 @@ inline constexpr uint32_t VX_NVRAM_SWIFT_SIZE = 512;  // Swift and FLT families:
 // True for the families that keep the 512-byte layout.
 bool vxapi_nvram_is_swift(uint16_t device_id);
 uint32_t vxapi_nvram_size(uint16_t device_id);
+// The flash region that holds the NVRAM of the port at PCI function
+// `pci_function` on the FLT families; 0 on the others (the driver keeps it).
+uint32_t vxapi_nvram_region(uint16_t device_id, uint32_t pci_function);
+// The flash regions of the first and second port's VPD on the FLT families.
+inline constexpr uint32_t VX_REGION_VPD_PORT0 = 0x14;
+inline constexpr uint32_t VX_REGION_VPD_PORT1 = 0x16;
 // The checksum of an image of `size` bytes. 512-byte layout (`swift`): the
 // image as little-endian 32-bit words sums to 0, the last word being the
 // checksum. 256-byte layout: the bytes sum to 0 modulo 256, the last byte
@@ -536,6 +578,13 @@ uint32_t vxapi_nvram_size(uint16_t device_id);
 // is null or too small for one checksum unit.
 int vxapi_nvram_set_checksum(uint8_t* nvram, uint32_t size, bool swift);
 int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift);
+// The port's NVRAM image as the driver keeps it (`nvr_buf_size` bytes at
+// most): EXT_CC_GET_NVRAM / EXT_CC_SET_NVRAM on ioctl ports, the "nvram"
+// attribute on sysfs ports. The leaf convention.
+int vxapi_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat);
+int vxapi_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat);
 
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the

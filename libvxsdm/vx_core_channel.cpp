@@ -12,7 +12,7 @@
         vxapi_ioctl_get_driver_specifics, vxapi_ioctl_get_vpd, vxapi_ioctl_get_dcbx_param,                    \
         vxapi_ioctl_read_optrom, vxapi_ioctl_update_optrom, vxapi_ioctl_activate_region,                      \
         vxapi_ioctl_get_flash_sector_size, vxapi_ioctl_flash_update_caps, vxapi_ioctl_query_adapter_versions, \
-        vxapi_ioctl_get_active_image_set
+        vxapi_ioctl_get_active_image_set, vxapi_ioctl_get_nvram, vxapi_ioctl_set_nvram, vxapi_ioctl_set_vpd
 
 const vxapi_channel_ops vxapi_ioctl_channel = {"ioctl", VX_IOCTL_SLOTS};
 const vxapi_channel_ops vxapi_ioctl_o_channel = {"ioctl (older)", VX_IOCTL_SLOTS};
@@ -41,6 +41,9 @@ const vxapi_channel_ops vxapi_sysfs_channel = {
     vxsysfs_flash_update_capabilities,
     vxsysfs_query_adapter_versions,
     vxsysfs_get_active_image_set,
+    vxsysfs_get_nvram,
+    vxsysfs_set_nvram,
+    vxsysfs_set_vpd,
 };
 
 void vxapi_set_channel(vxapi_priv_database* inst) {

@@ -48,6 +48,18 @@ uint32_t null_record(const char* name, int handle) {
 
 uint32_t errno_status() { return errno != 0 ? static_cast<uint32_t>(errno) : SDM_STATUS_UNKNOWN_ERROR; }
 
+uint32_t failure_status(int32_t rc, uint32_t ext_stat) {
+    if (ext_stat != EXT_STATUS_OK)
+        return SDXlateSDMErr(ext_stat, 0);
+    if (rc < 0)
+        return errno_status();
+    return SDM_STATUS_UNKNOWN_ERROR;
+}
+
+vxapi_priv_database* flash_port(vxapi_priv_database* inst) {
+    return inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
+}
+
 }  // namespace vxsd
 
 using namespace vxsd;
@@ -109,10 +121,9 @@ uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& no
     const uint16_t device_id = phy ? phy->device_id : 0;
     // Boards whose boot-image versions the ioctl driver does not keep current.
     if (vx_adapter_has(device_id, VX_MARK_FLASH_BI_REFRESH) && !(inst->features & VX_FEAT_SYSFS)) {
-        vxapi_priv_database* flash_port =
-            inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
+        vxapi_priv_database* port = flash_port(inst);
         uint32_t flash_stat = 0;
-        vxapi_read_flash_versions(flash_port->oshandle, flash_port, &node, &flash_stat);
+        vxapi_read_flash_versions(port->oshandle, port, &node, &flash_stat);
     }
     memcpy(prop->WWN, node.WWNN, sizeof prop->WWN);
     memcpy(prop->Manufacturer, node.Manufacturer, sizeof prop->Manufacturer);

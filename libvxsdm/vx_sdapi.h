@@ -23,6 +23,12 @@ vxapi_priv_database* resolve(const char* name, int handle);
 uint32_t null_record(const char* name, int handle);
 // An ioctl that failed without errno still must not read as success.
 uint32_t errno_status();
+// The status of a failed flash, NVRAM or VPD request: the driver's status
+// when it gave one, else errno for a failed ioctl, else "unknown error".
+uint32_t failure_status(int32_t rc, uint32_t ext_stat);
+// The port whose flash a request reaches: a virtual port shares its
+// physical port's.
+vxapi_priv_database* flash_port(vxapi_priv_database* inst);
 
 }  // namespace vxsd
 

@@ -416,8 +416,16 @@ int vxsysfs_get_optrom_layout(uint32_t handle, vxapi_priv_database* instance, ui
 // Start and size of a region code in the current layout; region 255 falls
 // back to the whole flash of the adapter. Both 0 and result 1 when unknown.
 int vxsysfs_map_region(const vxapi_priv_database* instance, uint32_t region, uint32_t* offset, uint32_t* size);
-// The "vpd" attribute of the port's host, `buf_sz` bytes at most.
+// The binary attributes "vpd" and "nvram" of the port's host: reads take
+// `buf_sz` bytes at most (a shorter image is kept as far as it goes), writes
+// must be taken whole, under the flash semaphore (the driver programs the
+// flash part behind them). Extended status 9 when the attribute cannot be
+// opened, 1 when the driver refuses the transfer.
 int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                      uint32_t* pext_stat);
 // DCBX parameters of a converged port: the host's "dcbx" attribute
 // (EXT_DCBX_PARAM and the peer's TLVs), `size` bytes at most. Extended
 // status 20 when the driver has no such attribute.

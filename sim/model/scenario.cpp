@@ -385,6 +385,28 @@ bool read_channel(Obj& o, const json& v, const std::string& p, Channel& c) {
     return true;
 }
 
+bool read_vpd_content(Obj& o, const json& v, const std::string& p, VpdContent& c) {
+    const std::string s = v.is_string() ? v.get<std::string>() : "";
+    if (s == "valid")
+        c = VpdContent::Valid;
+    else if (s == "bad_checksum")
+        c = VpdContent::BadChecksum;
+    else if (s == "truncated")
+        c = VpdContent::Truncated;
+    else
+        return o.fail(p, "expected \"valid\", \"bad_checksum\" or \"truncated\"");
+    return true;
+}
+
+const char* vpd_content_name(VpdContent c) {
+    switch (c) {
+    case VpdContent::Valid: return "valid";
+    case VpdContent::BadChecksum: return "bad_checksum";
+    case VpdContent::Truncated: return "truncated";
+    }
+    return "valid";
+}
+
 const char* channel_name(Channel c) {
     switch (c) {
     case Channel::Sysfs: return "sysfs";
@@ -423,6 +445,7 @@ bool read_adapter(const json& j, const std::string& path, std::string& err, Adap
            o.boolean("optrom_attrs", a.optrom_attrs) && o.boolean("partial_flash", a.partial_flash) &&
            o.uint("driver_flags", a.driver_flags) && o.uint("active_image", a.active_image) &&
            o.opt("channel", [&](const json& v, const std::string& p) { return read_channel(o, v, p, a.channel); }) &&
+           o.opt("vpd", [&](const json& v, const std::string& p) { return read_vpd_content(o, v, p, a.vpd); }) &&
            o.opt("flash", [&](const json& v, const std::string& p) { return read_flash(v, p, err, a.flash); }) &&
            o.req("functions", [&](const json& v, const std::string& p) {
                if (v.is_array() && v.empty())
@@ -837,6 +860,7 @@ std::string scenario_to_json(const Scenario& s) {
         aj["driver_flags"] = a.driver_flags;
         aj["active_image"] = a.active_image;
         aj["channel"] = channel_name(a.channel);
+        aj["vpd"] = vpd_content_name(a.vpd);
         aj["flash"] = {{"bios", a.flash.bios},         {"fcode", a.flash.fcode}, {"efi", a.flash.efi},
                        {"firmware", a.flash.firmware}, {"mpi", a.flash.mpi},     {"pep", a.flash.pep},
                        {"edc", a.flash.edc},           {"nic", a.flash.nic}};

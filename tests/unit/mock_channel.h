@@ -38,6 +38,9 @@ enum class slot {
     flash_update_caps,
     query_adapter_versions,
     get_active_image_set,
+    get_nvram,
+    set_nvram,
+    set_vpd,
 };
 
 // One expected request and what the driver hands back for it.
@@ -195,6 +198,15 @@ inline const vxapi_channel_ops channel::table = {
     },
     [](int, vxapi_priv_database*, uint32_t* image, uint32_t* st) {
         return record_slot(slot::get_active_image_set, image, st);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::get_nvram, b, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_nvram, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_vpd, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
     },
 };
 

@@ -14,6 +14,8 @@
 #include <regex>
 #include <sstream>
 
+#include <fmt/format.h>
+
 #include "cli.h"
 #include "dump.h"
 #include "format.h"
@@ -21,6 +23,7 @@
 #include "romimage.h"
 #include "table.h"
 #include "terminal.h"
+#include "vpd.h"
 
 namespace {
 
@@ -255,6 +258,63 @@ TEST_F(VxcliOutputFile, WholeOrNotAtAll) {
     EXPECT_EQ(read(taken / "keep"), "kept");
     EXPECT_EQ(entries(dir_), 2u) << "no temporary file left";
     EXPECT_NE(write_output(dir_ / "missing" / "x.bin", "x", 1), "");
+}
+
+// The VPD walk over good and damaged contents: it never reads past the
+// bytes given (the vectors are exactly their size, so ASan sees any overrun).
+TEST(VxcliVpd, WalkAndLines) {
+    using B = std::vector<uint8_t>;
+    // Identifier "AB", read-only section, SN "X1", checksum, end.
+    B good{0x82, 2, 0, 'A', 'B', 0x90, 0, 0, 'S', 'N', 2, 'X', '1', 'R', 'V', 1, 0, 0x78};
+    uint8_t sum = 0;
+    for (size_t i = 0; i < 16; ++i)
+        sum = static_cast<uint8_t>(sum + good[i]);
+    good[16] = static_cast<uint8_t>(0u - sum);
+    B bad = good;
+    ++bad[16];
+    const struct {
+        const char* what;
+        B vpd;
+        bool short_identifier;
+        size_t items;
+        bool complete, has_checksum, valid;
+        std::string lines;
+    } cases[] = {
+        {"valid", good, false, 5, true, true, true,
+         fmt::format(" 0x82  \"AB\"\n 0x90\n \"SN\"  \"X1\"\n \"RV\"  {:02X}\n 0x78\n", good[16])},
+        {"checksum one off", bad, false, 5, true, true, false, ""},
+        {"no checksum", B{0x82, 1, 0, 'A', 0x78}, false, 2, true, false, false, " 0x82  \"A\"\n 0x78\n"},
+        {"no end tag", B{0x82, 1, 0, 'A', 'S', 'N', 1, 'Z'}, false, 2, false, false, false, ""},
+        {"length past the buffer", B{0x82, 1, 0, 'A', 'S', 'N', 200, 'Z'}, false, 2, false, false, false,
+         " 0x82  \"A\"\n \"SN\"  \"Z\"\n"},
+        {"checksum byte past the end", B{0x82, 0, 0, 'R', 'V', 1}, false, 1, false, false, false, ""},
+        {"header cut", B{0x82, 5}, false, 0, false, false, false, ""},
+        {"all erased", B(512, 0xFF), false, 0, false, false, false, ""},
+        {"erased after the serial", B{0x90, 0, 0, 'S', 'N', 1, 'Q', 0xFF, 0xFF}, false, 2, false, false, false, ""},
+        {"one-byte identifier length", B{0x82, 2, 'H', 'P', 0x78}, true, 2, true, false, false,
+         " 0x82  \"HP\"\n 0x78\n"},
+        {"text ends at a zero byte", B{'V', '1', 4, ' ', '4', 0, 'x', 0x78}, false, 2, true, false, false,
+         " \"V1\"  \" 4\"\n 0x78\n"},
+    };
+    for (const auto& c : cases) {
+        const VpdWalk w = walk_vpd(c.vpd.data(), c.vpd.size(), c.short_identifier);
+        EXPECT_EQ(w.items.size(), c.items) << c.what;
+        EXPECT_EQ(w.complete, c.complete) << c.what;
+        EXPECT_EQ(w.has_checksum, c.has_checksum) << c.what;
+        EXPECT_EQ(w.checksum_valid, c.valid) << c.what;
+        if (!c.lines.empty()) {
+            EXPECT_EQ(vpd_text(w), c.lines) << c.what;
+        }
+    }
+    // Only the first 512 bytes are walked, even in a 1024-byte VPD.
+    B large(1024, 0);
+    large[0] = 0x82;
+    large[1] = 0xFD;
+    large[2] = 0x01;  // an identifier of 509 bytes fills the walk
+    large[512] = 0x78;
+    const VpdWalk w = walk_vpd(large.data(), large.size(), false);
+    EXPECT_EQ(w.items.size(), 1u);
+    EXPECT_FALSE(w.complete);
 }
 
 // The man page is written by hand: every command and every shared option

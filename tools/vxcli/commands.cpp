@@ -8,6 +8,8 @@ const std::vector<Command>& commands() {
         show_command(),
         targets_command(),
         luns_command(),
+        nvram_command(),
+        vpd_command(),
         report_command(),
         flash_layout_command(),
         flash_read_command(),

@@ -15,5 +15,7 @@ Command flash_layout_command();
 Command flash_read_command();
 Command flash_write_command();
 Command version_command();
+Command nvram_command();
+Command vpd_command();
 
 }  // namespace vxcli
