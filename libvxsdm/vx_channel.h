@@ -34,6 +34,24 @@ struct vxapi_channel_ops {
     int32_t (*get_vpd)(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
     int32_t (*get_dcbx_param)(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
                               uint32_t* pext_stat);
+    // Flash: `region` is a region code or VX_REGION_RAW (offset and size are flash addresses).
+    int32_t (*read_optrom)(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                           uint32_t region, uint32_t offset, uint32_t* pext_stat);
+    int32_t (*update_optrom)(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                             uint32_t region, uint32_t offset, uint32_t* pext_stat);
+    int32_t (*activate_region)(int handle, vxapi_priv_database* inst, uint32_t reset_code, uint32_t* pext_stat);
+    uint32_t (*get_flash_sector_size)(int handle, vxapi_priv_database* inst, uint32_t* psize);
+    int32_t (*flash_update_caps)(int handle, vxapi_priv_database* inst, uint8_t* caps, uint32_t caps_len,
+                                 uint8_t set, uint32_t* pext_stat);
+    int32_t (*query_adapter_versions)(int handle, vxapi_priv_database* inst, EXT_ADAPTER_VERSIONS* ver,
+                                      uint32_t* pext_stat);
+    int32_t (*get_active_image_set)(int handle, vxapi_priv_database* inst, uint32_t* image, uint32_t* pext_stat);
+    // The port's NVRAM image and VPD as the driver keeps them, `size` bytes.
+    int32_t (*get_nvram)(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+    int32_t (*set_nvram)(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                         uint32_t* pext_stat);
+    int32_t (*set_vpd)(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                       uint32_t* pext_stat);
 };
 
 extern const vxapi_channel_ops vxapi_ioctl_channel;    // newer record generation
@@ -69,6 +87,24 @@ int32_t vxapi_ioctl_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf,
                             uint32_t* pext_stat);
 int32_t vxapi_ioctl_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
                                    uint32_t* pext_stat);
+int32_t vxapi_ioctl_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                                uint32_t region, uint32_t offset, uint32_t* pext_stat);
+int32_t vxapi_ioctl_update_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                                  uint32_t region, uint32_t offset, uint32_t* pext_stat);
+int32_t vxapi_ioctl_activate_region(int handle, vxapi_priv_database* inst, uint32_t reset_code, uint32_t* pext_stat);
+uint32_t vxapi_ioctl_get_flash_sector_size(int handle, vxapi_priv_database* inst, uint32_t* psize);
+int32_t vxapi_ioctl_flash_update_caps(int handle, vxapi_priv_database* inst, uint8_t* caps, uint32_t caps_len,
+                                      uint8_t set, uint32_t* pext_stat);
+int32_t vxapi_ioctl_query_adapter_versions(int handle, vxapi_priv_database* inst, EXT_ADAPTER_VERSIONS* ver,
+                                           uint32_t* pext_stat);
+int32_t vxapi_ioctl_get_active_image_set(int handle, vxapi_priv_database* inst, uint32_t* image,
+                                         uint32_t* pext_stat);
+int32_t vxapi_ioctl_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat);
+int32_t vxapi_ioctl_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat);
+int32_t vxapi_ioctl_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                            uint32_t* pext_stat);
 
 // The checks every leaf makes before it dispatches: a port with a channel
 // and the pointers the call needs. On failure the extended status is 9 and

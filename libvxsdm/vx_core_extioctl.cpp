@@ -111,7 +111,8 @@ bool fits_32bit(const void* p, uint32_t len) { return !p || vxapi_ptr_to_64bit(p
 
 int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
-                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer) {
+                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer,
+                         uint32_t reserved1) {
     if (!record)
         return 1;
     const uint32_t number = ext_ioctl_number(command);
@@ -119,6 +120,7 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
         EXT_IOCTL ext;
         if (vxapi_init_ext_ioctl_n(subcode, instance, req, req_len, resp, resp_len, record, &ext) != 0)
             return 1;
+        ext.Reserved1 = reserved1;
         const int rc = sdm_ioctl(handle, number, &ext, record);
         if (pext_stat)
             *pext_stat = ext.Status;
@@ -149,6 +151,7 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
     EXT_IOCTL_O ext;
     if (vxapi_init_ext_ioctl_o(subcode, instance, sent_req, req_len, sent_resp, resp_len, record, &ext) != 0)
         return 1;
+    ext.Reserved1 = reserved1;
     const int rc = sdm_ioctl(handle, number, &ext, record);
     const int saved = errno;
     if (sent_resp != resp)

@@ -66,8 +66,14 @@ void copy_board_texts(vxapi_priv_database* inst, HBA_ADAPTERATTRIBUTES* attrs) {
     memset(attrs->HardwareVersion, 0, HW_VERSION_LEN);
     const uint16_t device_id = device_id_of(inst);
     uint32_t stat = 0;
-    if (!vx_adapter_has(device_id, VX_MARK_NEWER))
+    if (!vx_adapter_has(device_id, VX_MARK_NEWER)) {
+        uint8_t nvram[VX_NVRAM_SIZE] = {};
+        if (vxapi_get_nvram(inst->oshandle, inst, nvram, sizeof nvram, &stat) == 0 && stat == 0)
+            memcpy(attrs->HardwareVersion, nvram + NVRAM_HW_VERSION_OFFSET, NVRAM_HW_VERSION_LEN);
+        else
+            vxdbg_num(ERR, "vxcapi_copy_hbanode_attributes: get nvram failed. stat=", stat, VXDBG_DEC, 1);
         return;
+    }
     uint8_t vpd[VX_VPD_SIZE_LARGE] = {};
     if (vxapi_get_vpd(inst->oshandle, inst, vpd, vxcapi_node_vpd_size(device_id), &stat) != 0 || stat != 0) {
         vxdbg_num(ERR, "vxcapi_copy_hbanode_attributes: get vpd failed. stat=", stat, VXDBG_DEC, 1);

@@ -13,16 +13,12 @@
 #include "vsdmgt.h"
 #include "vx_adapters.h"
 #include "vx_core.h"
+#include "vx_sdapi.h"
 #include "vx_sddbg.h"
 
-namespace {
+namespace vxsd {
 
-constexpr uint32_t SD_TRACE = VXDBG_TRACE | VXDBG_SDAPI;
-constexpr uint32_t SD_ERROR = VXDBG_ERROR | VXDBG_SDAPI;
-
-// "<name>(<handle>)<text>" with an optional number.
-void trace_call(uint32_t guard, const char* name, int handle, const char* text, uint64_t number = 0,
-                uint8_t radix = VXDBG_NONE) {
+void trace_call(uint32_t guard, const char* name, int handle, const char* text, uint64_t number, uint8_t radix) {
     if (!vxdbg_on(guard))
         return;
     vxdbg_print(name, 0, VXDBG_NONE, 0);
@@ -36,7 +32,6 @@ void trace_exit(const char* name, int handle, uint32_t ret) {
     trace_call(SD_TRACE, name, handle, "): exiting. ret=", ret, VXDBG_HEX);
 }
 
-// check_handle with the failure trace every call shares.
 vxapi_priv_database* resolve(const char* name, int handle) {
     vxapi_priv_database* inst = check_handle(static_cast<uint32_t>(handle));
     if (!inst && vxdbg_on(SD_ERROR)) {
@@ -51,8 +46,25 @@ uint32_t null_record(const char* name, int handle) {
     return SDM_STATUS_INVALID_PARAMETER;
 }
 
-// An ioctl that failed without errno still must not read as success.
 uint32_t errno_status() { return errno != 0 ? static_cast<uint32_t>(errno) : SDM_STATUS_UNKNOWN_ERROR; }
+
+uint32_t failure_status(int32_t rc, uint32_t ext_stat) {
+    if (ext_stat != EXT_STATUS_OK)
+        return SDXlateSDMErr(ext_stat, 0);
+    if (rc < 0)
+        return errno_status();
+    return SDM_STATUS_UNKNOWN_ERROR;
+}
+
+vxapi_priv_database* flash_port(vxapi_priv_database* inst) {
+    return inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
+}
+
+}  // namespace vxsd
+
+using namespace vxsd;
+
+namespace {
 
 bool tolerated(uint32_t ext_stat) {
     return ext_stat == EXT_STATUS_OK || ext_stat == EXT_STATUS_DATA_OVERRUN || ext_stat == EXT_STATUS_DATA_UNDERRUN;
@@ -135,10 +147,11 @@ uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& no
         // carry the copies in flash.
         memcpy(prop->MpiFwVersion, node.BIMpiFwVersion, sizeof prop->MpiFwVersion);
         memcpy(prop->PepFwVersion, node.BIPepFwVersion, sizeof prop->PepFwVersion);
-        if (!vxapi_option_rom_layout_ready(inst)) {
+        const uint32_t layout = SDGetOptionRomLayout(handle, 0, nullptr);
+        if (layout != SDM_STATUS_SUCCESS) {
             vxdbg_num(SD_ERROR, "SDGetHbaDeviceNodeProperty: GetOptionRomLayout failed. handle=",
                       static_cast<uint32_t>(handle), VXDBG_HEX, 1);
-            return SDM_STATUS_UNKNOWN_ERROR;
+            return layout;
         }
         if (vxapi_get_flash_mpi_pep_versions(static_cast<uint32_t>(handle), inst, prop->BIMpiFwVersion,
                                              prop->BIPepFwVersion) == 0)

@@ -176,6 +176,7 @@ enum : uint32_t {
     VXSYSFS_BSG_NPIV_QOS_LIST = 15,
     VXSYSFS_BSG_SET_I2C = 16,
     VXSYSFS_BSG_GET_I2C = 17,
+    VXSYSFS_BSG_ACTIVATE_REGION = 18,  // vendor_cmd[1] = the reset code, no data
     VXSYSFS_BSG_SERDES_REG = 19,
     VXSYSFS_BSG_SERDES_REG_EX = 20,
     VXSYSFS_BSG_GET_FLASH_CAPS = 21,
@@ -308,12 +309,47 @@ int vxsysfs_get_optrom_layout(uint32_t handle, vxapi_priv_database* instance, ui
 // Start and size of a region code in the current layout; region 255 falls
 // back to the whole flash of the adapter. Both 0 and result 1 when unknown.
 int vxsysfs_map_region(const vxapi_priv_database* instance, uint32_t region, uint32_t* offset, uint32_t* size);
-// The "vpd" attribute of the port's host, `buf_sz` bytes at most.
+// The binary attributes "vpd" and "nvram" of the port's host: reads take
+// `buf_sz` bytes at most (a shorter image is kept as far as it goes), writes
+// must be taken whole, under the flash semaphore (the driver programs the
+// flash part behind them). Extended status 9 when the attribute cannot be
+// opened, 1 when the driver refuses the transfer.
 int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                      uint32_t* pext_stat);
 // DCBX parameters of a converged port: the host's "dcbx" attribute
 // (EXT_DCBX_PARAM and the peer's TLVs), `size` bytes at most. Extended
 // status 20 when the driver has no such attribute.
 int vxsysfs_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t* pext_stat);
+// ---- Flash (vx_sysfs_optrom) ----
+// Option-ROM transfers through bsg vendor codes 7 and 8: one request under
+// the flash semaphore with the two busy retries. 0 on success.
+int32_t vxsysfs_bsg_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size, uint32_t region,
+                                uint32_t offset, uint32_t* pext_stat);
+int32_t vxsysfs_bsg_update_optrom(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
+                                  uint32_t region, uint32_t offset, uint32_t* pext_stat);
+// The sysfs twins of the option-ROM leaves: bsg first when the port has it,
+// else (or when it fails) the "optrom_ctl"/"optrom" pair. Region 0 is the
+// whole flash. A driver without partial commands moves the whole flash.
+int32_t vxsysfs_read_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                            uint32_t region, uint32_t offset, uint32_t* pext_stat);
+int32_t vxsysfs_update_optrom(int handle, vxapi_priv_database* inst, uint8_t* poptrom, uint32_t optrom_size,
+                              uint32_t region, uint32_t offset, uint32_t* pext_stat);
+// Reset code through bsg vendor code 18; status 20 on a port without bsg.
+int32_t vxsysfs_activate_region(int handle, vxapi_priv_database* inst, uint32_t reset_code, uint32_t* pext_stat);
+// The host's "flash_block_size" attribute.
+uint32_t vxsysfs_get_flash_sector_size(int handle, vxapi_priv_database* inst, uint32_t* psize);
+// bsg vendor codes 21 (read) and 22 (set): `caps` goes out and comes back.
+int32_t vxsysfs_flash_update_capabilities(int handle, vxapi_priv_database* inst, uint8_t* caps, uint32_t caps_len,
+                                          uint8_t set, uint32_t* pext_stat);
+// Running processor versions: the host's "mpi_version" and "edc_version"
+// ("pep_version" on the boards with a PEP processor).
+int32_t vxsysfs_query_adapter_versions(int handle, vxapi_priv_database* inst, EXT_ADAPTER_VERSIONS* ver,
+                                       uint32_t* pext_stat);
+// The host's "active_image" attribute (0 primary, 1 secondary image set).
+int32_t vxsysfs_get_active_image_set(int handle, vxapi_priv_database* inst, uint32_t* image, uint32_t* pext_stat);
 // Boot-image versions from flash, for the families whose virtual ports lack
 // the boot-code attributes.
 int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node,

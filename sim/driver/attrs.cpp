@@ -52,6 +52,7 @@ std::optional<ssize_t> fault_effect(const std::optional<FaultAction>& fault, siz
     case FaultKind::Errno: return -fault->error;
     case FaultKind::Short: n = (n + 1) / 2; return std::nullopt;
     case FaultKind::Status: return -EIO;  // attributes carry no driver status
+    case FaultKind::Partial: n = (n + 1) / 2; return std::nullopt;
     }
     return std::nullopt;
 }
@@ -113,6 +114,8 @@ ssize_t control(const Sim& sim, Desc& d, const void* buf, size_t n) {
             r = -fault->error;
         else if (fault->kind == FaultKind::Status)
             r = -EIO;  // attributes carry no driver status
+        else if (fault->kind == FaultKind::Partial)
+            r = dev.control(text, true);
         else {
             // Short: the command goes through but the store reports one byte fewer.
             int c = dev.control(text);

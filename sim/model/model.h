@@ -123,6 +123,7 @@ struct Adapter {
     std::string pep_version;       // running PEP firmware ("" = attribute absent)
     bool optrom_attrs = true;      // optrom_*_version attributes present in sysfs
     bool partial_flash = true;     // driver accepts "1:%x:%x"/"2:%x:%x" (rejects control code 4)
+    uint32_t active_image = 0;     // boards with two image sets: 0 primary, 1 secondary running
     uint32_t driver_flags = 0x04;  // ioctl channels: capability bits of the driver data (0x04: large LUN maps)
     Channel channel = Channel::Sysfs;
     FlashVersions flash;
@@ -133,7 +134,7 @@ struct Adapter {
 struct Fault {
     std::string endpoint;          // "optrom_ctl", "optrom", "ioctl", "bsg", "netlink", ...
     std::string match;             // endpoint-specific selector ("" = any), e.g. a command or "0xc0747900"
-    std::string action;            // "ebusy", "enosys", "eio", "status:<n>", "short", "refuse"
+    std::string action;            // "ebusy", "enosys", "eio", "status:<n>", "short", "refuse", "partial"
     int32_t count = 1;             // -1 = always
 };
 

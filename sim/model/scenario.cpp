@@ -421,7 +421,7 @@ bool read_adapter(const json& j, const std::string& path, std::string& err, Adap
            o.str("driver_version", a.driver_version) && o.str("fw_version", a.fw_version) &&
            o.str("mpi_version", a.mpi_version) && o.str("pep_version", a.pep_version) &&
            o.boolean("optrom_attrs", a.optrom_attrs) && o.boolean("partial_flash", a.partial_flash) &&
-           o.uint("driver_flags", a.driver_flags) &&
+           o.uint("driver_flags", a.driver_flags) && o.uint("active_image", a.active_image) &&
            o.opt("channel", [&](const json& v, const std::string& p) { return read_channel(o, v, p, a.channel); }) &&
            o.opt("flash", [&](const json& v, const std::string& p) { return read_flash(v, p, err, a.flash); }) &&
            o.req("functions", [&](const json& v, const std::string& p) {
@@ -831,6 +831,7 @@ std::string scenario_to_json(const Scenario& s) {
         aj["optrom_attrs"] = a.optrom_attrs;
         aj["partial_flash"] = a.partial_flash;
         aj["driver_flags"] = a.driver_flags;
+        aj["active_image"] = a.active_image;
         aj["channel"] = channel_name(a.channel);
         aj["flash"] = {{"bios", a.flash.bios},         {"fcode", a.flash.fcode}, {"efi", a.flash.efi},
                        {"firmware", a.flash.firmware}, {"mpi", a.flash.mpi},     {"pep", a.flash.pep},

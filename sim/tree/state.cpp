@@ -77,7 +77,7 @@ private:
 };
 
 bool valid_action(const std::string& a) {
-    if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse")
+    if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse" || a == "partial")
         return true;
     if (a.rfind("status:", 0) != 0 || a.size() == 7)
         return false;

@@ -384,6 +384,12 @@ private:
             w_.file(c + "/mpi_version", line(a.mpi_version));
         if (!a.pep_version.empty())
             w_.file(c + "/pep_version", line(a.pep_version));
+        // Our attributes: the running EDC firmware (the image in flash runs),
+        // and which image set runs on boards with two.
+        if (vx_adapter_has(a.device_id, VX_MARK_MPI_EDC))
+            w_.file(c + "/edc_version", line(a.flash.edc));
+        if (vx_adapter_has(a.device_id, VX_MARK_ACTIVE_IMAGE))
+            w_.file(c + "/active_image", num(a.active_image));
         w_.file(c + "/max_npiv_vports", num(p.max_npiv_vports));
         w_.file(c + "/flash_block_size", num(FLASH_BLOCK_SIZE));  // our attribute, decimal
         if (p.vport_id >= 0)

@@ -304,7 +304,7 @@ int main(int argc, char** argv) {
     fault_add->add_option("--endpoint", fault.endpoint, "optrom_ctl, optrom, nvram, vpd, ioctl, bsg, netlink, ...")
         ->required();
     fault_add->add_option("--match", fault.match, "Request selector (\"\" = any; \"abc*\" = prefix)");
-    fault_add->add_option("--action", fault.action, "ebusy, enosys, eio, short, refuse, status:<n>")->required();
+    fault_add->add_option("--action", fault.action, "ebusy, enosys, eio, short, refuse, partial, status:<n>")->required();
     fault_add->add_option("--count", fault.count, "Matching requests to fail (-1 = always)");
     CLI::App* fault_list_cmd = fault_cmd->add_subcommand("list", "List armed faults");
     fault_list_cmd->add_flag("--json", fault_json, "Print the JSON list");

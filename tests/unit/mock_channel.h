@@ -31,12 +31,25 @@ enum class slot {
     get_driver_specifics,
     get_vpd,
     get_dcbx_param,
+    read_optrom,
+    update_optrom,
+    activate_region,
+    get_flash_sector_size,
+    flash_update_caps,
+    query_adapter_versions,
+    get_active_image_set,
+    get_nvram,
+    set_nvram,
+    set_vpd,
 };
 
 // One expected request and what the driver hands back for it.
 struct expectation {
     slot which;
-    std::optional<uint32_t> arg;   // the index (discovered port/target) or the type mask (port summary)
+    std::optional<uint32_t> arg;   // the index (discovered port/target), the type mask (port summary),
+                                   // the region (option ROM) or the reset code (activation)
+    std::optional<uint32_t> offset;  // the flash offset (option ROM)
+    std::vector<uint8_t> sent;     // what an update handed over (filled as it is served)
     std::optional<uint32_t> size;  // the buffer size the leaf passes (sized requests)
     std::vector<uint8_t> bytes;    // written to the start of the record
     uint32_t ext_stat = EXT_STATUS_OK;
@@ -46,6 +59,7 @@ struct expectation {
 
     expectation& with_arg(uint32_t v) { arg = v; return *this; }
     expectation& with_size(uint32_t v) { size = v; return *this; }
+    expectation& with_offset(uint32_t v) { offset = v; return *this; }
     template <typename Record>
     expectation& answer(const Record& rec) {
         const auto* p = reinterpret_cast<const uint8_t*>(&rec);
@@ -83,7 +97,8 @@ public:
 
     // The body of every slot: the next expectation must be for this slot.
     static int32_t serve(slot s, void* rec, size_t rec_size, uint32_t* pext_stat, uint32_t* pext_dstat,
-                         std::optional<uint32_t> arg, std::optional<uint32_t> size) {
+                         std::optional<uint32_t> arg, std::optional<uint32_t> size,
+                         std::optional<uint32_t> offset = std::nullopt, const uint8_t* sent = nullptr) {
         channel* self = current();
         if (!self || self->queue_.empty()) {
             ADD_FAILURE() << "unexpected request on slot " << static_cast<int>(s);
@@ -98,6 +113,11 @@ public:
         if (e.size) {
             EXPECT_EQ(size, e.size) << "slot " << static_cast<int>(s);
         }
+        if (e.offset) {
+            EXPECT_EQ(offset, e.offset) << "slot " << static_cast<int>(s);
+        }
+        if (sent && size)
+            self->written_.assign(sent, sent + *size);
         if (rec && !e.bytes.empty())
             memcpy(rec, e.bytes.data(), e.bytes.size() < rec_size ? e.bytes.size() : rec_size);
         if (pext_stat)
@@ -108,7 +128,11 @@ public:
         return e.result;
     }
 
+    // The bytes of the last update served.
+    const std::vector<uint8_t>& written() const { return written_; }
+
 private:
+    std::vector<uint8_t> written_;
     static channel*& current() {
         static channel* c = nullptr;
         return c;
@@ -152,6 +176,37 @@ inline const vxapi_channel_ops channel::table = {
     },
     [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t* st) {
         return channel::serve(slot::get_dcbx_param, b, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t region, uint32_t offset, uint32_t* st) {
+        return channel::serve(slot::read_optrom, b, size, st, nullptr, region, size, offset);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t region, uint32_t offset, uint32_t* st) {
+        return channel::serve(slot::update_optrom, nullptr, 0, st, nullptr, region, size, offset, b);
+    },
+    [](int, vxapi_priv_database*, uint32_t code, uint32_t* st) {
+        return channel::serve(slot::activate_region, nullptr, 0, st, nullptr, code, std::nullopt);
+    },
+    [](int, vxapi_priv_database*, uint32_t* size) {
+        return static_cast<uint32_t>(
+            channel::serve(slot::get_flash_sector_size, size, sizeof *size, nullptr, nullptr, std::nullopt, std::nullopt));
+    },
+    [](int, vxapi_priv_database*, uint8_t* caps, uint32_t len, uint8_t set, uint32_t* st) {
+        return channel::serve(slot::flash_update_caps, caps, len, st, nullptr, set, len);
+    },
+    [](int, vxapi_priv_database*, EXT_ADAPTER_VERSIONS* v, uint32_t* st) {
+        return record_slot(slot::query_adapter_versions, v, st);
+    },
+    [](int, vxapi_priv_database*, uint32_t* image, uint32_t* st) {
+        return record_slot(slot::get_active_image_set, image, st);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::get_nvram, b, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_nvram, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_vpd, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
     },
 };
 

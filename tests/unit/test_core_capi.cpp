@@ -3,6 +3,7 @@
 // driver's records into the standard's attributes.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -17,7 +18,7 @@ using vxmock::slot;
 
 constexpr uint32_t IOCTL_PORT = VX_FEAT_IOCTL_NODE | VX_FEAT_NEW_IOCTL;
 constexpr uint16_t SWIFT = 0x1051;   // newer, VPD without the model description
-constexpr uint16_t KITE = 0x2010;    // newer, converged, the VPD names the model
+constexpr uint16_t CRANE = 0x2070;   // newer, converged, the VPD names the model
 constexpr uint16_t EGRET = 0x1040;   // older: the hardware version lives in NVRAM
 
 TEST(CapiTables, EverySlotFilledInTheWrappersOrder) {
@@ -397,7 +398,7 @@ TEST_F(Capi, NodeCopyFieldByField) {
 }
 
 TEST_F(Capi, NodeCopyTakesTheModelDescriptionFromTheNewestFamiliesVpd) {
-    port->phy_info->device_id = KITE;
+    port->phy_info->device_id = CRANE;
     EXT_HBA_NODE node = node_record();
     // Converged boards get the larger VPD buffer.
     mock.expect(slot::query_hbanode).answer(node);
@@ -415,6 +416,26 @@ TEST_F(Capi, NodeCopyTakesTheModelDescriptionFromTheNewestFamiliesVpd) {
     ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
     EXPECT_STREQ(aa.ModelDescription, "Varnex VXS1051");
     EXPECT_EQ(std::string(aa.HardwareVersion, 256), std::string(256, '\0'));
+}
+
+// Older families keep the board revision in NVRAM: 16 bytes at offset 112.
+TEST_F(Capi, NodeCopyTakesTheOlderFamiliesHardwareVersionFromNvram) {
+    port->phy_info->device_id = EGRET;
+    std::vector<uint8_t> nvram(256, 0);
+    memset(nvram.data() + 112, 'H', 16);
+    nvram[128] = 'X';  // past the field: never copied
+    mock.expect(slot::query_hbanode).answer(node_record());
+    mock.expect(slot::get_nvram).with_size(256).answer_bytes(nvram);
+    HBA_ADAPTERATTRIBUTES aa;
+    memset(&aa, 0xEE, sizeof aa);
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_EQ(std::string(aa.HardwareVersion), std::string(16, 'H'));
+    EXPECT_EQ(aa.HardwareVersion[255], 0);
+
+    mock.expect(slot::query_hbanode).answer(node_record());
+    mock.expect(slot::get_nvram).fails(-1, EIO);
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_EQ(aa.HardwareVersion[0], 0);
 }
 
 TEST_F(Capi, NodeCopyOfALongModel) {
