@@ -293,6 +293,31 @@ SIM_TEST(HbaApiWrapper, FreeAndLoadAgainAndTwoClients, "default.json") {
     EXPECT_EQ(results, (std::vector<int>{0, 0}));
 }
 
+// What `make install` adds to the wrapper's configuration, seen through
+// the wrapper's own client; removing it leaves the file as it was.
+SIM_TEST(HbaApiInstall, ConfigurationLineAddsAndRemoves, "default.json") {
+    const std::string before = "# vendor libraries\nother.vendor-lib /nonexistent/libother.so";  // no final newline
+    write_conf(before);
+    const std::string script = std::string(VX_SCRIPTS_DIR) + "/hbaconf";
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(st::run({script, "add", VXSDM_LIB}).status, 0);
+    EXPECT_EQ(st::read_text("/etc/hba.conf"), before + "\n" + our_conf_line());
+
+    st::Output list = st::run({VXHBALIST_BIN});
+    ASSERT_EQ(list.status, 0) << list.text;
+    EXPECT_NE(list.text.find(std::to_string(scenario_port_count()) + " adapter(s)"), std::string::npos) << list.text;
+    size_t listed = 0;
+    for (size_t at = list.text.find("\nvarnex-"); at != std::string::npos; at = list.text.find("\nvarnex-", at + 1))
+        ++listed;
+    EXPECT_EQ(listed, scenario_port_count()) << list.text;
+    EXPECT_NE(list.text.find("port 21:00:00:1d:5a:01:40:17  id 0x0a0100  online"), std::string::npos) << list.text;
+
+    ASSERT_EQ(st::run({script, "remove", VXSDM_LIB}).status, 0);
+    EXPECT_EQ(st::read_text("/etc/hba.conf"), before + "\n");
+    list = st::run({VXHBALIST_BIN});
+    EXPECT_EQ(list.text.find("varnex-"), std::string::npos) << list.text;
+}
+
 // The peer library over the same host. Fields both derive from the same
 // sysfs data agree; the others differ by these rules of ours:
 //  - PortSupportedClassofService: ours 0; the peer reads supported_classes.
