@@ -239,6 +239,9 @@ int vxapi_get_api_inst_by_handle(uint32_t handle, int* index);
 vxapi_priv_database* vxapi_get_api_priv_inst_from_user_instance(uint32_t instance);
 int vxapi_get_instance_from_api_priv_inst(const vxapi_priv_database* record, uint32_t* instance);
 vxapi_priv_database* vxapi_get_api_priv_inst_from_adaptername(const char* name);
+// The adapter name of a port record at list position `position`:
+// "varnex-<model>-<position>", at most `len` bytes.
+void vxapi_adapter_name(const vxapi_priv_database* record, uint32_t position, char* out, size_t len);
 int vxapi_get_host_no_by_handle(uint32_t handle, uint32_t* host_no);
 uint32_t vxapi_get_open_adapter_count();
 int vxapi_is_host_no_present(uint32_t host_no);
@@ -369,6 +372,9 @@ extern volatile uint8_t api_signal_handler_in_process;
 // True once a load has published its ports and shared database; callers test
 // it before they read the lists without a lock.
 bool vxapi_lib_loaded();
+// Loaded, with its port list, and with the shared database set up when it
+// is in use: the state in which the counting and naming calls answer.
+bool vxapi_lib_valid();
 // The termination signal that waits for this process's locks to be given
 // back, 0 when none.
 int vxapi_termination_pending();
@@ -685,6 +691,10 @@ extern uint8_t ofu_enabled;
 // ---- Flash steps of the property calls (vx_core_flash) ----
 // Refreshes the boot-image versions of a node record from the adapter's flash.
 int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
+// The node record's boot-image versions, refreshed from flash on the boards
+// whose ioctl driver does not keep them current (a virtual port reads its
+// physical port's flash). Nothing on the sysfs channel or other boards.
+void vxapi_refresh_node_boot_versions(vxapi_priv_database* inst, EXT_HBA_NODE* node);
 // The MPI and PEP firmware versions kept in flash (3 bytes each).
 int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst, uint8_t* mpi_ver, uint8_t* pep_ver);
 // DCBX parameters of a converged port into `size` bytes of `buf`

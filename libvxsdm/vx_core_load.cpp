@@ -171,6 +171,8 @@ void terminate_process(int sig, bool in_handler) {
 
 bool vxapi_lib_loaded() { return lib_loaded.load(std::memory_order_acquire); }
 
+bool vxapi_lib_valid() { return vxapi_lib_loaded() && api_priv_database && (!api_use_database || database_ready()); }
+
 int vxapi_termination_pending() { return pending_signal.load(); }
 
 void vxapi_finish_pending_termination() {

@@ -119,12 +119,7 @@ void format_text(char* dst, size_t dst_size, const uint8_t* src, size_t src_size
 uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& node, DEVICENODEPROPERTY* prop) {
     const vxapi_phy_info* phy = inst->phy_info;
     const uint16_t device_id = phy ? phy->device_id : 0;
-    // Boards whose boot-image versions the ioctl driver does not keep current.
-    if (vx_adapter_has(device_id, VX_MARK_FLASH_BI_REFRESH) && !(inst->features & VX_FEAT_SYSFS)) {
-        vxapi_priv_database* port = flash_port(inst);
-        uint32_t flash_stat = 0;
-        vxapi_read_flash_versions(port->oshandle, port, &node, &flash_stat);
-    }
+    vxapi_refresh_node_boot_versions(inst, &node);
     memcpy(prop->WWN, node.WWNN, sizeof prop->WWN);
     memcpy(prop->Manufacturer, node.Manufacturer, sizeof prop->Manufacturer);
     // At most 15 characters, although the field holds 32: callers size their
