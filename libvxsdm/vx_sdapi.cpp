@@ -13,16 +13,14 @@
 #include "vsdmgt.h"
 #include "vx_adapters.h"
 #include "vx_core.h"
+#include "vx_sdapi.h"
 #include "vx_sddbg.h"
 
-namespace {
+using namespace vxsd;
 
-constexpr uint32_t SD_TRACE = VXDBG_TRACE | VXDBG_SDAPI;
-constexpr uint32_t SD_ERROR = VXDBG_ERROR | VXDBG_SDAPI;
+namespace vxsd {
 
-// "<name>(<handle>)<text>" with an optional number.
-void trace_call(uint32_t guard, const char* name, int handle, const char* text, uint64_t number = 0,
-                uint8_t radix = VXDBG_NONE) {
+void trace_call(uint32_t guard, const char* name, int handle, const char* text, uint64_t number, uint8_t radix) {
     if (!vxdbg_on(guard))
         return;
     vxdbg_print(name, 0, VXDBG_NONE, 0);
@@ -36,7 +34,6 @@ void trace_exit(const char* name, int handle, uint32_t ret) {
     trace_call(SD_TRACE, name, handle, "): exiting. ret=", ret, VXDBG_HEX);
 }
 
-// check_handle with the failure trace every call shares.
 vxapi_priv_database* resolve(const char* name, int handle) {
     vxapi_priv_database* inst = check_handle(static_cast<uint32_t>(handle));
     if (!inst && vxdbg_on(SD_ERROR)) {
@@ -51,16 +48,12 @@ uint32_t null_record(const char* name, int handle) {
     return SDM_STATUS_INVALID_PARAMETER;
 }
 
-// An ioctl that failed without errno still must not read as success.
 uint32_t errno_status() { return errno != 0 ? static_cast<uint32_t>(errno) : SDM_STATUS_UNKNOWN_ERROR; }
 
 bool tolerated(uint32_t ext_stat) {
     return ext_stat == EXT_STATUS_OK || ext_stat == EXT_STATUS_DATA_OVERRUN || ext_stat == EXT_STATUS_DATA_UNDERRUN;
 }
 
-// Status rule of the node, port, discovered-port and converged-port calls:
-// a data overrun or underrun still delivers the record. `convert` tells
-// whether the record is to be converted; the status is returned.
 uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_stat, bool* convert) {
     *convert = false;
     if (!tolerated(ext_stat)) {
@@ -78,6 +71,10 @@ uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_st
     }
     return SDM_STATUS_UNKNOWN_ERROR;
 }
+
+}  // namespace vxsd
+
+namespace {
 
 // Status rule of the chip, driver and firmware calls: only a clean answer
 // converts. `failure` is the call's own trace text.
