@@ -151,6 +151,8 @@ int32_t vxapi_ioctl_send_fc_scsipt(int handle, vxapi_priv_database* inst, EXT_FC
 int32_t vxapi_ioctl_send_ct_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
                                      void* resp, uint32_t resp_size, uint32_t* pext_stat) {
     vxdbg_num(TRC, "vxapi_send_ct_passthru: entered. size=", req_size, VXDBG_DEC, 1);
+    // Cleared as the bsg side clears it: a short reply reads the same on both channels.
+    memset(resp, 0, resp_size);
     return vxapi_send_ext_ioctl(handle, inst, EXT_CC_SEND_CT_PASSTHRU, EXT_SC_SEND_CT_PASSTHRU, 0, req, req_size,
                                 resp, resp_size, pext_stat, nullptr);
 }
@@ -158,6 +160,7 @@ int32_t vxapi_ioctl_send_ct_passthru(int handle, vxapi_priv_database* inst, cons
 int32_t vxapi_ioctl_send_els_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
                                       void* resp, uint32_t resp_size, uint32_t* pext_stat) {
     vxdbg_num(TRC, "vxapi_send_els_passthru: entered. size=", req_size, VXDBG_DEC, 1);
+    memset(resp, 0, resp_size);
     return vxapi_send_ext_ioctl(handle, inst, EXT_CC_SEND_ELS_PASSTHRU, EXT_SC_SEND_ELS_PASSTHRU, 0, req,
                                 req_size, resp, resp_size, pext_stat, nullptr);
 }
