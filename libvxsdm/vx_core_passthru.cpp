@@ -106,18 +106,31 @@ int32_t vxapi_scsipt_run(const char* name, vxapi_scsipt_exec exec, int handle, v
 
 // ---- Extended-ioctl side ----
 
-int32_t vxapi_send_scsipt_ioctl(int handle, vxapi_priv_database* inst, EXT_SCSI_PASSTHRU* pt, void* req,
-                                uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
-                                uint32_t* pext_dstat) {
+namespace {
+
+// One pass-through record of either form on an ioctl port, with the data
+// buffer its direction names; the driver writes sense back into the record.
+template <class Record>
+int32_t send_record(const char* name, uint16_t subcode, int handle, vxapi_priv_database* inst, Record* pt, void* req,
+                    uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat, uint32_t* pext_dstat) {
     void* data = nullptr;
     uint32_t len = 0;
     if (!vxapi_scsipt_data(req, req_size, resp, resp_size, &pt->Direction, &data, &len)) {
-        vxdbg_line(ERR, "vxapi_send_scsipt_ioctl: request and response buffers both given.");
+        trace_named(ERR, name, ": request and response buffers both given.", 0, VXDBG_NONE);
         return 1;
     }
-    vxdbg_num(TRC, "vxapi_send_scsipt_ioctl: entered. direction=", pt->Direction, VXDBG_DEC, 1);
-    return vxapi_send_ext_ioctl_inout(handle, inst, EXT_CC_SEND_SCSI_PASSTHRU, EXT_SC_SEND_SCSI_PASSTHRU, pt,
-                                      sizeof *pt, data, len, pext_stat, pext_dstat);
+    trace_named(TRC, name, ": entered. direction=", pt->Direction, VXDBG_DEC);
+    return vxapi_send_ext_ioctl_inout(handle, inst, EXT_CC_SEND_SCSI_PASSTHRU, subcode, pt, sizeof *pt, data, len,
+                                      pext_stat, pext_dstat);
+}
+
+}  // namespace
+
+int32_t vxapi_send_scsipt_ioctl(int handle, vxapi_priv_database* inst, EXT_SCSI_PASSTHRU* pt, void* req,
+                                uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                                uint32_t* pext_dstat) {
+    return send_record("vxapi_send_scsipt_ioctl", EXT_SC_SEND_SCSI_PASSTHRU, handle, inst, pt, req, req_size, resp,
+                       resp_size, pext_stat, pext_dstat);
 }
 
 int32_t vxapi_send_scsipt_n(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
@@ -137,15 +150,8 @@ int32_t vxapi_send_scsipt_o(int handle, vxapi_priv_database* inst, const EXT_SCS
 int32_t vxapi_ioctl_send_fc_scsipt(int handle, vxapi_priv_database* inst, EXT_FC_SCSI_PASSTHRU* pt, void* req,
                                    uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
                                    uint32_t* pext_dstat) {
-    void* data = nullptr;
-    uint32_t len = 0;
-    if (!vxapi_scsipt_data(req, req_size, resp, resp_size, &pt->Direction, &data, &len)) {
-        vxdbg_line(ERR, "vxapi_send_fc_scsipt: request and response buffers both given.");
-        return 1;
-    }
-    vxdbg_num(TRC, "vxapi_send_fc_scsipt: entered. direction=", pt->Direction, VXDBG_DEC, 1);
-    return vxapi_send_ext_ioctl_inout(handle, inst, EXT_CC_SEND_SCSI_PASSTHRU, EXT_SC_SEND_FC_SCSI_PASSTHRU, pt,
-                                      sizeof *pt, data, len, pext_stat, pext_dstat);
+    return send_record("vxapi_send_fc_scsipt", EXT_SC_SEND_FC_SCSI_PASSTHRU, handle, inst, pt, req, req_size, resp,
+                       resp_size, pext_stat, pext_dstat);
 }
 
 int32_t vxapi_ioctl_send_ct_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,

@@ -169,11 +169,50 @@ int32_t sg_execute(const char* name, const vxapi_priv_database* inst, uint32_t c
     return 0;
 }
 
-// One CT or ELS exchange on a bsg node, `hdr` built with the bounce buffer
-// `in` (resp_size + 1 bytes) as its data-in. The reply payload goes to the
-// caller's cleared buffer, as far as it fits.
-int32_t bsg_exchange(const char* name, char* bsg_path, sg_io_v4* hdr, const uint8_t* reply, const uint8_t* in,
-                     void* resp, uint32_t resp_size, bool els, uint32_t& ext_stat) {
+// The checks CT and ELS share: 1 for a missing argument (status 9), 0 with
+// status 20 when the port has no bsg, -1 to go on.
+int32_t ctels_refused(const char* name, const vxapi_priv_database* inst, const void* req, const void* resp,
+                      uint32_t& ext_stat) {
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (!inst || !req || !resp)
+        return 1;
+    if (!(inst->features & VX_FEAT_BSG)) {
+        vxdbg_text(ERR, name);
+        vxdbg_line(ERR, ": > bsg not supported.");
+        ext_stat = EXT_STATUS_INVALID_REQUEST;
+        return 0;
+    }
+    return -1;
+}
+
+// One CT or ELS exchange on the bsg node of `bsg_path`. The reply lands in
+// a buffer one byte longer than the caller's, whose cleared buffer then
+// gets as much as fits.
+int32_t ctels_exchange(const char* name, char* bsg_path, bool els, const void* req, uint32_t req_size, void* resp,
+                       uint32_t resp_size, uint32_t& ext_stat) {
+    std::unique_ptr<uint8_t[]> in = bounce_buffer(resp_size);
+    if (!in) {
+        ext_stat = EXT_STATUS_NO_MEMORY;
+        return 1;
+    }
+    uint8_t request[VXSYSFS_BSG_REQ_LEN] = {};
+    uint8_t reply[VXSYSFS_BSG_RSP_LEN] = {};
+    sg_io_v4 hdr;
+    const auto* payload = static_cast<const uint8_t*>(req);
+    const uint32_t built =
+        els ? vxsysfs_create_bsg_els_header(&hdr, request, sizeof request, reply, sizeof reply, payload, req_size,
+                                            in.get(), resp_size + 1)
+            : vxsysfs_create_bsg_ct_header(&hdr, request, sizeof request, reply, sizeof reply, payload, req_size,
+                                           in.get(), resp_size + 1);
+    if (built != 0) {
+        ext_stat = EXT_STATUS_INVALID_PARAM;  // too short to build the request from
+        return 0;
+    }
+    if (vxdbg_on(TRC)) {
+        vxdbg_print(name, 0, VXDBG_NONE, 0);
+        vxdbg_print(": > wpath==", 0, VXDBG_NONE, 0);
+        vxdbg_print(bsg_path, 0, VXDBG_NONE, 1);
+    }
     vxsysfs_bsg_node node(bsg_path);
     if (!node.made()) {
         vxdbg_text(ERR, name);
@@ -183,7 +222,7 @@ int32_t bsg_exchange(const char* name, char* bsg_path, sg_io_v4* hdr, const uint
     ext_stat = EXT_STATUS_ERR;
     if (!node.opened())
         return 1;
-    const int rc = node.sg_io(hdr);
+    const int rc = node.sg_io(&hdr);
     const int err = errno;
     fc_bsg_reply r;
     memcpy(&r, reply, sizeof r);
@@ -203,9 +242,9 @@ int32_t bsg_exchange(const char* name, char* bsg_path, sg_io_v4* hdr, const uint
         }
         return 0;
     }
-    const uint32_t moved = r.reply_payload_rcv_len < hdr->din_xfer_len ? r.reply_payload_rcv_len : hdr->din_xfer_len;
+    const uint32_t moved = r.reply_payload_rcv_len < hdr.din_xfer_len ? r.reply_payload_rcv_len : hdr.din_xfer_len;
     memset(resp, 0, resp_size);
-    memcpy(resp, in, moved < resp_size ? moved : resp_size);
+    memcpy(resp, in.get(), moved < resp_size ? moved : resp_size);
     // A rejected ELS without a payload: the LS_RJT from the reply's reason.
     if (els && status == CTELS_REJECT && moved == 0 && resp_size >= 8) {
         auto* out = static_cast<uint8_t*>(resp);
@@ -287,32 +326,11 @@ int32_t vxsysfs_send_ct_passthru(int handle, vxapi_priv_database* inst, const vo
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    if (!inst || !req || !resp)
-        return 1;
-    if (!(inst->features & VX_FEAT_BSG)) {
-        vxdbg_line(ERR, "vxsysfs_send_ct_passthru: > bsg not supported.");
-        ext_stat = EXT_STATUS_INVALID_REQUEST;
-        return 0;
-    }
-    std::unique_ptr<uint8_t[]> in = bounce_buffer(resp_size);
-    if (!in) {
-        ext_stat = EXT_STATUS_NO_MEMORY;
-        return 1;
-    }
-    uint8_t request[VXSYSFS_BSG_REQ_LEN] = {};
-    uint8_t reply[VXSYSFS_BSG_RSP_LEN] = {};
-    sg_io_v4 hdr;
-    if (vxsysfs_create_bsg_ct_header(&hdr, request, sizeof request, reply, sizeof reply,
-                                     static_cast<const uint8_t*>(req), req_size, in.get(), resp_size + 1) != 0) {
-        ext_stat = EXT_STATUS_INVALID_PARAM;  // no CT header to build the request from
-        return 0;
-    }
+    if (const int32_t refused = ctels_refused("vxsysfs_send_ct_passthru", inst, req, resp, ext_stat); refused >= 0)
+        return refused;
     vxsysfs_path_t path;
     vxsysfs_get_bsg_device_path(path, inst);
-    vxdbg_text(TRC, "vxsysfs_send_ct_passthru: > wpath==");
-    vxdbg_line(TRC, path);
-    return bsg_exchange("vxsysfs_send_ct_passthru", path, &hdr, reply, in.get(), resp, resp_size, false, ext_stat);
+    return ctels_exchange("vxsysfs_send_ct_passthru", path, false, req, req_size, resp, resp_size, ext_stat);
 }
 
 int32_t vxsysfs_send_els_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
@@ -320,20 +338,13 @@ int32_t vxsysfs_send_els_passthru(int handle, vxapi_priv_database* inst, const v
     (void)handle;
     uint32_t local = 0;
     uint32_t& ext_stat = status_word(pext_stat, local);
-    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    if (!inst || !req || !resp)
-        return 1;
+    if (const int32_t refused = ctels_refused("vxsysfs_send_els_passthru", inst, req, resp, ext_stat); refused >= 0)
+        return refused;
     if (req_size < VXSYSFS_ELS_HEAD_LEN) {
         ext_stat = EXT_STATUS_INVALID_PARAM;
         return 0;
     }
-    if (!(inst->features & VX_FEAT_BSG)) {
-        vxdbg_line(ERR, "vxsysfs_send_els_passthru: > bsg not supported.");
-        ext_stat = EXT_STATUS_INVALID_REQUEST;
-        return 0;
-    }
-    const auto* buf = static_cast<const uint8_t*>(req);
-    const uint8_t* wwpn = buf + offsetof(EXT_ELS_PT_REQ, WWPN);
+    const uint8_t* wwpn = static_cast<const uint8_t*>(req) + offsetof(EXT_ELS_PT_REQ, WWPN);
     vxsysfs_path_t rpath;
     if (!vxsysfs_find_rport_by_wwpn(rpath, inst->host_no, wwpn)) {
         vxdbg_line(ERR, "vxsysfs_send_els_passthru: > no remote port with this port name.");
@@ -347,20 +358,5 @@ int32_t vxsysfs_send_els_passthru(int handle, vxapi_priv_database* inst, const v
     vxsysfs_path_t path;
     if (!vxsysfs_get_bsg_rport_path(path, inst, wwpn))
         return 1;
-    std::unique_ptr<uint8_t[]> in = bounce_buffer(resp_size);
-    if (!in) {
-        ext_stat = EXT_STATUS_NO_MEMORY;
-        return 1;
-    }
-    uint8_t request[VXSYSFS_BSG_REQ_LEN] = {};
-    uint8_t reply[VXSYSFS_BSG_RSP_LEN] = {};
-    sg_io_v4 hdr;
-    if (vxsysfs_create_bsg_els_header(&hdr, request, sizeof request, reply, sizeof reply, buf, req_size, in.get(),
-                                      resp_size + 1) != 0) {
-        ext_stat = EXT_STATUS_INVALID_PARAM;
-        return 0;
-    }
-    vxdbg_text(TRC, "vxsysfs_send_els_passthru: > wpath==");
-    vxdbg_line(TRC, path);
-    return bsg_exchange("vxsysfs_send_els_passthru", path, &hdr, reply, in.get(), resp, resp_size, true, ext_stat);
+    return ctels_exchange("vxsysfs_send_els_passthru", path, true, req, req_size, resp, resp_size, ext_stat);
 }
