@@ -56,8 +56,9 @@ private:
 
 // A buffer one byte longer than the caller's: data that fill the extra byte
 // did not fit, which the driver reports as an overrun.
+uint32_t bounce_len(uint32_t size) { return size < UINT32_MAX ? size + 1 : size; }
 std::unique_ptr<uint8_t[]> bounce_buffer(uint32_t size) {
-    return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[static_cast<size_t>(size) + 1]());
+    return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[bounce_len(size)]());
 }
 
 // The midlayer failed the command before or without the target.
@@ -128,7 +129,7 @@ int32_t sg_execute(const char* name, const vxapi_priv_database* inst, uint32_t c
     h.cmdp = pt->Cdb;
     h.mx_sb_len = static_cast<unsigned char>(pt->SenseLength < 255 ? pt->SenseLength : 255);
     h.sbp = pt->SenseData;
-    h.dxfer_len = data_in ? len + 1 : len;
+    h.dxfer_len = data_in ? bounce_len(len) : len;
     h.dxferp = data_in ? in.get() : data;
     h.timeout = 0;  // the midlayer's default
     if (ioctl(fd.get(), SG_IO, &h) != 0) {
@@ -201,9 +202,9 @@ int32_t ctels_exchange(const char* name, char* bsg_path, bool els, const void* r
     const auto* payload = static_cast<const uint8_t*>(req);
     const uint32_t built =
         els ? vxsysfs_create_bsg_els_header(&hdr, request, sizeof request, reply, sizeof reply, payload, req_size,
-                                            in.get(), resp_size + 1)
+                                            in.get(), bounce_len(resp_size))
             : vxsysfs_create_bsg_ct_header(&hdr, request, sizeof request, reply, sizeof reply, payload, req_size,
-                                           in.get(), resp_size + 1);
+                                           in.get(), bounce_len(resp_size));
     if (built != 0) {
         ext_stat = EXT_STATUS_INVALID_PARAM;  // too short to build the request from
         return 0;
