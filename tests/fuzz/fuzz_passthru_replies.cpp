@@ -13,13 +13,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<uint8_t> reply(data + 1, data + size);
     const uint8_t* p = reply.empty() ? nullptr : reply.data();
     using namespace vxcli::scsi;
-    switch (data[0] % 4) {
+    switch (data[0] % 5) {
     case 0:
         if (auto q = decode_inquiry(p, reply.size()))
             device_type_name(q->device_type);
         break;
     case 1: decode_read_capacity(p, reply.size()); break;
     case 2: decode_report_luns(p, reply.size()); break;
+    case 3:
+        if (auto s = decode_sense(p, reply.size()))
+            sense_key_name(s->key);
+        break;
     default:
         if (auto ct = decode_ct(p, reply.size())) {
             decode_port_ids(*ct);

@@ -81,6 +81,20 @@ std::optional<LunList> decode_report_luns(const uint8_t* data, size_t size) {
     return list;
 }
 
+std::optional<Sense> decode_sense(const uint8_t* data, size_t size) {
+    if (!data || size < 14 || ((data[0] & 0x7F) != 0x70 && (data[0] & 0x7F) != 0x71))
+        return std::nullopt;
+    return Sense{static_cast<uint8_t>(data[2] & 0x0F), data[12], data[13]};
+}
+
+std::string sense_key_name(uint8_t key) {
+    static const char* const names[16] = {"NO SENSE",        "RECOVERED ERROR", "NOT READY",      "MEDIUM ERROR",
+                                          "HARDWARE ERROR",  "ILLEGAL REQUEST", "UNIT ATTENTION", "DATA PROTECT",
+                                          "BLANK CHECK",     "VENDOR SPECIFIC", "COPY ABORTED",   "ABORTED COMMAND",
+                                          "RESERVED",        "VOLUME OVERFLOW", "MISCOMPARE",     "COMPLETED"};
+    return names[key & 0x0F];
+}
+
 std::vector<uint8_t> ct_request(uint16_t command, uint32_t argument) {
     std::vector<uint8_t> r(CT_HEADER + 4, 0);
     r[0] = 0x01;  // revision

@@ -41,6 +41,15 @@ struct LunList {
 // REPORT LUNS data; none when the 8-byte head did not come.
 std::optional<LunList> decode_report_luns(const uint8_t* data, size_t size);
 
+struct Sense {
+    uint8_t key = 0, asc = 0, ascq = 0;
+};
+// Fixed-format sense data (response code 0x70 or 0x71); none for another
+// format or when the bytes up to the qualifier did not come.
+std::optional<Sense> decode_sense(const uint8_t* data, size_t size);
+// "ILLEGAL REQUEST", "NOT READY", ...
+std::string sense_key_name(uint8_t key);
+
 // ---- Name server (FC-GS CT_IU) ----
 inline constexpr uint16_t CT_GA_NXT = 0x0100;
 inline constexpr uint16_t CT_GPN_ID = 0x0112;
