@@ -63,7 +63,8 @@ inline std::string scenario_path(const std::string& file_or_text) {
 }
 
 // Returns only when the program should run its benchmarks here and now.
-inline int main(int argc, char** argv, const std::string& scenario) {
+// `run_flags` go to `vxsim run` (for example --real-sleep).
+inline int main(int argc, char** argv, const std::string& scenario, const std::vector<std::string>& run_flags = {}) {
 #ifdef VXSIM_BIN
     if (!inside_simulated_host() && access(VXSIM_BIN, X_OK) == 0) {
         char self[4096];
@@ -71,8 +72,11 @@ inline int main(int argc, char** argv, const std::string& scenario) {
         std::string file = scenario_path(scenario);
         if (n > 0 && !file.empty()) {
             self[n] = '\0';
-            std::vector<char*> args = {const_cast<char*>(VXSIM_BIN), const_cast<char*>("run"),
-                                       const_cast<char*>("--scenario"), file.data(), const_cast<char*>("--"), self};
+            std::vector<char*> args = {const_cast<char*>(VXSIM_BIN), const_cast<char*>("run")};
+            for (const std::string& flag : run_flags)
+                args.push_back(const_cast<char*>(flag.c_str()));
+            for (char* arg : {const_cast<char*>("--scenario"), file.data(), const_cast<char*>("--"), self})
+                args.push_back(arg);
             for (int i = 1; i < argc; ++i)
                 args.push_back(argv[i]);
             args.push_back(nullptr);

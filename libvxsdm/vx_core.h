@@ -3,10 +3,12 @@
 // operations. Internal: nothing here is exported.
 #pragma once
 
+#include <sys/types.h>
 #include <sysfs/dlist.h>
 
 #include "exioct.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -177,15 +179,31 @@ static_assert(sizeof(vxapi_flash_update_token) == 256);
 static_assert(offsetof(vxapi_flash_update_token, valid_time) == 132);
 static_assert(offsetof(vxapi_flash_update_token, reserved) == 140);
 
+// Who holds a slot: the process id and its start time (clock ticks after
+// boot, field 22 of /proc/<pid>/stat), so that a reused pid is not taken
+// for the owner. pid 0 marks an empty entry. Slot 0 may have several owners
+// after the ninth-process rule, hence a table rather than one per slot.
+struct vxapi_libinst_owner {
+    uint32_t pid;
+    uint32_t slot;
+    uint64_t start_time;
+};
+static_assert(sizeof(vxapi_libinst_owner) == 16);
+inline constexpr uint32_t VX_LIBINST_OWNERS = 1024;
+
 struct vxapi_shared_t {
     uint32_t libinst_flags[VX_LIBINST_SLOTS];
     vxapi_hbaptevq_t hbaptevq[VX_LIBINST_SLOTS];
     vxapi_flash_update_token fut[VX_FLASH_TOKENS];
-    uint8_t reserved[122688];
+    // The first 16 KiB of the reserved area: zero in files of libraries that
+    // do not record owners, which reads as "no owner recorded".
+    vxapi_libinst_owner libinst_owner[VX_LIBINST_OWNERS];
+    uint8_t reserved[122688 - VX_LIBINST_OWNERS * sizeof(vxapi_libinst_owner)];
 };
 static_assert(offsetof(vxapi_shared_t, hbaptevq) == 32);
 static_assert(offsetof(vxapi_shared_t, fut) == 131264);
-static_assert(offsetof(vxapi_shared_t, reserved) == 139456);
+static_assert(offsetof(vxapi_shared_t, libinst_owner) == 139456);  // where the reserved area starts
+static_assert(offsetof(vxapi_shared_t, reserved) == 139456 + 16384);
 static_assert(sizeof(vxapi_shared_t) == VX_SHARED_FILE_SIZE);
 
 // ---- Registry globals ----
@@ -200,10 +218,12 @@ extern uint32_t api_library_instance;  // this process's slot 0-7; 8 or more: no
 extern uint8_t api_use_database;       // 1 until the host proves to have no System V IPC
 extern int api_shm_fildes;             // -1 when closed
 extern vxapi_shared_t* api_shared_data;  // the mapping, null when none
-extern int api_dbupdate_sem_id;        // key 829
-extern int api_thread_sem_id;          // key 1054
-extern int api_flash_sem_id;           // key 980
-extern int api_dbg_sem_id;             // key 819
+// Set ids, -1 when none. Atomic: a thread that finds a set removed looks it
+// up again and stores the new id while other threads read it.
+extern std::atomic<int> api_dbupdate_sem_id;  // key 829
+extern std::atomic<int> api_thread_sem_id;    // key 1054
+extern std::atomic<int> api_flash_sem_id;     // key 980
+extern std::atomic<int> api_dbg_sem_id;       // key 819
 
 inline constexpr int VX_SEM_KEY_DBUPDATE = 829;
 inline constexpr int VX_SEM_KEY_THREAD = 1054;
@@ -247,27 +267,49 @@ int vxapi_open_adapter(vxapi_priv_database* record, uint32_t* handle, uint32_t* 
 int vxapi_close_adapter(vxapi_priv_database* record, uint32_t* status);
 
 // ---- System V semaphores (each a set of one semaphore used as a lock) ----
+// Opens the set of `key` or creates it unlocked. A set that root (or this
+// user) did not create, or that others may change, is refused: -1 with
+// errno EACCES and a trace line naming the command that removes it.
 int vxapi_sem_get(int key);
-void vxapi_sem_wait(int id);
-void vxapi_sem_signal(int id);
+// One semop on the id as it stands; 0, or -1 with errno (traced).
+int vxapi_sem_wait(int id);
+int vxapi_sem_signal(int id);
 int vxapi_sem_del(int id);
 
-// Holds a semaphore for one scope; a no-op for id -1.
+// Locks by key: `id` is looked up (or made) when -1, and looked up again when
+// the set it names was removed (EINVAL, EIDRM), so a removed set never passes
+// for a lock. 0 when held; -1 with errno when the set cannot be had (EACCES
+// for a foreign set, ENOSYS without System V IPC) or a termination signal
+// came while waiting (EINTR).
+int vxapi_sem_lock(std::atomic<int>& id, int key);
+void vxapi_sem_unlock(std::atomic<int>& id);
+// Removes the set while holding it, so that nobody holds it between a
+// release and the removal; waiters wake with EIDRM and look it up again.
+void vxapi_sem_unlock_delete(std::atomic<int>& id);
+// Locks of this process held or being waited for, by any of its threads.
+int vxapi_sem_holds();
+
+// Holds the lock of `key` for one scope (see vxapi_sem_lock).
 class vxapi_sem_hold {
 public:
-    explicit vxapi_sem_hold(int id) : id_(id) {
-        if (id_ != -1)
-            vxapi_sem_wait(id_);
-    }
+    vxapi_sem_hold(std::atomic<int>& id, int key) : id_(id), held_(vxapi_sem_lock(id, key) == 0) {}
     ~vxapi_sem_hold() {
-        if (id_ != -1)
-            vxapi_sem_signal(id_);
+        if (held_)
+            vxapi_sem_unlock(id_);
     }
     vxapi_sem_hold(const vxapi_sem_hold&) = delete;
     vxapi_sem_hold& operator=(const vxapi_sem_hold&) = delete;
+    bool held() const { return held_; }
+    // Ends the hold by removing the set (see vxapi_sem_unlock_delete).
+    void remove() {
+        if (held_)
+            vxapi_sem_unlock_delete(id_);
+        held_ = false;
+    }
 
 private:
-    int id_;
+    std::atomic<int>& id_;
+    bool held_;
 };
 
 // Walks a dlist without its shared marker, so that several threads may walk
@@ -290,6 +332,16 @@ extern uint8_t is_vioctlmod_loaded;    // the ioctl helper module is in use
 extern uint8_t is_udevadm_supported;   // udevadm can be run for LUN device names
 extern volatile uint8_t api_signal_handler_in_process;
 
+// True once a load has published its ports and shared database; callers test
+// it before they read the lists without a lock.
+bool vxapi_lib_loaded();
+// The termination signal that waits for this process's locks to be given
+// back, 0 when none.
+int vxapi_termination_pending();
+// Called where the last lock of the process is given back: ends the process
+// by the pending termination signal, if there is one.
+void vxapi_finish_pending_termination();
+
 int vxapi_load_lib();
 int vxapi_unload_lib();
 void vxapi_cleanup_hbas();
@@ -306,6 +358,34 @@ extern char vx_db_fname[VX_DB_FNAME_LEN];  // writable: tests and tools may move
 int vxapi_open_database(int* fd);
 int vxapi_close_database(int fd);
 void vxapi_clear_evqs(uint32_t slot);
+// Gives up this process's slot on the way out of a signal: async-signal-safe,
+// never waits long for the database lock, removes the shared file and the
+// locks when no live client is left.
+void vxapi_abandon_database();
+
+// Slot owners. Liveness of an owner: its pid exists, is not a zombie, and
+// started at the recorded time. Pure over the given mapping and oracle.
+using vxapi_owner_alive_fn = bool (*)(const vxapi_libinst_owner& owner);
+bool vxapi_owner_alive(const vxapi_libinst_owner& owner);  // asks /proc
+// This process as an owner; start_time 0 when /proc cannot tell.
+vxapi_libinst_owner vxapi_self_owner();
+// State (field 3) and start time (field 22) of a /proc/<pid>/stat text of
+// `len` bytes. 0 when both were found. Async-signal-safe.
+int vxapi_parse_proc_stat(const char* text, size_t len, char* state, uint64_t* start_time);
+// Forgets dead and malformed owner entries and frees the slots whose every
+// recorded owner is dead. Returns the number of slots freed.
+uint32_t vxapi_reclaim_dead_slots(vxapi_shared_t* shared, vxapi_owner_alive_fn alive);
+// Claims a slot for `self` (reclaiming dead ones first; the ninth-process
+// rule only when every slot is claimed by a live or unknown owner).
+uint32_t vxapi_claim_slot(vxapi_shared_t* shared, const vxapi_libinst_owner& self, vxapi_owner_alive_fn alive);
+// Gives `self`'s slot back; the slot's flags and queue stay while another
+// live owner shares it.
+void vxapi_release_slot(vxapi_shared_t* shared, uint32_t slot, const vxapi_libinst_owner& self,
+                        vxapi_owner_alive_fn alive);
+// Clients other than `self`: live owners, plus slots in use without any
+// recorded owner (a library that does not record them).
+uint32_t vxapi_count_other_clients(const vxapi_shared_t* shared, const vxapi_libinst_owner& self,
+                                   vxapi_owner_alive_fn alive);
 
 // ---- Extended-ioctl discovery and the control node (vx_core_ioctl) ----
 extern int api_apidev_fd;  // "/dev/vxfcapidev", -1 when closed

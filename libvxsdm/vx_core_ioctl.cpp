@@ -644,7 +644,16 @@ int vxapi_find_all_instances_n(const char* driver, uint32_t* count) {
         }
         snprintf(reinterpret_cast<char*>(rec->phys_path), sizeof rec->phys_path, "%s", path);
 
-        const port_result result = discover_port(g, rec, inst);
+        port_result result = discover_port(g, rec, inst);
+        if (result == port_result::dropped) {
+            // One transient driver error would silently cost the port: ask once more.
+            result = discover_port(g, rec, inst);
+            if (result == port_result::dropped && vxdbg_on(ERR)) {
+                vxdbg_print("vxapi_find_all_instances_n: inst ", inst, VXDBG_DEC, 0);
+                vxdbg_print(" index ", index, VXDBG_DEC, 0);
+                vxdbg_print(": port lost, its queries failed twice.", 0, VXDBG_NONE, 1);
+            }
+        }
         // Discovery keeps no node open: vxapi_open_adapter reopens it.
         close_node(rec);
         switch (result) {

@@ -1,11 +1,16 @@
 // Library load and unload, adapter discovery, and the SD entry points that
 // need no adapter record: version, count, open, close.
+#include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "vsdmgt.h"
 #include "vx_core.h"
@@ -20,6 +25,17 @@ uint8_t is_udevadm_supported;
 volatile uint8_t api_signal_handler_in_process;
 
 namespace {
+
+// Threads of this process load and unload one at a time; the thread
+// semaphore then orders the processes. Never taken in a signal handler.
+std::mutex load_mutex;
+// Set once a load has made the ports and the shared database, cleared when
+// the unload starts: callers read the lists only after seeing it set.
+std::atomic<bool> lib_loaded;
+// The termination signal deferred to the end of this process's last hold.
+std::atomic<int> pending_signal;
+// Set by whichever path ends the process, so that only one does.
+std::atomic<bool> termination_started;
 
 constexpr uint32_t LOAD_TRACE = VXDBG_TRACE;
 constexpr uint32_t LOAD_ERROR = VXDBG_ERROR | VXDBG_TRACE;
@@ -47,14 +63,6 @@ uint32_t port_count() {
 }
 
 bool database_ready() { return api_dbupdate_sem_id != -1 && api_shm_fildes >= 0 && api_shared_data; }
-
-void release_and_delete_thread_sem() {
-    if (api_thread_sem_id == -1)
-        return;
-    vxapi_sem_signal(api_thread_sem_id);
-    vxapi_sem_del(api_thread_sem_id);
-    api_thread_sem_id = -1;
-}
 
 // A host without System V IPC answers ENOSYS; the library then runs without
 // the semaphores and the shared database. Any other error is a failure.
@@ -93,7 +101,83 @@ void set_signal_actions(void (*handler)(int)) {
         sigaction(sig, &action, nullptr);
 }
 
+// A trace line written with plain system calls, for the signal path where
+// the trace's stream and lock may be in use by the interrupted code. Same
+// gating as the trace; no time stamp (formatting local time is not safe).
+void trace_signal_safe(const char* text, int number, const char* tail) {
+    const uint32_t mask = vx_debug;
+    if (!(mask & LOAD_TRACE))
+        return;
+    char line[160];
+    size_t n = 0;
+    const auto put = [&line, &n](const char* part) {
+        while (*part && n < sizeof line - 1)
+            line[n++] = *part++;
+    };
+    put(text);
+    char digits[12];
+    int d = 0;
+    unsigned value = static_cast<unsigned>(number);
+    do {
+        digits[d++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0 && d < 11);
+    while (d > 0 && n < sizeof line - 1)
+        line[n++] = digits[--d];
+    put(tail);
+    line[n++] = '\n';
+    if (mask != VXDBG_DEFAULT && write(STDERR_FILENO, line, n) < 0) {
+        // a closed standard error is not ours to report
+    }
+    if (mask & VXDBG_LOGFILE) {
+        const int fd = open(vxdbglog_path[0] ? vxdbglog_path : VXDBG_DEFAULT_LOG,
+                            O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+        if (fd >= 0) {
+            if (write(fd, line, n) < 0) {
+                // the log is best effort
+            }
+            close(fd);
+        }
+    }
+}
+
+// Ends the process by `sig` as if the library were absent, after giving
+// back what other clients would otherwise wait for: the slot (and, for the
+// last client, the file and locks) and the thread lock if it is free. Only
+// system calls: safe in the handler. Outside it (where the last hold of the
+// process ended) the thread may block the signal, so it is unblocked.
+void terminate_process(int sig, bool in_handler) {
+    vxapi_abandon_database();
+    // Every unload removes the thread lock; here only when nobody holds it.
+    const int thread_id = api_thread_sem_id.exchange(-1);
+    struct sembuf op {};
+    op.sem_num = 0;
+    op.sem_op = -1;
+    op.sem_flg = SEM_UNDO | IPC_NOWAIT;
+    if (thread_id != -1 && semop(thread_id, &op, 1) == 0)
+        semctl(thread_id, 0, IPC_RMID);
+    set_signal_actions(SIG_DFL);
+    if (!in_handler) {
+        sigset_t only;
+        sigemptyset(&only);
+        sigaddset(&only, sig);
+        pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+    }
+    // The default action now ends the process as if the library were absent.
+    raise(sig);
+}
+
 }  // namespace
+
+bool vxapi_lib_loaded() { return lib_loaded.load(std::memory_order_acquire); }
+
+int vxapi_termination_pending() { return pending_signal.load(); }
+
+void vxapi_finish_pending_termination() {
+    const int sig = pending_signal.load();
+    if (sig != 0 && !termination_started.exchange(true))
+        terminate_process(sig, false);
+}
 
 // ---- Platform probes ----
 
@@ -141,6 +225,7 @@ int vxapi_load_lib() {
         vxdbg_line(VXDBG_CRITICAL | LOAD_ERROR, "libvxsdm: ERROR - libvxsdm must be loaded with root privileges.");
         return 1;
     }
+    std::lock_guard<std::mutex> process_lock(load_mutex);
     vxdbg_line(LOAD_TRACE, "vxapi_load_lib: libvxsdm version " SDM_VERSION_TEXT);
     vxapi_check_esx();
     if (OS_Type != VX_OS_ESX) {
@@ -148,22 +233,21 @@ int vxapi_load_lib() {
         vxapi_is_udevadm_supported();
     }
 
-    if (api_thread_sem_id == -1) {
-        api_thread_sem_id = vxapi_sem_get(VX_SEM_KEY_THREAD);
-        if (api_thread_sem_id == -1) {
-            const int err = errno;
-            vxdbg_num(VXDBG_CRITICAL | LOAD_ERROR,
-                      "libvxsdm: WARNING - semget function not supported.\n"
-                      " Failed creation of thread semaphore. errno=",
-                      static_cast<uint64_t>(err), VXDBG_DEC, 1);
-            if (sem_missing_is_fatal(err))
-                return 1;
-        }
+    // Everything below runs under the thread semaphore, unless the host has
+    // no System V IPC at all.
+    const bool locked = vxapi_sem_lock(api_thread_sem_id, VX_SEM_KEY_THREAD) == 0;
+    if (!locked) {
+        const int err = errno;
+        vxdbg_num(VXDBG_CRITICAL | LOAD_ERROR,
+                  "libvxsdm: WARNING - semget function not supported.\n"
+                  " Failed creation of thread semaphore. errno=",
+                  static_cast<uint64_t>(err), VXDBG_DEC, 1);
+        if (sem_missing_is_fatal(err))
+            return 1;
     }
-    if (api_thread_sem_id != -1)
-        vxapi_sem_wait(api_thread_sem_id);
 
     int result = 0;
+    bool keep_thread_sem = true;
     if (!api_priv_database) {
         if (api_flash_sem_id == -1) {
             api_flash_sem_id = vxapi_sem_get(VX_SEM_KEY_FLASH);
@@ -174,7 +258,8 @@ int vxapi_load_lib() {
                           " Failed creation of flash semaphore. errno=",
                           static_cast<uint64_t>(err), VXDBG_DEC, 1);
                 if (sem_missing_is_fatal(err)) {
-                    release_and_delete_thread_sem();
+                    if (locked)
+                        vxapi_sem_unlock_delete(api_thread_sem_id);
                     return 1;
                 }
             }
@@ -206,16 +291,22 @@ int vxapi_load_lib() {
             // without it loads all the same.
             if (first_port_is_sysfs())
                 vxapi_open_apidev();
+            // Published last: other threads read the lists once they see it.
+            lib_loaded.store(true, std::memory_order_release);
         } else {
             vxapi_free_api_priv_data_mem();
             vxapi_free_api_phy_info_mem();
-            release_and_delete_thread_sem();
+            keep_thread_sem = false;
         }
         vxdbg_num(LOAD_TRACE, "vxapi_load_lib: ports found=", count, VXDBG_DEC, 1);
     }
 
-    if (api_thread_sem_id != -1)
-        vxapi_sem_signal(api_thread_sem_id);
+    if (locked) {
+        if (keep_thread_sem)
+            vxapi_sem_unlock(api_thread_sem_id);
+        else
+            vxapi_sem_unlock_delete(api_thread_sem_id);
+    }
     vxdbg_num(LOAD_TRACE, "vxapi_load_lib: exiting. ret=", static_cast<uint64_t>(result), VXDBG_DEC, 1);
     return result;
 }
@@ -246,8 +337,9 @@ void vxapi_cleanup_hbas() {
 
 int vxapi_unload_lib() {
     vxdbg_line(LOAD_TRACE, "vxapi_unload_lib: entered.");
-    if (api_thread_sem_id != -1)
-        vxapi_sem_wait(api_thread_sem_id);
+    std::lock_guard<std::mutex> process_lock(load_mutex);
+    lib_loaded.store(false, std::memory_order_release);
+    const bool locked = vxapi_sem_lock(api_thread_sem_id, VX_SEM_KEY_THREAD) == 0;
     vxapi_cleanup_hbas();
     vxapi_nl_close();
     vxapi_nl_scsi_fc_close();
@@ -259,25 +351,34 @@ int vxapi_unload_lib() {
     vxapi_close_apidev();
     vxapi_free_api_priv_data_mem();
     vxapi_free_api_phy_info_mem();
-    release_and_delete_thread_sem();
+    if (locked)
+        vxapi_sem_unlock_delete(api_thread_sem_id);
     vxdbg_num(LOAD_TRACE, "vxapi_unload_lib: exiting. ret=", static_cast<uint64_t>(result), VXDBG_DEC, 1);
     return result;
 }
 
 // ---- Signals ----
 
+// The handler runs only what is safe in a handler. When a thread of this
+// process holds (or waits for) one of the library's locks, the interrupted
+// code may be half way through the shared state and the locks are not
+// re-entrant: the end is then left to the place where the last hold ends
+// (vxapi_finish_pending_termination). A second signal meanwhile ends the
+// process at once; the kernel gives its locks back and the next client
+// reclaims its slot.
 void vxapi_terminate(int sig) {
     if (api_signal_handler_in_process) {
+        set_signal_actions(SIG_DFL);
         raise(sig);
         return;
     }
-    vxdbg_num(LOAD_TRACE, "vxapi_terminate: got signal=", static_cast<uint64_t>(sig), VXDBG_DEC, 0);
-    vxdbg_line(LOAD_TRACE, ", calling vxapi_unload_lib.");
     api_signal_handler_in_process = 1;
-    vxapi_unload_lib();
-    set_signal_actions(SIG_DFL);
-    // The default action now ends the process as if the library were absent.
-    raise(sig);
+    trace_signal_safe("vxapi_terminate: got signal=", sig, ", giving back the library's shared state.");
+    pending_signal.store(sig);
+    if (vxapi_sem_holds() > 0)
+        return;
+    if (!termination_started.exchange(true))
+        terminate_process(sig, true);
 }
 
 extern "C" VXSD_API void vxapi_setup_signal_handlers(void) {
@@ -296,7 +397,7 @@ extern "C" VXSD_API SD_UINT32 SDGetVersion(char* buf) {
 extern "C" VXSD_API SD_UINT32 SDGetNumberOfAdapters(void) {
     vxapi_set_debug_level();
     vxdbg_line(COUNT_TRACE, "SDGetNumberOfAdapters: entered.");
-    if (!api_priv_database) {
+    if (!vxapi_lib_loaded()) {
         const int stat = vxapi_load_lib();
         if (stat != 0 || !api_priv_database) {
             vxdbg_num(COUNT_ERROR, "SDGetNumberOfAdapters: load lib failed. stat=", static_cast<uint64_t>(stat),
@@ -327,7 +428,7 @@ extern "C" VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, int* pDe
         trace_inst(SD_ERROR, "): invalid parameter.");
         return SDM_STATUS_INVALID_PARAMETER;
     }
-    if (!api_priv_database) {
+    if (!vxapi_lib_loaded()) {
         const int stat = vxapi_load_lib();
         if (stat != 0) {
             if (vxdbg_on(SD_ERROR)) {
@@ -375,7 +476,7 @@ extern "C" VXSD_API SD_UINT32 SDCloseDevice(int Device) {
         vxdbg_line(SD_ERROR, "SDCloseDevice: shm not used.");
         return SDM_STATUS_NOT_SUPPORTED;
     }
-    if (!api_priv_database || vxapi_get_open_adapter_count() == 0)
+    if (!vxapi_lib_loaded() || vxapi_get_open_adapter_count() == 0)
         return SDM_STATUS_SUCCESS;
     int fd = -1;
     vxapi_priv_database* record = nullptr;

@@ -17,7 +17,7 @@ extern pthread_t vxapi_ev_thread_id;               // 0 when no thread runs
 extern std::atomic<uint8_t> vxapi_ev_terminate;    // 1 asks the thread to end
 
 int vxapi_start_event_thread();
-// Sets the terminate flag and joins the thread (up to one tick). 0 when no
+// Sets the terminate flag, wakes the thread and joins it. 0 when no
 // thread is left; the join error otherwise (the thread id is kept).
 int vxapi_stop_event_thread();
 void* vxapi_event_thread(void* arg);

@@ -4,11 +4,13 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +19,8 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "libtest.h"
 #include "vsdmgt.h"
@@ -175,22 +179,75 @@ SIM_TEST(Load, HostWithoutSystemVIpcCountsButDoesNotOpen, "default.json") {
                                                        "creation of thread semaphore. errno=38\n"));
 }
 
-SIM_TEST(SharedDb, NinthProcessReclaimsSlotZero, "single.json") {
-    // Eight processes load in turn and end without unloading: their slots stay claimed.
-    Flags expected{};
-    for (size_t i = 0; i < 8; ++i) {
-        ASSERT_EQ(st::run_children(1, [](int) { return SDGetNumberOfAdapters() == 1 ? 0 : 1; }), std::vector<int>{0});
-        expected[i] = 0x05;
-        EXPECT_EQ(slot_flags(), expected) << "after process " << i;
+// Clients in other processes that load and stay loaded until released (or
+// killed), as management tools and agents do.
+class LiveClients {
+public:
+    explicit LiveClients(int n) {
+        for (int i = 0; i < n && ok_; ++i) {
+            int go[2], ready[2];
+            if (pipe(go) != 0 || pipe(ready) != 0) {
+                ok_ = false;
+                break;
+            }
+            fflush(nullptr);
+            const pid_t pid = fork();
+            if (pid == 0) {
+                char c = SDGetNumberOfAdapters() == 1 ? 'y' : 'n';
+                if (write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1)
+                    _exit(1);
+                _exit(0);  // ends loaded: its slot stays claimed
+            }
+            char c = 0;
+            ok_ = pid > 0 && read(ready[0], &c, 1) == 1 && c == 'y';
+            close(ready[0]);
+            close(ready[1]);
+            close(go[0]);
+            clients_.push_back({pid, go[1]});
+        }
     }
-    // The ninth takes slot 0 and the others lose their claim.
-    ASSERT_EQ(SDGetNumberOfAdapters(), 1u);
+    ~LiveClients() { release(); }
+    bool ok() const { return ok_; }
+    void release() {
+        // A byte, not end of file: later clients inherited the earlier ones' pipes.
+        for (const auto& [pid, go] : clients_)
+            if (write(go, "g", 1) != 1)
+                kill(pid, SIGKILL);
+        for (const auto& [pid, go] : clients_) {
+            close(go);
+            waitpid(pid, nullptr, 0);
+        }
+        clients_.clear();
+    }
+
+private:
+    std::vector<std::pair<pid_t, int>> clients_;
+    bool ok_ = true;
+};
+
+SIM_TEST(SharedDb, NinthLiveProcessReclaimsSlotZero, "single.json") {
+    {
+        LiveClients eight(8);
+        ASSERT_TRUE(eight.ok());
+        EXPECT_EQ(slot_flags(), (Flags{0x05, 0x05, 0x05, 0x05, 0x05, 0x05, 0x05, 0x05}));
+        // The ninth takes slot 0 and the others lose their claim.
+        ASSERT_EQ(SDGetNumberOfAdapters(), 1u);
+        EXPECT_EQ(slot_flags(), (Flags{0x05, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01}));
+        EXPECT_TRUE(contains(st::read_text(st::TRACE_LOG), "libvxsdm: INFO - Assigning lib instance number to 0.\n"));
+    }
+    // The eight ended without unloading: the ninth, alive, keeps slot 0.
+    int handle = 0;
+    ASSERT_EQ(SDOpenDevice(0, &handle), 0u);
     EXPECT_EQ(slot_flags(), (Flags{0x05, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01, 0x01}));
-    EXPECT_TRUE(contains(st::read_text(st::TRACE_LOG), "libvxsdm: INFO - Assigning lib instance number to 0.\n"));
+    ASSERT_EQ(SDCloseDevice(handle), 0u);  // the last live client: nothing is left
+    EXPECT_FALSE(exists(SHARED_FILE));
+    for (int key : {1054, 980, 829})
+        EXPECT_FALSE(sem_exists(key)) << key;
 }
 
-SIM_TEST(SharedDb, OnlyTheLastInstanceRemovesTheSharedState, "single.json") {
-    ASSERT_EQ(st::run_children(1, [](int) { return SDGetNumberOfAdapters() == 1 ? 0 : 1; }), std::vector<int>{0});
+SIM_TEST(SharedDb, OnlyTheLastLiveInstanceRemovesTheSharedState, "single.json") {
+    LiveClients other(1);
+    ASSERT_TRUE(other.ok());
     int handle = 0;
     ASSERT_EQ(SDOpenDevice(0, &handle), 0u);
     EXPECT_EQ(slot_flags(), (Flags{0x05, 0x05, 0, 0, 0, 0, 0, 0}));
@@ -199,4 +256,14 @@ SIM_TEST(SharedDb, OnlyTheLastInstanceRemovesTheSharedState, "single.json") {
     EXPECT_TRUE(sem_exists(829));
     EXPECT_TRUE(sem_exists(980));
     EXPECT_EQ(slot_flags(), (Flags{0x05, 0, 0, 0, 0, 0, 0, 0}));
+
+    // It ends without unloading: the next client takes its slot and, as the
+    // last one alive, removes everything.
+    other.release();
+    ASSERT_EQ(SDOpenDevice(0, &handle), 0u);
+    EXPECT_EQ(slot_flags(), (Flags{0x05, 0, 0, 0, 0, 0, 0, 0}));
+    ASSERT_EQ(SDCloseDevice(handle), 0u);
+    EXPECT_FALSE(exists(SHARED_FILE));
+    for (int key : {1054, 980, 829})
+        EXPECT_FALSE(sem_exists(key)) << key;
 }

@@ -5,12 +5,15 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -121,7 +124,14 @@ TEST_F(SharedDb, SmallerFileGrowsKeepingItsBytes) {
     ASSERT_EQ(now.size(), VX_SHARED_FILE_SIZE);
     EXPECT_EQ(file_flags(), (Flags{0x05, 0x05, 0, 0, 0, 0, 0, 0}));
     EXPECT_TRUE(std::equal(old.begin() + kept_from, old.end(), reinterpret_cast<const uint8_t*>(now.data()) + kept_from));
-    EXPECT_TRUE(std::all_of(now.begin() + OLD_SIZE, now.end(), [](char b) { return b == 0; }));
+    // Zeros after the old end, but for our own owner record.
+    const auto* grown = reinterpret_cast<const vxapi_shared_t*>(now.data());
+    EXPECT_EQ(grown->libinst_owner[0].pid, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(grown->libinst_owner[0].slot, 1u);
+    const size_t owners_end = offsetof(vxapi_shared_t, reserved);
+    EXPECT_TRUE(std::all_of(now.begin() + OLD_SIZE, now.begin() + offsetof(vxapi_shared_t, libinst_owner),
+                            [](char b) { return b == 0; }));
+    EXPECT_TRUE(std::all_of(now.begin() + owners_end, now.end(), [](char b) { return b == 0; }));
 }
 
 // (Claims in turn and the reclaim of slot 0 are tested end to end.)
@@ -196,6 +206,154 @@ TEST_F(SharedDb, UntrustedFilesAreRefusedUntouched) {
         remove_tree(path_);
         unlink(target.c_str());
     }
+}
+
+// (Clients of other processes, live and killed, are tested end to end.)
+
+// ---- Slot owners, on an in-memory copy of the layout ----
+
+std::set<uint32_t> live_pids;
+bool fake_alive(const vxapi_libinst_owner& o) { return live_pids.count(o.pid) != 0; }
+
+constexpr uint32_t SELF = 1;
+
+struct Image {
+    Image() : shared(static_cast<vxapi_shared_t*>(calloc(1, sizeof(vxapi_shared_t)))) {}
+    ~Image() { free(shared); }
+    Flags flags() const {
+        Flags f{};
+        memcpy(f.data(), shared->libinst_flags, sizeof f);
+        return f;
+    }
+    std::vector<std::pair<uint32_t, uint32_t>> owners() const {  // (pid, slot)
+        std::vector<std::pair<uint32_t, uint32_t>> r;
+        for (const vxapi_libinst_owner& o : shared->libinst_owner)
+            if (o.pid != 0)
+                r.emplace_back(o.pid, o.slot);
+        return r;
+    }
+    vxapi_shared_t* shared;
+};
+
+TEST(SlotOwners, ClaimReclaimsDeadOwnersBeforeTheNinthProcessRule) {
+    using Owners = std::vector<std::pair<uint32_t, uint32_t>>;
+    const Owners one_per_slot = {{100, 0}, {101, 1}, {102, 2}, {103, 3}, {104, 4}, {105, 5}, {106, 6}, {107, 7}};
+    const std::set<uint32_t> all_live = {100, 101, 102, 103, 104, 105, 106, 107};
+    const struct {
+        const char* name;
+        Flags before;
+        Owners owners;
+        std::set<uint32_t> live;
+        uint32_t slot;
+        Flags after;
+    } cases[] = {
+        {"a dead owner's slot is reclaimed", {5, 5, 5, 5, 5, 5, 5, 5}, one_per_slot,
+         {100, 101, 102, 104, 105, 106, 107}, 3, {5, 5, 5, 5, 5, 5, 5, 5}},
+        {"every owner alive: slot 0 again", {5, 5, 5, 5, 5, 5, 5, 5}, one_per_slot, all_live, 0,
+         {5, 1, 1, 1, 1, 1, 1, 1}},
+        {"a claim lost to a ninth client is not shared while a slot is free", {5, 1, 1, 0, 0, 0, 0, 0},
+         {{100, 0}, {101, 1}, {102, 2}}, {100, 101, 102}, 3, {5, 1, 1, 5, 0, 0, 0, 0}},
+        {"no free slot: shares a slot whose claim was lost", {5, 1, 5, 5, 5, 5, 5, 5}, one_per_slot, all_live, 1,
+         {5, 5, 5, 5, 5, 5, 5, 5}},
+        {"owners not recorded: the first slot without a claim", {1, 5, 0, 0, 0, 0, 0, 0}, {}, {}, 0,
+         {5, 5, 0, 0, 0, 0, 0, 0}},
+        {"a dead owner's reserved bit stays", {0xD, 5, 0, 0, 0, 0, 0, 0}, {{100, 0}, {101, 1}}, {101}, 0,
+         {0xD, 5, 0, 0, 0, 0, 0, 0}},
+        {"malformed entries are forgotten", {0, 0, 0, 0, 0, 0, 0, 0}, {{100, 9}, {101, 0xFFFFFFFF}}, {100, 101}, 0,
+         {5, 0, 0, 0, 0, 0, 0, 0}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Image img;
+        memcpy(img.shared->libinst_flags, c.before.data(), sizeof c.before);
+        for (size_t i = 0; i < c.owners.size(); ++i)
+            img.shared->libinst_owner[i] = {c.owners[i].first, c.owners[i].second, 77};
+        for (auto& q : img.shared->hbaptevq)
+            q.q_tail = 3;
+        live_pids = c.live;
+        live_pids.insert(SELF);
+        EXPECT_EQ(vxapi_claim_slot(img.shared, {SELF, 0, 5}, fake_alive), c.slot);
+        EXPECT_EQ(img.flags(), c.after);
+        // Dead and malformed owners are gone, we are recorded; queues of freed and claimed slots emptied.
+        Owners want;
+        for (const auto& o : c.owners)
+            if (c.live.count(o.first) && o.second < VX_LIBINST_SLOTS)
+                want.push_back(o);
+        want.emplace_back(SELF, c.slot);
+        Owners got = img.owners();
+        std::sort(got.begin(), got.end());
+        std::sort(want.begin(), want.end());
+        EXPECT_EQ(got, want);
+        EXPECT_EQ(img.shared->hbaptevq[c.slot].q_tail, 0u);
+    }
+}
+
+TEST(SlotOwners, ReleaseAndLastClientFollowLiveOwners) {
+    Image img;
+    live_pids = {SELF, 200};
+    img.shared->libinst_owner[0] = {SELF, 0, 5};
+    img.shared->libinst_owner[1] = {200, 0, 9};  // shares slot 0 after a ninth client
+    img.shared->libinst_flags[0] = 5;
+    vxapi_release_slot(img.shared, 0, {SELF, 0, 5}, fake_alive);
+    EXPECT_EQ(img.flags(), (Flags{5, 0, 0, 0, 0, 0, 0, 0}));  // still held by 200
+    EXPECT_EQ(vxapi_count_other_clients(img.shared, {SELF, 0, 5}, fake_alive), 1u);
+
+    live_pids.erase(200);  // killed
+    EXPECT_EQ(vxapi_count_other_clients(img.shared, {SELF, 0, 5}, fake_alive), 0u);
+    img.shared->libinst_flags[3] = VX_LIBINST_RESERVED;  // someone without an owner record
+    EXPECT_EQ(vxapi_count_other_clients(img.shared, {SELF, 0, 5}, fake_alive), 1u);
+    EXPECT_EQ(vxapi_reclaim_dead_slots(img.shared, fake_alive), 1u);
+    EXPECT_EQ(img.flags(), (Flags{0, 0, 0, VX_LIBINST_RESERVED, 0, 0, 0, 0}));
+}
+
+TEST(SlotOwners, ProcStatFields) {
+    auto stat_text = [](const std::string& comm, const std::string& start) {
+        std::string t = "4321 (" + comm + ") S 1";
+        for (int field = 5; field < 22; ++field)
+            t += " " + std::to_string(field);
+        return t + " " + start + " 23 24\n";
+    };
+    const struct {
+        const char* name;
+        std::string text;
+        int result;
+        uint64_t start;
+    } cases[] = {
+        {"plain", stat_text("cat", "987654"), 0, 987654},
+        {"name with blanks and parentheses", stat_text("a) (b c) S 9", "42"), 0, 42},
+        {"start time last", stat_text("x", "42").substr(0, stat_text("x", "42").size() - 7), 0, 42},
+        {"cut before the start time", stat_text("x", "42").substr(0, 30), 1, 0},
+        {"no name", "4321 S 1 2 3", 1, 0},
+        {"start time not a number", stat_text("x", "12a"), 1, 0},
+        {"start time too large", stat_text("x", "99999999999999999999999"), 1, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        char state = '?';
+        uint64_t start = 0;
+        EXPECT_EQ(vxapi_parse_proc_stat(c.text.data(), c.text.size(), &state, &start), c.result);
+        if (c.result == 0) {
+            EXPECT_EQ(start, c.start);
+            EXPECT_EQ(state, 'S');
+        }
+    }
+}
+
+TEST(SlotOwners, LivenessFromProc) {
+    const vxapi_libinst_owner self = vxapi_self_owner();
+    ASSERT_NE(self.start_time, 0u);
+    EXPECT_TRUE(vxapi_owner_alive(self));
+    EXPECT_FALSE(vxapi_owner_alive({self.pid, 0, self.start_time + 1}));  // same pid, another process
+
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+        _exit(0);
+    siginfo_t info{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);  // ended, a zombie until reaped
+    EXPECT_FALSE(vxapi_owner_alive({static_cast<uint32_t>(child), 0, 0}));
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(vxapi_owner_alive({static_cast<uint32_t>(child), 0, 0}));
 }
 
 }  // namespace

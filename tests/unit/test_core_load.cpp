@@ -148,7 +148,7 @@ TEST_F(Load, FailedNetlinkOpensMarkNoPortAndKeepNothing) {
     EXPECT_TRUE(!vxapi_nlm_aen_sendbuf && !vxapi_nlm_aen_recvbuf && !vxapi_scsi_nlm_aen_recvbuf);
 }
 
-TEST_F(Load, TerminationSignalUnloadsThenEndsTheProcess) {
+TEST_F(Load, TerminationSignalGivesBackTheSharedStateThenEndsTheProcess) {
     for (int sig : {SIGHUP, SIGINT, SIGTERM}) {
         SCOPED_TRACE(sig);
         unlink(log_.c_str());
@@ -166,9 +166,9 @@ TEST_F(Load, TerminationSignalUnloadsThenEndsTheProcess) {
         ASSERT_EQ(waitpid(child, &status, 0), child);
         EXPECT_TRUE(WIFSIGNALED(status));
         EXPECT_EQ(WTERMSIG(status), sig);
-        const std::string line = "vxapi_terminate: got signal=" + std::to_string(sig) + ", calling vxapi_unload_lib.\n";
+        const std::string line = "vxapi_terminate: got signal=" + std::to_string(sig) + ", giving back the library's shared state.\n";
         EXPECT_NE(read_file(log_).find(line), std::string::npos);
-        EXPECT_FALSE(db_exists());  // the unload closed the last instance
+        EXPECT_FALSE(db_exists());  // the last client left
         EXPECT_FALSE(sem_exists(VX_SEM_KEY_DBUPDATE));
     }
 }

@@ -1,16 +1,25 @@
 // The parts of the library that several threads use at once: the trace
-// (caller threads and the event thread) and the event thread's lifecycle.
-// Built and run under ThreadSanitizer by `make test`.
+// (caller threads and the event thread), the event thread's lifecycle and
+// the first call that loads the library. Built and run under
+// ThreadSanitizer by `make test`.
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/ipc.h>
+#include <sys/mount.h>
+#include <sys/sem.h>
 
 #include <atomic>
+#include <barrier>
+#include <chrono>
 #include <set>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "test_core_sysfs_tree.h"
 #include "unit_support.h"
+#include "vsdmgt.h"
 #include "vx_core.h"
 #include "vx_event.h"
 #include "vx_sddbg.h"
@@ -81,6 +90,94 @@ TEST(Threads, EventThreadStartsAndStopsWhileCallersTrace) {
     memcpy(vx_db_fname, saved_name, sizeof saved_name);
     vxdbglog_path[0] = '\0';
     remove_tree(dir);
+}
+
+// A stop wakes the event thread at once instead of after the rest of its
+// one-second tick (an unload joins it while holding the load lock).
+TEST(Threads, EventThreadStopDoesNotWaitForTheTick) {
+    VX_REQUIRE_PRIVATE_IPC();
+    const std::string dir = make_temp_dir();
+    char saved_name[sizeof vx_db_fname];
+    memcpy(saved_name, vx_db_fname, sizeof saved_name);
+    snprintf(vx_db_fname, sizeof vx_db_fname, "%s/vx_shared.dat", dir.c_str());
+    int fd = -1;
+    uint32_t dummy = 0;
+    ASSERT_EQ(vxapi_alloc_api_priv_data_mem(&dummy), 0);  // the thread runs while a port list exists
+    ASSERT_EQ(vxapi_open_database(&fd), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // in its tick now
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(vxapi_stop_event_thread(), 0);
+    // Far below the tick: an uninterruptible wait takes up to a whole second.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_EQ(vxapi_close_database(fd), 0);
+    vxapi_free_api_priv_data_mem();
+    memcpy(vx_db_fname, saved_name, sizeof saved_name);
+    remove_tree(dir);
+}
+
+// Eight threads make their first call together: exactly one loads, and every
+// one sees the whole load (count and opens), never a half-made one.
+TEST(Threads, FirstCallsOfManyThreadsLoadOnce) {
+    VX_REQUIRE_PRIVATE_IPC();
+    constexpr int PORTS = 4;
+    sysfs_tree tree;
+    for (int i = 0; i < PORTS; ++i) {
+        const std::string bdf = "0000:0" + std::to_string(i + 1) + ":00.0", host = "host" + std::to_string(i + 1);
+        const std::string dev = "devices/pci0000:00/" + bdf;
+        tree.file(dev + "/device", "0x2031\n");
+        tree.link("bus/pci/devices/" + bdf, dev);
+        tree.link("bus/pci/drivers/vxfcdrv/" + bdf, dev);
+        tree.link(dev + "/driver", "bus/pci/drivers/vxfcdrv");
+        for (const char* cls : {"scsi_host", "fc_host"}) {
+            tree.dir(dev + "/" + host + "/" + cls + "/" + host);
+            tree.link(std::string("class/") + cls + "/" + host, dev + "/" + host + "/" + cls + "/" + host);
+        }
+    }
+    // libsysfs walks the bus at /sys itself: the tree goes there, in a
+    // mount namespace of this test process's own.
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(tree.root().c_str(), "/sys", nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+        if (getenv("VXSIM_REQUIRE"))
+            FAIL() << "needs a private mount namespace (run as root)";
+        GTEST_SKIP() << "needs a private mount namespace (run as root)";
+    }
+    char saved_name[sizeof vx_db_fname];
+    memcpy(saved_name, vx_db_fname, sizeof saved_name);
+    snprintf(vx_db_fname, sizeof vx_db_fname, "%s/vx_shared.dat", tree.root().c_str());
+
+    constexpr int THREADS_AT_ONCE = 8;
+    std::barrier start(THREADS_AT_ONCE);
+    std::vector<uint32_t> results(THREADS_AT_ONCE);
+    std::vector<int> handles(THREADS_AT_ONCE, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS_AT_ONCE; ++t)
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            // Half count, half open a port of their own (opens of one port are the caller's to order).
+            results[t] = t % 2 == 0 ? SDGetNumberOfAdapters() : SDOpenDevice(t / 2, &handles[t]);
+        });
+    for (std::thread& th : threads)
+        th.join();
+    for (int t = 0; t < THREADS_AT_ONCE; ++t) {
+        if (t % 2 == 0) {
+            EXPECT_EQ(results[t], uint32_t{PORTS}) << "thread " << t;
+        } else {
+            EXPECT_EQ(results[t], 0u) << "thread " << t;
+            EXPECT_EQ(handles[t], t / 2 + 1) << "thread " << t;
+        }
+    }
+    EXPECT_EQ(api_library_instance, 0u);  // one load, one slot
+    for (int t = 1; t < THREADS_AT_ONCE; t += 2)
+        EXPECT_EQ(SDCloseDevice(handles[t]), 0u);
+    EXPECT_FALSE(vxapi_lib_loaded());  // the last close unloaded
+    EXPECT_EQ(semget(VX_SEM_KEY_THREAD, 1, 0), -1);
+
+    for (int key : {VX_SEM_KEY_DBUPDATE, VX_SEM_KEY_FLASH})
+        if (int id = semget(key, 1, 0); id != -1)
+            semctl(id, 0, IPC_RMID);
+    api_dbupdate_sem_id = api_flash_sem_id = -1;
+    memcpy(vx_db_fname, saved_name, sizeof saved_name);
+    umount2("/sys", MNT_DETACH);
 }
 
 }  // namespace
