@@ -9,6 +9,10 @@ const std::vector<Command>& commands() {
         targets_command(),
         luns_command(),
         report_command(),
+        inquiry_command(),
+        readcap_command(),
+        reportluns_command(),
+        nameserver_command(),
         version_command(),
     };
     return table;

@@ -11,6 +11,10 @@ Command show_command();
 Command targets_command();
 Command luns_command();
 Command report_command();
+Command inquiry_command();
+Command readcap_command();
+Command reportluns_command();
+Command nameserver_command();
 Command version_command();
 
 }  // namespace vxcli
