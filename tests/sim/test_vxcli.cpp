@@ -390,8 +390,8 @@ SIM_TEST(Vxcli, PassThroughCommands, "default.json") {
     // READ CAPACITY of a tape: the check condition and its sense.
     const Run tape = vxcli({"--json", "readcap", "1", "1"});
     EXPECT_EQ(tape.status, 4);
-    EXPECT_EQ(tape.doc["capacity"]["sense"], json::parse(R"({"key": 5, "asc": 32, "ascq": 0})"));
-    EXPECT_EQ(tape.doc["capacity"]["status"], SDM_STATUS_SCSI_CHECK_CONDITION);
+    EXPECT_EQ(tape.doc["capacity"]["error"]["sense"], json::parse(R"({"key": 5, "asc": 32, "ascq": 0})"));
+    EXPECT_EQ(tape.doc["capacity"]["error"]["status"], SDM_STATUS_SCSI_CHECK_CONDITION);
     expect_failure({"inquiry", "1", "frob"}, 1, "TARGET must be a SCSI target id (0-65535) or a WWPN: frob");
 
     // The name server of host 2's fabric: both its ports and their remote ports.

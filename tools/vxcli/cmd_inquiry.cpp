@@ -31,7 +31,8 @@ void run(Context& ctx) {
     json row = target_json(t);
     const auto q = status == SDM_STATUS_SUCCESS ? scsi::decode_inquiry(data, sizeof data) : std::nullopt;
     if (!q) {
-        ctx.doc()["inquiry"] = scsi_failure(ctx, port, "INQUIRY of " + target_text(t), status, sense, sizeof sense);
+        row["error"] = scsi_failure(ctx, port, "INQUIRY of " + target_text(t), status, sense, sizeof sense);
+        ctx.doc()["inquiry"] = row;
         return;
     }
     row["device_type"] = q->device_type;

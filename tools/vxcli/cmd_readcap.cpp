@@ -41,12 +41,12 @@ void run(Context& ctx) {
     const uint32_t status = send_canned(port.handle, Canned::ReadCapacity, t, data, sizeof data, sense, sizeof sense);
     ctx.doc().update(port_identity(port));
     const auto cap = status == SDM_STATUS_SUCCESS ? scsi::decode_read_capacity(data, sizeof data) : std::nullopt;
+    json row = target_json(t);
     if (!cap) {
-        ctx.doc()["capacity"] =
-            scsi_failure(ctx, port, "READ CAPACITY of " + target_text(t), status, sense, sizeof sense);
+        row["error"] = scsi_failure(ctx, port, "READ CAPACITY of " + target_text(t), status, sense, sizeof sense);
+        ctx.doc()["capacity"] = row;
         return;
     }
-    json row = target_json(t);
     row["blocks"] = cap->blocks;
     row["block_size"] = cap->block_size;
     row["bytes"] = cap->blocks * cap->block_size;
