@@ -510,6 +510,11 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
                          uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer = nullptr,
                          uint32_t reserved1 = 0);
+// The same for a request record that the driver writes back into (the
+// pass-through records, whose sense comes back in them); instance 0.
+int vxapi_send_ext_ioctl_inout(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
+                               void* req, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t* pext_stat,
+                               uint32_t* pext_dstat);
 
 // ---- Discovery call-outs: flash layout, image versions, VPD fields ----
 // (vx_core_flash, vx_core_vpd). `handle` is 0 when called during discovery.
@@ -623,6 +628,32 @@ int32_t vxapi_get_lun_data_list(int handle, vxapi_priv_database* inst, FO_LUN_DA
                                 uint32_t* pext_stat);
 int32_t vxapi_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn, uint32_t wwpn_len,
                                EXT_SCSI_ADDR* addr, uint32_t* pext_stat);
+// ---- Pass-through leaves (vx_core_passthru) ----
+// A SCSI command to bus/target/LUN `addr`: `cdb_len` 1-16; at most one of
+// `req` (data out) and `resp` (data in, *resp_size bytes); `sense` (room
+// *sense_size bytes, cleared first) receives the sense of a check
+// condition and *sense_size its length. *scsi_status is the target's
+// status byte. Result 1 also for a driver status other than 0, 7, 8, 15.
+int32_t vxapi_send_scsipt(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
+                          uint32_t cdb_len, void* req, uint32_t req_size, void* resp, uint32_t* resp_size,
+                          uint8_t* sense, uint32_t* sense_size, uint32_t* pext_stat, uint8_t* scsi_status);
+// The same by FC address, the record built by the caller; sense comes back
+// in the record. The driver's status and detail status.
+int32_t vxapi_send_fc_scsipt(int handle, vxapi_priv_database* inst, EXT_FC_SCSI_PASSTHRU* pt, void* req,
+                             uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                             uint32_t* pext_dstat);
+// A CT request (CT_IU) to the fabric's services; refused (status 1, result
+// 1) unless the port is up on a fabric (topology 4 or 8).
+int32_t vxapi_send_ct_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                               void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// An ELS request: the 32-byte EXT_ELS_PT_REQ naming the port, then the ELS
+// payload; `resp` receives the LS_ACC or LS_RJT.
+int32_t vxapi_send_els_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// Port topologies on which the fabric's services answer.
+inline constexpr uint16_t VX_TOPOLOGY_FL_PORT = 4;
+inline constexpr uint16_t VX_TOPOLOGY_F_PORT = 8;
+
 // LUN number from the first two bytes of an 8-byte SCSI LUN; 0xFFFFFFFF for
 // the extended addressing method.
 uint32_t vxapi_get_lun_addr(const uint8_t* lun);

@@ -60,19 +60,10 @@ vxapi_priv_database* flash_port(vxapi_priv_database* inst) {
     return inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
 }
 
-}  // namespace vxsd
-
-using namespace vxsd;
-
-namespace {
-
 bool tolerated(uint32_t ext_stat) {
     return ext_stat == EXT_STATUS_OK || ext_stat == EXT_STATUS_DATA_OVERRUN || ext_stat == EXT_STATUS_DATA_UNDERRUN;
 }
 
-// Status rule of the node, port, discovered-port and converged-port calls:
-// a data overrun or underrun still delivers the record. `convert` tells
-// whether the record is to be converted; the status is returned.
 uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_stat, bool* convert) {
     *convert = false;
     if (!tolerated(ext_stat)) {
@@ -90,6 +81,12 @@ uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_st
     }
     return SDM_STATUS_UNKNOWN_ERROR;
 }
+
+}  // namespace vxsd
+
+using namespace vxsd;
+
+namespace {
 
 // Status rule of the chip, driver and firmware calls: only a clean answer
 // converts. `failure` is the call's own trace text.

@@ -457,6 +457,33 @@ int32_t vxsysfs_query_adapter_versions(int handle, vxapi_priv_database* inst, EX
                                        uint32_t* pext_stat);
 // The host's "active_image" attribute (0 primary, 1 secondary image set).
 int32_t vxsysfs_get_active_image_set(int handle, vxapi_priv_database* inst, uint32_t* image, uint32_t* pext_stat);
+// ---- Pass-through (vx_sysfs_passthru) ----
+// SCSI commands go to the LUN's own node (its disk, else its SCSI generic
+// node) with SG_IO; CT goes to the host's bsg node, ELS to the remote
+// port's. Statuses as the driver's: 9 on entry, 1 once the node is
+// reached, 15 with the SCSI status as detail, 7 for data cut at the
+// caller's buffer, 20 when the port has no bsg.
+int32_t vxsysfs_send_scsipt(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
+                            uint32_t cdb_len, void* req, uint32_t req_size, void* resp, uint32_t* resp_size,
+                            uint8_t* sense, uint32_t* sense_size, uint32_t* pext_stat, uint8_t* scsi_status);
+// The executor behind vxsysfs_send_scsipt (vxapi_scsipt_exec).
+int32_t vxsysfs_scsipt_sg(int handle, vxapi_priv_database* inst, EXT_SCSI_PASSTHRU* pt, void* req,
+                          uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                          uint32_t* pext_dstat);
+// By port name only (DestType 2); other address forms get status 6.
+int32_t vxsysfs_send_fc_scsipt(int handle, vxapi_priv_database* inst, EXT_FC_SCSI_PASSTHRU* pt, void* req,
+                               uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                               uint32_t* pext_dstat);
+int32_t vxsysfs_send_ct_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                 void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// The destination is the head's WWPN; the port must be online.
+int32_t vxsysfs_send_els_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                  void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// The midlayer's numbers for a LUN number as callers give it: the number
+// itself, then its flat-space form (0x4000 | lun) for LUNs above 255. 1 or
+// 2 numbers written to `out`; the count is returned.
+uint32_t vxsysfs_midlayer_luns(uint32_t lun, uint32_t out[2]);
+
 // Boot-image versions from flash, for the families whose virtual ports lack
 // the boot-code attributes.
 int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node,

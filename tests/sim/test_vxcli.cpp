@@ -274,7 +274,7 @@ SIM_TEST(Vxcli, BashCompletion, "default.json") {
     } cases[] = {
         {"vxcli sh", "show"},
         {"vxcli --json t", "targets"},
-        {"vxcli help re", "report"},
+        {"vxcli help re", "report readcap reportluns"},
         {"vxcli show ho", "host2 host3 host7 host8"},
         // bash completes only after the last ':' of a WWPN.
         {"vxcli targets 21:00:00:1d:5a:02:5", "51:42 51:43"},
@@ -583,4 +583,54 @@ SIM_TEST(Vxcli, VpdOfEveryFamily, "families.json") {
         }
         EXPECT_TRUE(serial) << port;
     }
+}
+
+// SCSI and name-server pass-through on the default host: a target named by
+// id or by WWPN, the probe shown for the target that refuses REPORT LUNS, a
+// check condition's sense in the error, the fabric's ports.
+SIM_TEST(Vxcli, PassThroughCommands, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const json inquiry = doc_of({"inquiry", "1", "50:06:01:60:08:60:1a:00", "1"})["inquiry"];
+    EXPECT_EQ(without(inquiry, {"target"}), without(doc_of({"inquiry", "host2", "0", "1"})["inquiry"], {"target"}));
+    EXPECT_EQ(without(inquiry, {"target", "qualifier", "version", "device_type"}),
+              json::parse(R"({"lun": 1, "type": "disk", "vendor": "VARNEX", "product": "SIMDISK", "revision": "0001"})"));
+    const json cap = doc_of({"readcap", "1", "0", "2"})["capacity"];
+    EXPECT_EQ(cap["blocks"], 41943040);
+    EXPECT_EQ(cap["bytes"], 41943040ull * 512);
+
+    const json luns = doc_of({"reportluns", "1", "0"})["report_luns"];
+    EXPECT_EQ(luns["probed"], false);
+    std::vector<json> numbers;
+    for (const json& l : luns["luns"])
+        numbers.push_back(l["lun"]);
+    EXPECT_EQ(json(numbers), json::parse("[0, 1, 2, 256, 1025]"));
+    EXPECT_EQ(luns["luns"][3]["address"], "4100000000000000");
+    EXPECT_EQ(luns["luns"][3]["method"], "flat");
+    // Host 3's target refuses REPORT LUNS: its LUNs come from READ CAPACITY.
+    const Run probed = vxcli({"reportluns", "host3", "0"});
+    EXPECT_EQ(probed.status, 0);
+    EXPECT_EQ(probed.out, "The target refused REPORT LUNS: these LUNs answered READ CAPACITY (LUNs 0-255 were asked).\n"
+                          "LUN  ADDRESS           METHOD\n"
+                          "  0  0000000000000000  peripheral\n"
+                          "  1  0001000000000000  peripheral\n");
+    EXPECT_EQ(doc_of({"reportluns", "host3", "0"})["report_luns"]["probed"], true);
+    EXPECT_EQ(vxcli({"reportluns", "host3", "0", "--raw"}).out,
+              "00000000  00 00 00 10 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
+              "00000010  00 01 00 00 00 00 00 00                           |........|\n"
+              "00000018\n");
+
+    // READ CAPACITY of a tape: the check condition and its sense.
+    const Run tape = vxcli({"--json", "readcap", "1", "1"});
+    EXPECT_EQ(tape.status, 4);
+    EXPECT_EQ(tape.doc["capacity"]["error"]["sense"], json::parse(R"({"key": 5, "asc": 32, "ascq": 0})"));
+    EXPECT_EQ(tape.doc["capacity"]["error"]["status"], SDM_STATUS_SCSI_CHECK_CONDITION);
+    expect_failure({"inquiry", "1", "frob"}, 1, "TARGET must be a SCSI target id (0-65535) or a WWPN: frob");
+
+    // The name server of host 2's fabric: both its ports and their remote ports.
+    const json ns = doc_of({"nameserver", "1"});
+    EXPECT_EQ(ns["port_count"], 6);
+    EXPECT_EQ(ns["ports"][2], json::parse(R"({"port_id": "0x010400", "wwpn": "50:06:01:60:08:60:1a:00",
+                                              "wwnn": "50:06:01:60:88:60:1a:00"})"));
+    EXPECT_EQ(doc_of({"nameserver", "host3", "--type", "8"})["port_count"], 2);
 }

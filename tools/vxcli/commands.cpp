@@ -14,6 +14,10 @@ const std::vector<Command>& commands() {
         flash_layout_command(),
         flash_read_command(),
         flash_write_command(),
+        inquiry_command(),
+        readcap_command(),
+        reportluns_command(),
+        nameserver_command(),
         version_command(),
     };
     return table;
