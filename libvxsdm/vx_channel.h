@@ -34,6 +34,15 @@ struct vxapi_channel_ops {
     int32_t (*get_vpd)(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
     int32_t (*get_dcbx_param)(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
                               uint32_t* pext_stat);
+    int32_t (*get_statistics)(int handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat,
+                              uint32_t* pext_dstat);
+    int32_t (*get_port_statistics)(int handle, vxapi_priv_database* inst, const EXT_DEST_ADDR* dest,
+                                   EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat, uint32_t* pext_dstat);
+    int32_t (*reset_stats)(int handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+    int32_t (*async_event_reg)(int handle, vxapi_priv_database* inst, uint32_t enable, void* reserved,
+                               uint32_t* pext_stat);
+    int32_t (*async_event_get)(int handle, vxapi_priv_database* inst, EXT_ASYNC_EVENT* buf, uint32_t* plen,
+                               uint32_t* pext_stat);
 };
 
 extern const vxapi_channel_ops vxapi_ioctl_channel;    // newer record generation
@@ -69,6 +78,15 @@ int32_t vxapi_ioctl_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf,
                             uint32_t* pext_stat);
 int32_t vxapi_ioctl_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
                                    uint32_t* pext_stat);
+int32_t vxapi_ioctl_get_statistics(int handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat,
+                                   uint32_t* pext_stat, uint32_t* pext_dstat);
+int32_t vxapi_ioctl_get_port_statistics(int handle, vxapi_priv_database* inst, const EXT_DEST_ADDR* dest,
+                                        EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat, uint32_t* pext_dstat);
+int32_t vxapi_ioctl_reset_stats(int handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+int32_t vxapi_ioctl_async_event_reg(int handle, vxapi_priv_database* inst, uint32_t enable, void* reserved,
+                                    uint32_t* pext_stat);
+int32_t vxapi_ioctl_async_event_get(int handle, vxapi_priv_database* inst, EXT_ASYNC_EVENT* buf, uint32_t* plen,
+                                    uint32_t* pext_stat);
 
 // The checks every leaf makes before it dispatches: a port with a channel
 // and the pointers the call needs. On failure the extended status is 9 and

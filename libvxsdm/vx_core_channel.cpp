@@ -9,7 +9,9 @@
     vxapi_ioctl_query_hbanode, vxapi_ioctl_query_hbaport, vxapi_ioctl_query_chip, vxapi_ioctl_query_driver,     \
         vxapi_ioctl_query_fw, vxapi_ioctl_query_cnaport, vxapi_ioctl_query_discport, vxapi_ioctl_query_disctgt, \
         vxapi_ioctl_get_port_summary, vxapi_ioctl_get_tgt_lun_data_list, vxapi_ioctl_wwpn_to_scsiaddr,         \
-        vxapi_ioctl_get_driver_specifics, vxapi_ioctl_get_vpd, vxapi_ioctl_get_dcbx_param
+        vxapi_ioctl_get_driver_specifics, vxapi_ioctl_get_vpd, vxapi_ioctl_get_dcbx_param,                    \
+        vxapi_ioctl_get_statistics, vxapi_ioctl_get_port_statistics, vxapi_ioctl_reset_stats,                   \
+        vxapi_ioctl_async_event_reg, vxapi_ioctl_async_event_get
 
 const vxapi_channel_ops vxapi_ioctl_channel = {"ioctl", VX_IOCTL_SLOTS};
 const vxapi_channel_ops vxapi_ioctl_o_channel = {"ioctl (older)", VX_IOCTL_SLOTS};
@@ -31,6 +33,11 @@ const vxapi_channel_ops vxapi_sysfs_channel = {
     vxsysfs_get_driver_specifics,
     vxsysfs_get_vpd,
     vxsysfs_get_dcbx_param,
+    vxsysfs_get_statistics,
+    vxsysfs_get_port_statistics,
+    vxsysfs_reset_stats,
+    vxsysfs_async_event_reg,
+    vxsysfs_async_event_get,
 };
 
 void vxapi_set_channel(vxapi_priv_database* inst) {

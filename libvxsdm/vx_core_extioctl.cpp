@@ -125,7 +125,7 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
         if (pext_dstat)
             *pext_dstat = ext.DetailStatus;
         if (answer)
-            *answer = {ext.Instance, ext.HbaSelect};
+            *answer = {ext.Instance, ext.HbaSelect, ext.ResponseLen};
         return rc;
     }
 
@@ -158,7 +158,7 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
     if (pext_dstat)
         *pext_dstat = ext.DetailStatus;
     if (answer)
-        *answer = {ext.Instance, ext.HbaSelect};
+        *answer = {ext.Instance, ext.HbaSelect, ext.ResponseLen};
     errno = saved;
     return rc;
 }
