@@ -1,62 +1,353 @@
-// vxcli's per-port commands on the default simulated host, read back through
-// their JSON output.
+// vxcli in simulated hosts: its conventions (help, errors, exit codes, port
+// selection, JSON), the report against the per-port commands, the bash
+// completion, and partial failures from injected driver faults.
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <regex>
 #include <string>
 
 #include "libtest.h"
+#include "vsdmgt.h"
 
 namespace {
 
 namespace st = vxsim::test;
 using nlohmann::json;
 
-// Runs vxcli with --json; its parsed output, once its exit status is checked.
-json vxcli(const std::vector<std::string>& args, int want_status = 0) {
-    std::vector<std::string> argv = {st::vxcli_binary(), "--json"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const st::Output out = st::run(argv);
-    EXPECT_EQ(out.status, want_status) << args[0] << ":\n" << out.text;
-    return json::parse(out.text, nullptr, false);
+struct Run {
+    int status = -1;
+    std::string out, err;
+    json doc;  // standard output parsed, when it was JSON
+};
+
+std::string read_fd(int fd) {
+    std::string text;
+    char buf[4096];
+    for (off_t at = 0;;) {
+        const ssize_t n = pread(fd, buf, sizeof buf, at);
+        if (n <= 0)
+            return text;
+        text.append(buf, static_cast<size_t>(n));
+        at += n;
+    }
 }
+
+// Runs vxcli with standard output and standard error apart, `env` added
+// ("NAME=value").
+Run vxcli(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+    Run r;
+    const std::string binary = st::vxcli_binary();
+    const int out = memfd_create("vxcli-out", MFD_CLOEXEC), err = memfd_create("vxcli-err", MFD_CLOEXEC);
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out, 1);
+        dup2(err, 2);
+        for (const std::string& e : env)
+            putenv(const_cast<char*>(e.c_str()));
+        std::vector<char*> argv{const_cast<char*>(binary.c_str())};
+        for (const std::string& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    int ws = 0;
+    if (pid > 0 && waitpid(pid, &ws, 0) == pid && WIFEXITED(ws))
+        r.status = WEXITSTATUS(ws);
+    r.out = read_fd(out);
+    r.err = read_fd(err);
+    close(out);
+    close(err);
+    r.doc = json::parse(r.out, nullptr, false);
+    return r;
+}
+
+std::string joined(const std::vector<std::string>& args) {
+    std::string s;
+    for (const std::string& a : args)
+        s += " " + a;
+    return s;
+}
+
+// `vxcli --json ARGS`, which must succeed; its document.
+json doc_of(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{"--json"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    Run r = vxcli(argv);
+    EXPECT_EQ(r.status, 0) << joined(args) << "\n" << r.err;
+    EXPECT_EQ(r.err, "") << joined(args);
+    EXPECT_TRUE(r.out.starts_with("{\n  \"schema\": 1,\n")) << joined(args) << ": " << r.out;
+    return r.doc;
+}
+
+// The failure seen both ways: one "vxcli:" line on standard error, and with
+// --json (after the command) the error object on standard output.
+void expect_failure(const std::vector<std::string>& args, int exit, const std::string& message,
+                    const std::vector<std::string>& env = {}) {
+    const std::string what = joined(args);
+    const Run plain = vxcli(args, env);
+    EXPECT_EQ(plain.status, exit) << what;
+    EXPECT_EQ(plain.out, "") << what;
+    EXPECT_TRUE(plain.err.starts_with("vxcli: " + message)) << what << ": " << plain.err;
+    EXPECT_EQ(std::count(plain.err.begin(), plain.err.end(), '\n'), 1) << what << ": " << plain.err;
+
+    std::vector<std::string> with_json = args;
+    with_json.push_back("--json");
+    const Run j = vxcli(with_json, env);
+    EXPECT_EQ(j.status, exit) << what;
+    EXPECT_EQ(j.err, plain.err) << what;
+    ASSERT_TRUE(j.doc.is_object()) << what << ": " << j.out;
+    const std::string line = plain.err.substr(7, plain.err.size() - 8);
+    EXPECT_EQ(j.doc, json::parse(R"({"schema": 1, "error": {"exit": )" + std::to_string(exit) + R"(, "message": )" +
+                                 json(line).dump() + R"(, "messages": [)" + json(line).dump() + "]}}"))
+        << what;
+}
+
+json without(json doc, std::initializer_list<const char*> keys) {
+    for (const char* k : keys)
+        doc.erase(k);
+    return doc;
+}
+
+bool have_vxcli() { return access(st::vxcli_binary().c_str(), X_OK) == 0; }
 
 }  // namespace
 
-SIM_TEST(Vxcli, PortCommandsOnTheDefaultHost, "default.json") {
-    if (access(st::vxcli_binary().c_str(), X_OK) != 0)
+SIM_TEST(Vxcli, HelpVersionAndErrors, "default.json") {
+    if (!have_vxcli())
         GTEST_SKIP() << "vxcli is not built";
-    // Instance 1 is the Swift's first port: two online targets, the large
-    // LUNs decoded from their flat-space names.
-    json luns = vxcli({"luns", "1"});
-    ASSERT_TRUE(luns.contains("targets")) << luns.dump();
-    EXPECT_EQ(luns["targets"], json::parse(R"([
-        {"target": 0, "wwpn": "50:06:01:60:08:60:1a:00", "luns": [0, 1, 2, 256, 1025]},
-        {"target": 1, "wwpn": "50:06:01:68:08:60:1a:01", "luns": [0, 5]}])"));
+    const Run version = vxcli({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(version.out.starts_with("vxcli ") && version.out.ends_with(" (libvxsdm " SDM_VERSION_TEXT ")\n"))
+        << version.out;
 
-    json targets = vxcli({"targets", "1"});
-    ASSERT_EQ(targets["targets"].size(), 2u) << targets.dump();
-    EXPECT_EQ(targets["targets"][0]["port_id"], "0x010400");
-    EXPECT_EQ(targets["targets"][0]["state"], "online");
-    EXPECT_EQ(targets["targets"][0]["luns"], 5);
-    EXPECT_EQ(targets["targets"][1]["luns"], 2);
+    const Run help = vxcli({"help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* command : {"list", "show", "targets", "luns", "report", "version", "help"})
+        EXPECT_TRUE(std::regex_search(help.out, std::regex(std::string("\n  ") + command + " +[A-Z]")))
+            << command << " is not listed:\n" << help.out;
+    const Run targets_help = vxcli({"help", "targets"});
+    EXPECT_EQ(targets_help.status, 0);
+    EXPECT_TRUE(targets_help.out.starts_with("Usage: vxcli targets [OPTIONS] PORT\n")) << targets_help.out;
+    EXPECT_NE(targets_help.out.find("Columns: index,target,wwnn,wwpn,port_id,type,state,luns"), std::string::npos);
+    EXPECT_EQ(vxcli({"targets", "--help"}).out, targets_help.out);
 
-    json show = vxcli({"show", "3"});
+    expect_failure({"frob"}, 1, "unknown command 'frob'");
+    expect_failure({"help", "frob"}, 1, "unknown command 'frob'");
+    expect_failure({}, 1, "no command given");
+    expect_failure({"show"}, 1, "show: PORT is required");
+    expect_failure({"show", "1", "2"}, 1, "show: ");
+    expect_failure({"list", "--frobnicate"}, 1, "list: ");
+    expect_failure({"show", "port1"}, 1, "bad port 'port1': give an instance");
+    expect_failure({"list", "--columns", "wwpn,colour"}, 1, "list: no column 'colour'");
+    expect_failure({"show", "4"}, 2, "no port 4 (4 found, numbered from 0)");
+    expect_failure({"show", "host99"}, 2, "no FC host host99");
+    expect_failure({"targets", "0x2100001d5a0251ff"}, 2, "no port with WWPN 21:00:00:1d:5a:02:51:ff");
+    // Not root: the library does not load, whatever the command.
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"list"}, {"show", "0"}, {"report"}})
+        expect_failure(args, 3, "cannot load the adapter library: Unknown error (0x20000075); vxcli must run as root",
+                       {"VXSIM_EUID=1000"});
+}
+
+SIM_TEST(Vxcli, PortsByInstanceWwpnAndHost, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const json by_instance = doc_of({"show", "1"});
+    EXPECT_EQ(by_instance["port"]["wwpn"], "21:00:00:1d:5a:02:51:42");
+    for (const char* form : {"21:00:00:1d:5a:02:51:42", "21:00:00:1D:5A:02:51:42", "0x2100001d5a025142", "host2"})
+        EXPECT_EQ(doc_of({"show", form}), by_instance) << form;
+    // Host numbers are not in instance order: the NPIV port is host 8.
+    EXPECT_EQ(doc_of({"targets", "host8"})["instance"], 2);
+
+    // Several ports, in the order given, each once.
+    const json list = doc_of({"list", "host8", "0", "1", "0x2100001d5a014017"});
+    ASSERT_EQ(list["ports"].size(), 3u) << list;
+    EXPECT_EQ(list["ports"][0]["instance"], 2);
+    EXPECT_EQ(list["ports"][1]["instance"], 0);
+    EXPECT_EQ(list["ports"][2]["instance"], 1);
+
+    const Run columns = vxcli({"list", "--columns", "host,wwpn,speed", "host8"});
+    EXPECT_EQ(columns.out, "HOST  WWPN                     SPEED\n"
+                           "   8  21:01:00:1d:5a:02:51:42  4 Gbit\n");
+}
+
+// One report, read against list, show, targets and luns of each port: the
+// same keys, the same values, the same tables.
+SIM_TEST(Vxcli, ReportMatchesThePerPortCommands, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const json report = doc_of({"report"});
+    const json list = doc_of({"list"});
+    ASSERT_EQ(report["ports"].size(), 4u);
+    ASSERT_EQ(list["ports"].size(), 4u);
+    const Run report_text = vxcli({"report"});
+    for (int i = 0; i < 4; ++i) {
+        const std::string port = std::to_string(i);
+        const json& r = report["ports"][i];
+        EXPECT_EQ(without(r, {"remote_ports", "targets"}), without(doc_of({"show", port}), {"schema"})) << port;
+        const json targets = doc_of({"targets", port});
+        EXPECT_EQ(r["targets"], targets["targets"]) << port;
+        const json luns = doc_of({"luns", port});
+        ASSERT_EQ(luns["targets"].size(), r["targets"].size()) << port;
+        for (size_t t = 0; t < r["targets"].size(); ++t) {
+            EXPECT_EQ(luns["targets"][t]["wwpn"], r["targets"][t]["wwpn"]);
+            EXPECT_EQ(json(luns["targets"][t]["luns"].size()), r["targets"][t]["lun_count"]);
+        }
+        // A list row takes its keys from the node and port sections.
+        for (const auto& [key, value] : list["ports"][i].items()) {
+            const json& from = r["node"].contains(key) ? r["node"][key] : r["port"].contains(key) ? r["port"][key] : r[key];
+            EXPECT_EQ(value, from) << port << " " << key;
+        }
+        // The report's target table is the targets command's, indented.
+        std::istringstream lines(vxcli({"targets", port}).out);
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_NE(report_text.out.find("    " + line + "\n"), std::string::npos) << line;
+    }
+    EXPECT_EQ(doc_of({"report", "host2"})["ports"], json::array({report["ports"][1]}));
+
+    // The Swift's first port: remote ports of every role and state, LUNs
+    // of the two online targets (flat-addressed ones decoded).
+    const json& swift = report["ports"][1];
+    EXPECT_EQ(swift["remote_ports"].size(), 4u);
+    EXPECT_EQ(swift["remote_ports"][2]["target"], nullptr) << "the initiator has no target id";
+    EXPECT_EQ(swift["remote_ports"][3]["state"], "offline");
+    EXPECT_EQ(doc_of({"luns", "1"})["targets"], json::parse(R"([
+        {"index": 0, "target": 0, "wwpn": "50:06:01:60:08:60:1a:00", "luns": [0, 1, 2, 256, 1025]},
+        {"index": 1, "target": 1, "wwpn": "50:06:01:68:08:60:1a:01", "luns": [0, 5]}])"));
+}
+
+// Typed values: numbers as numbers, addresses as strings, speeds in Gbit/s
+// and as the driver's code.
+SIM_TEST(Vxcli, JsonValuesAreTyped, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const std::regex wwn("([0-9a-f]{2}:){7}[0-9a-f]{2}"), port_id("0x[0-9a-f]{6}");
+    const json list = doc_of({"list"});
+    for (const json& p : list["ports"]) {
+        EXPECT_TRUE(p["instance"].is_number_unsigned() && p["handle"].is_number() && p["host"].is_number()) << p;
+        EXPECT_TRUE(std::regex_match(p["wwnn"].get<std::string>(), wwn)) << p;
+        EXPECT_TRUE(std::regex_match(p["wwpn"].get<std::string>(), wwn)) << p;
+        EXPECT_TRUE(std::regex_match(p["port_id"].get<std::string>(), port_id)) << p;
+        EXPECT_EQ(p["speed_gbps"], 4);
+        EXPECT_EQ(p["speed_code"], 4);
+    }
+    EXPECT_EQ(list["ports"][0]["host"], 7);
+
+    const json show = doc_of({"show", "3"});
     EXPECT_EQ(show["node"]["serial"], "VXS10510042");
-    EXPECT_EQ(show["node"]["interface"], "physical");
-    EXPECT_EQ(show["port"]["speed"], "4 Gbit");
-    EXPECT_EQ(show["port"]["discovered_targets"], 1);
+    EXPECT_EQ(show["node"]["port_count"], 1);
+    EXPECT_EQ(show["node"]["type"], "physical");
+    EXPECT_EQ(show["port"]["discovered_target_count"], 1);
+    EXPECT_TRUE(show["port"]["link_state_words"].is_array() && show["port"]["link_state_words"][0].is_number());
+    EXPECT_EQ(show["chip"]["vendor_id"], 0x1d5a);
+    EXPECT_EQ(show["chip"]["device_id"], 0x1051);
     EXPECT_EQ(show["chip"]["pci_location"], "0000:05:00.1");
+    EXPECT_EQ(show["chip"]["pcie_link_gts"], 2.5);
+    EXPECT_EQ(show["chip"]["pcie_link_width"], 4);
+    EXPECT_TRUE(show["chip"]["memory_address"].is_string() && show["chip"]["memory_length"].is_number());
     EXPECT_EQ(show["chip"]["port_number"], 2);
+    EXPECT_EQ(show["driver"]["max_transfer"], 0xffffffffu);
     EXPECT_EQ(show["firmware"]["version"], "8.05.63");
     EXPECT_FALSE(show.contains("cna")) << "not a converged board";
 
-    json list = vxcli({"list"});
-    ASSERT_EQ(list["ports"].size(), 4u);
-    EXPECT_EQ(list["ports"][2]["type"], "virtual");
-    EXPECT_EQ(list["ports"][2]["wwpn"], "21:01:00:1d:5a:02:51:42");
-    // Host numbers by port name, not in instance order: the NPIV port is host 8.
-    EXPECT_EQ(list["ports"][0]["host"], 7);
-    EXPECT_EQ(list["ports"][2]["host"], 8);
+    const json targets = doc_of({"targets", "1"});
+    ASSERT_EQ(targets["targets"].size(), 2u) << targets;
+    EXPECT_EQ(targets["targets"][0]["state"], "online");
+    EXPECT_EQ(targets["targets"][0]["lun_count"], 5);
+    EXPECT_EQ(targets["targets"][1]["lun_count"], 2);
+    const json version = doc_of({"version"});
+    EXPECT_EQ(version["library"], SDM_VERSION_TEXT);
+    EXPECT_EQ(version["library_number"], SDM_VERSION_NUMBER);
+}
 
-    vxcli({"show", "4"}, 2);  // no port 4
+SIM_TEST(Vxcli, BashCompletion, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const std::string script = VXCLI_COMPLETION;
+    const struct {
+        const char* line;
+        const char* reply;
+    } cases[] = {
+        {"vxcli sh", "show"},
+        {"vxcli --json t", "targets"},
+        {"vxcli help re", "report"},
+        {"vxcli show ho", "host2 host3 host7 host8"},
+        // bash completes only after the last ':' of a WWPN.
+        {"vxcli targets 21:00:00:1d:5a:02:5", "51:42 51:43"},
+        {"vxcli list --columns instance,w", "instance,wwnn instance,wwpn"},
+        {"vxcli luns 1 --c", "--columns"},
+        {"vxcli frob ", ""},
+    };
+    for (const auto& c : cases) {
+        const st::Output out = st::run(
+            {"bash", "-c",
+             "source \"$1\"; COMP_LINE=$3; COMP_POINT=${#COMP_LINE}; COMP_WORDS=(\"$2\"); _vxcli; echo \"${COMPREPLY[*]}\"",
+             "bash", script, st::vxcli_binary(), c.line});
+        EXPECT_EQ(out.text, std::string(c.reply) + "\n") << c.line;
+    }
+}
+
+// Queries that fail part-way: what could be read is shown, the failure is a
+// "vxcli:" line and an error object, and the exit status is 4.
+SIM_TEST(Vxcli, PartialFailuresExitWithFour, "ioctl.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const struct {
+        const char* match;   // ioctl request / sub-code
+        const char* action;  // status:2 is "busy"; 9 would read as the end of a walk
+        std::vector<std::string> args;
+        const char* message;  // the first failure
+        size_t failures;
+    } cases[] = {
+        {"0xc0747906/106", "status:1", {"targets", "1"}, "port 1: port database query failed: Unknown error (0x20000075)", 1},
+        {"0xc0747906/10", "status:2", {"targets", "1"}, "port 1: LUN list query of target 0 failed: Device is busy", 3},
+        {"0xc0747906/10", "status:2", {"luns", "1"}, "port 1: LUN list query of target 0 failed: Device is busy", 3},
+        {"0xc0747900/3", "status:2", {"targets", "1"}, "port 1: discovered ports query failed: Device is busy", 1},
+        {"0xc0747900/6", "status:2", {"show", "1"}, "port 1: driver query failed: Device is busy", 1},
+        {"0xc0747900/6", "status:2", {"report"}, "port 0: driver query failed: Device is busy", 4},
+    };
+    for (const auto& c : cases) {
+        const std::string what = std::string(c.match) + joined(c.args);
+        st::arm_fault("ioctl", c.match, c.action, -1);
+        const Run plain = vxcli(c.args);
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), "--json");
+        const Run j = vxcli(args);
+        EXPECT_EQ(st::run_vxsim({"fault", "clear"}).status, 0);
+
+        EXPECT_EQ(plain.status, 4) << what;
+        EXPECT_EQ(j.status, 4) << what;
+        EXPECT_TRUE(plain.err.starts_with("vxcli: " + std::string(c.message))) << what << ":\n" << plain.err;
+        EXPECT_EQ(std::count(plain.err.begin(), plain.err.end(), '\n'), static_cast<long>(c.failures)) << what;
+        EXPECT_NE(plain.out, "") << what << ": what could be read is shown";
+        ASSERT_TRUE(j.doc.is_object()) << what;
+        EXPECT_EQ(j.doc["error"]["exit"], 4) << what;
+        EXPECT_TRUE(j.doc["error"]["message"].get<std::string>().starts_with(c.message)) << what;
+        EXPECT_EQ(j.doc["error"]["messages"].size(), c.failures) << what;
+
+        // Where the failure shows in the document.
+        const json& d = j.doc;
+        if (c.args[0] == "targets" && std::string(c.match).ends_with("/106")) {
+            for (const json& t : d["targets"])
+                EXPECT_EQ(t["state"], nullptr) << "not a guess: " << t;
+            EXPECT_NE(plain.out.find("target     -"), std::string::npos) << plain.out;
+        } else if (std::string(c.match).ends_with("/10")) {
+            const json& first = d["targets"][0];
+            EXPECT_EQ(first[c.args[0] == "luns" ? "luns" : "lun_count"], nullptr) << first;
+            EXPECT_EQ(first["error"]["status"], SDM_STATUS_DEVICE_BUSY) << first;
+            EXPECT_FALSE(d["targets"][2].contains("error")) << "the initiator has no LUNs to ask for";
+        } else if (std::string(c.match).ends_with("/3")) {
+            EXPECT_EQ(d["targets"], json::array());
+        } else if (c.args[0] == "show") {
+            EXPECT_EQ(d["driver"]["error"]["status"], SDM_STATUS_DEVICE_BUSY) << d;
+            EXPECT_EQ(d["firmware"]["version"], "8.05.63") << "the other sections are shown";
+        } else {
+            ASSERT_EQ(d["ports"].size(), 4u);
+            EXPECT_TRUE(d["ports"][3]["driver"].contains("error"));
+            EXPECT_EQ(d["ports"][3]["targets"].size(), 1u);
+        }
+    }
 }

@@ -6,9 +6,29 @@
 
 namespace vxcli {
 
+namespace {
+
+struct Speed {
+    uint32_t code;
+    unsigned gbps;
+};
+// The codes read as decimal digits in hexadecimal for 16 and 32 Gbit.
+constexpr Speed SPEEDS[] = {{0x01, 1}, {0x02, 2}, {0x04, 4}, {0x08, 8}, {0x10, 10}, {0x16, 16}, {0x32, 32}};
+
+constexpr double PCIE_RATES[] = {2.5, 5.0, 8.0, 16.0, 32.0};  // link speed codes 1 to 5
+
+}  // namespace
+
 std::string wwn_text(const uint8_t* w) {
     return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", w[0], w[1], w[2], w[3], w[4], w[5],
                        w[6], w[7]);
+}
+
+std::string wwn_text(uint64_t wwn) {
+    uint8_t bytes[8];
+    for (int i = 7; i >= 0; --i, wwn >>= 8)
+        bytes[i] = static_cast<uint8_t>(wwn);
+    return wwn_text(bytes);
 }
 
 std::string port_id_text(const uint8_t* id) { return fmt::format("0x{:02x}{:02x}{:02x}", id[0], id[1], id[2]); }
@@ -25,19 +45,18 @@ std::string version_text(const uint8_t* numbers, size_t n) {
 
 std::string hex_text(uint64_t value, int digits) { return fmt::format("0x{:0{}x}", value, digits); }
 
+std::optional<unsigned> speed_gbps(uint32_t code) {
+    for (const Speed& s : SPEEDS)
+        if (s.code == code)
+            return s.gbps;
+    return std::nullopt;
+}
+
 std::string speed_text(uint32_t code) {
-    // The codes read as decimal digits in hexadecimal for 16 and 32 Gbit.
-    switch (code) {
-    case 0x01: return "1 Gbit";
-    case 0x02: return "2 Gbit";
-    case 0x04: return "4 Gbit";
-    case 0x08: return "8 Gbit";
-    case 0x10: return "10 Gbit";
-    case 0x16: return "16 Gbit";
-    case 0x32: return "32 Gbit";
-    case 0: return "unknown";
-    default: return hex_text(code);
-    }
+    if (code == 0)
+        return "unknown";
+    const auto gbps = speed_gbps(code);
+    return gbps ? fmt::format("{} Gbit", *gbps) : hex_text(code);
 }
 
 std::string port_state_text(uint8_t state) {
@@ -64,13 +83,25 @@ std::string connection_text(uint8_t mode) {
     }
 }
 
+std::optional<double> pcie_link_gts(uint16_t link) {
+    const unsigned code = link & 0xF;
+    if (code == 0 || code > std::size(PCIE_RATES))
+        return std::nullopt;
+    return PCIE_RATES[code - 1];
+}
+
+unsigned pcie_link_width(uint16_t link) { return (link >> 4) & 0x3F; }
+
 std::string pcie_link_text(uint16_t link) {
-    static constexpr const char* speeds[] = {"?", "2.5", "5.0", "8.0", "16.0", "32.0"};
-    const unsigned speed = link & 0xF;
-    const unsigned width = (link >> 4) & 0x3F;
-    if (speed == 0 && width == 0)
+    const auto gts = pcie_link_gts(link);
+    const unsigned width = pcie_link_width(link);
+    if ((link & 0xF) == 0 && width == 0)
         return "unknown";
-    return fmt::format("{} GT/s x{}", speed < 6 ? speeds[speed] : "?", width);
+    return fmt::format("{} GT/s x{}", gts ? fmt::format("{:.1f}", *gts) : "?", width);
+}
+
+std::string mac_text(const uint8_t* m) {
+    return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x}", m[0], m[1], m[2], m[3], m[4], m[5]);
 }
 
 }  // namespace vxcli

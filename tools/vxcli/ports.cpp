@@ -1,129 +1,240 @@
-// Gathering the port rows and the column table of `vxcli list`.
+// Port selection, the open ports of a command, and SCSI host numbers.
 #include "ports.h"
+
+#include <unistd.h>
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 
+#include "cli.h"
 #include "format.h"
+#include "leftovers.h"
 
 namespace vxcli {
 
 namespace {
 
-using json = nlohmann::ordered_json;
+bool all_of(const std::string& s, size_t from, int (*pred)(int)) {
+    return from < s.size() && std::all_of(s.begin() + static_cast<std::ptrdiff_t>(from), s.end(),
+                                          [pred](char c) { return pred(static_cast<unsigned char>(c)) != 0; });
+}
 
-json instance_of(const PortRow& r) { return r.instance; }
+std::optional<uint64_t> hex_value(const std::string& digits) {
+    if (digits.empty() || digits.size() > 16 || !all_of(digits, 0, isxdigit))
+        return std::nullopt;
+    return std::strtoull(digits.c_str(), nullptr, 16);
+}
 
-json handle_of(const PortRow& r) { return r.handle ? json(*r.handle) : json(); }
+// Advice for a library that did not load: what the user can do about it.
+std::string load_hint(uint32_t /*status*/) {
+    if (geteuid() != 0)
+        return "; vxcli must run as root";
+    if (const std::string remove = foreign_leftovers(); !remove.empty())
+        return "; another user's objects are in the way, remove them if no adapter tool runs: " + remove;
+    return "";
+}
 
-// The SCSI host number the kernel gave each port, by port name. The SD
-// records do not carry it; the FC transport class names it in sysfs.
-const std::map<uint64_t, unsigned>& hosts_by_wwpn() {
-    static const std::map<uint64_t, unsigned> hosts = [] {
-        std::map<uint64_t, unsigned> found;
+// The WWPN of every instance, read once when a WWPN or host selects a port.
+struct WwpnTable {
+    std::vector<std::optional<uint64_t>> wwpn;
+    size_t unreadable = 0;
+
+    WwpnTable(PortSession& session, uint32_t count) : wwpn(count) {
+        for (uint32_t i = 0; i < count; ++i) {
+            int handle = 0;
+            DEVICEPORTPROPERTY port{};
+            if (session.open(i, &handle) == SDM_STATUS_SUCCESS &&
+                SDGetHbaDevicePortProperty(handle, 0, &port) == SDM_STATUS_SUCCESS)
+                wwpn[i] = wwn_value(port.WWN);
+            else
+                ++unreadable;
+        }
+    }
+    std::optional<uint32_t> find(uint64_t value) const {
+        for (uint32_t i = 0; i < wwpn.size(); ++i)
+            if (wwpn[i] == value)
+                return i;
+        return std::nullopt;
+    }
+};
+
+}  // namespace
+
+std::optional<PortSelector> parse_port(const std::string& text) {
+    if (all_of(text, 0, isdigit)) {
+        if (text.size() > 10)
+            return std::nullopt;
+        const uint64_t v = std::strtoull(text.c_str(), nullptr, 10);
+        if (v > UINT32_MAX)
+            return std::nullopt;
+        return PortSelector{PortSelector::Instance, v};
+    }
+    if (text.starts_with("host") && text.size() <= 14 && all_of(text, 4, isdigit)) {
+        const uint64_t v = std::strtoull(text.c_str() + 4, nullptr, 10);
+        if (v > UINT32_MAX)
+            return std::nullopt;
+        return PortSelector{PortSelector::Host, v};
+    }
+    if ((text.starts_with("0x") || text.starts_with("0X")) && text.size() == 18) {
+        if (auto v = hex_value(text.substr(2)))
+            return PortSelector{PortSelector::Wwpn, *v};
+        return std::nullopt;
+    }
+    // 21:00:00:1d:5a:01:40:17
+    if (text.size() != 23)
+        return std::nullopt;
+    std::string digits;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (i % 3 == 2) {
+            if (text[i] != ':')
+                return std::nullopt;
+        } else {
+            digits += text[i];
+        }
+    }
+    if (auto v = hex_value(digits))
+        return PortSelector{PortSelector::Wwpn, *v};
+    return std::nullopt;
+}
+
+PortSession::~PortSession() {
+    for (int handle : handles_)
+        SDCloseDevice(handle);
+}
+
+uint32_t PortSession::open(uint32_t instance, int* handle) {
+    const SD_UINT32 status = SDOpenDevice(instance, handle);
+    if (status == SDM_STATUS_SUCCESS)
+        handles_.push_back(*handle);
+    return status;
+}
+
+void explain_no_ports(Context& ctx) {
+    int handle = 0;
+    const SD_UINT32 status = SDOpenDevice(0, &handle);
+    if (status == SDM_STATUS_SUCCESS) {
+        SDCloseDevice(handle);
+        ctx.fail(EXIT_LIBRARY, "the adapters changed while listing them; try again");
+    } else if (status == SDM_STATUS_DEVICE_NOT_FOUND) {
+        ctx.fail(EXIT_NO_ADAPTERS, "no adapters found", status);
+    } else {
+        ctx.fail(EXIT_LIBRARY, "cannot load the adapter library: " + status_text(status) + load_hint(status), status);
+    }
+}
+
+void select_ports(Context& ctx) {
+    std::vector<PortSelector> selectors;
+    for (const std::string& text : ctx.options().ports) {
+        const auto s = parse_port(text);
+        if (!s) {
+            ctx.fail(EXIT_USAGE, fmt::format("bad port '{}': give {}", text, PORT_FORMS));
+            return;
+        }
+        selectors.push_back(*s);
+    }
+    const SD_UINT32 count = SDGetNumberOfAdapters();
+    if (count == 0) {
+        explain_no_ports(ctx);
+        return;
+    }
+
+    std::vector<uint32_t> chosen;
+    if (selectors.empty() && ctx.command().ports == PortArg::Any)
+        for (uint32_t i = 0; i < count; ++i)
+            chosen.push_back(i);
+    std::optional<WwpnTable> wwpns;
+    for (size_t n = 0; n < selectors.size(); ++n) {
+        const PortSelector& s = selectors[n];
+        const std::string& text = ctx.options().ports[n];
+        if (s.kind == PortSelector::Instance) {
+            if (s.value >= count) {
+                ctx.fail(EXIT_NO_ADAPTERS, fmt::format("no port {} ({} found, numbered from 0)", s.value, count));
+                return;
+            }
+            chosen.push_back(static_cast<uint32_t>(s.value));
+            continue;
+        }
+        uint64_t wwpn = s.value;
+        if (s.kind == PortSelector::Host) {
+            const auto& hosts = fc_hosts();
+            const auto it = std::find_if(hosts.begin(), hosts.end(), [&](const FcHost& h) { return h.host == s.value; });
+            if (it == hosts.end()) {
+                ctx.fail(EXIT_NO_ADAPTERS, fmt::format("no FC host {}", text));
+                return;
+            }
+            wwpn = it->wwpn;
+        }
+        if (!wwpns)
+            wwpns.emplace(ctx.session(), count);
+        const auto instance = wwpns->find(wwpn);
+        if (!instance) {
+            std::string message = fmt::format("no port with WWPN {}", wwn_text(wwpn));
+            if (s.kind == PortSelector::Host)
+                message = fmt::format("{} ({}) is not a port of the library", text, wwn_text(wwpn));
+            if (wwpns->unreadable)
+                message += fmt::format(" ({} of {} ports could not be read)", wwpns->unreadable, count);
+            ctx.fail(EXIT_NO_ADAPTERS, message);
+            return;
+        }
+        chosen.push_back(*instance);
+    }
+
+    for (uint32_t instance : chosen) {
+        const auto& ports = ctx.ports();
+        if (std::any_of(ports.begin(), ports.end(), [&](const SelectedPort& p) { return p.instance == instance; }))
+            continue;
+        SelectedPort port;
+        port.instance = instance;
+        const uint32_t status = ctx.session().open(instance, &port.handle);
+        if (status != SDM_STATUS_SUCCESS) {
+            ctx.fail(EXIT_PARTIAL, fmt::format("port {}: open failed: {}", instance, status_text(status)), status);
+            continue;
+        }
+        DEVICEPORTPROPERTY prop{};
+        if (SDGetHbaDevicePortProperty(port.handle, 0, &prop) == SDM_STATUS_SUCCESS)
+            port.host = host_of(wwn_value(prop.WWN));
+        ctx.ports().push_back(port);
+    }
+}
+
+const std::vector<FcHost>& fc_hosts() {
+    static const std::vector<FcHost> hosts = [] {
+        std::vector<FcHost> found;
         std::error_code ec;
         for (const auto& entry : std::filesystem::directory_iterator("/sys/class/fc_host", ec)) {
             const std::string name = entry.path().filename().string();
-            if (name.rfind("host", 0) != 0)
+            if (!name.starts_with("host") || !all_of(name, 4, isdigit))
                 continue;
             std::ifstream in(entry.path() / "port_name");
             std::string text;
-            if (in >> text)
-                found[std::strtoull(text.c_str(), nullptr, 16)] =
-                    static_cast<unsigned>(std::strtoul(name.c_str() + 4, nullptr, 10));
+            if (!(in >> text) || !text.starts_with("0x"))
+                continue;
+            if (const auto wwpn = hex_value(text.substr(2)))
+                found.push_back({static_cast<unsigned>(std::strtoul(name.c_str() + 4, nullptr, 10)), *wwpn});
         }
+        std::sort(found.begin(), found.end(), [](const FcHost& a, const FcHost& b) { return a.host < b.host; });
         return found;
     }();
     return hosts;
 }
 
-json host_of(const PortRow& r) {
-    if (!r.port)
-        return json();
-    uint64_t wwpn = 0;
-    for (uint8_t b : r.port->WWN)
-        wwpn = wwpn << 8 | b;
-    const auto& hosts = hosts_by_wwpn();
-    const auto it = hosts.find(wwpn);
-    return it == hosts.end() ? json() : json(it->second);
+std::optional<unsigned> host_of(uint64_t wwpn) {
+    for (const FcHost& h : fc_hosts())
+        if (h.wwpn == wwpn)
+            return h.host;
+    return std::nullopt;
 }
 
-json wwnn_of(const PortRow& r) { return r.node ? json(wwn_text(r.node->WWN)) : json(); }
-
-json wwpn_of(const PortRow& r) { return r.port ? json(wwn_text(r.port->WWN)) : json(); }
-
-json port_id_of(const PortRow& r) { return r.port ? json(port_id_text(r.port->PortID)) : json(); }
-
-json type_of(const PortRow& r) { return r.node ? json(interface_text(r.node->InterfaceType)) : json(); }
-
-json state_of(const PortRow& r) { return r.port ? json(port_state_text(r.port->PortState)) : json(); }
-
-json speed_of(const PortRow& r) { return r.port ? json(speed_text(r.port->PortSpeed)) : json(); }
-
-json model_of(const PortRow& r) { return r.node ? json(field_text(r.node->Model, sizeof r.node->Model)) : json(); }
-
-json serial_of(const PortRow& r) {
-    return r.node ? json(field_text(r.node->SerialNumber, sizeof r.node->SerialNumber)) : json();
-}
-
-}  // namespace
-
-// New properties become new rows here; the table and JSON follow by themselves.
-const std::vector<Column>& port_columns() {
-    static const std::vector<Column> columns = {
-        {"INSTANCE", "instance", true, instance_of}, {"HANDLE", "handle", true, handle_of},
-        {"HOST", "host", true, host_of},             {"WWNN", "wwnn", false, wwnn_of},
-        {"WWPN", "wwpn", false, wwpn_of},
-        {"PORT ID", "port_id", false, port_id_of},   {"TYPE", "type", false, type_of},
-        {"STATE", "state", false, state_of},         {"SPEED", "speed", false, speed_of},
-        {"MODEL", "model", false, model_of},         {"SERIAL", "serial", false, serial_of},
-    };
-    return columns;
-}
-
-PortSession::~PortSession() {
-    for (uint32_t handle : handles_)
-        SDCloseDevice(handle);
-}
-
-uint32_t PortSession::open(uint32_t instance, uint32_t* handle) {
-    int h = 0;
-    const SD_UINT32 status = SDOpenDevice(instance, &h);
-    if (status == SDM_STATUS_SUCCESS) {
-        handles_.push_back(h);
-        *handle = h;
-    }
-    return status;
-}
-
-std::vector<PortRow> PortSession::open_all(uint32_t count) {
-    std::vector<PortRow> rows;
-    rows.reserve(count);
-    for (uint32_t instance = 0; instance < count; ++instance) {
-        PortRow row;
-        row.instance = instance;
-        uint32_t handle = 0;
-        row.open_status = open(instance, &handle);
-        if (row.open_status == SDM_STATUS_SUCCESS) {
-            row.handle = handle;
-            const int device = static_cast<int>(handle);
-            DEVICENODEPROPERTY node{};
-            const uint32_t node_status = SDGetHbaDeviceNodeProperty(device, &node);
-            if (node_status == SDM_STATUS_SUCCESS)
-                row.node = node;
-            DEVICEPORTPROPERTY port{};
-            const uint32_t port_status = SDGetHbaDevicePortProperty(device, 0, &port);
-            if (port_status == SDM_STATUS_SUCCESS)
-                row.port = port;
-            row.query_status = node_status != SDM_STATUS_SUCCESS ? node_status : port_status;
-        }
-        rows.push_back(row);
-    }
-    return rows;
+uint64_t wwn_value(const uint8_t* wwn) {
+    uint64_t v = 0;
+    for (int i = 0; i < 8; ++i)
+        v = v << 8 | wwn[i];
+    return v;
 }
 
 std::string status_text(uint32_t status) {
