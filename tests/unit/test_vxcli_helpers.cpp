@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "cli.h"
+#include "counters.h"
 #include "dump.h"
 #include "format.h"
 #include "ports.h"
@@ -252,6 +253,15 @@ TEST_F(VxcliOutputFile, WholeOrNotAtAll) {
     EXPECT_EQ(read(taken / "keep"), "kept");
     EXPECT_EQ(entries(dir_), 2u) << "no temporary file left";
     EXPECT_NE(write_output(dir_ / "missing" / "x.bin", "x", 1), "");
+}
+
+TEST(VxcliMetrics, LabelValuesAreEscaped) {
+    const struct {
+        const char* in;
+        const char* out;
+    } rows[] = {{"VXS1051", "VXS1051"}, {"a\"b", "a\\\"b"}, {"c:\\d", "c:\\\\d"}, {"two\nlines", "two\\nlines"}, {"", ""}};
+    for (const auto& r : rows)
+        EXPECT_EQ(metric_label(r.in), r.out) << r.in;
 }
 
 // The man page is written by hand: every command and every shared option

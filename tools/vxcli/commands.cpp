@@ -9,6 +9,9 @@ const std::vector<Command>& commands() {
         targets_command(),
         luns_command(),
         report_command(),
+        stats_command(),
+        events_command(),
+        metrics_command(),
         version_command(),
     };
     return table;

@@ -11,6 +11,9 @@ Command show_command();
 Command targets_command();
 Command luns_command();
 Command report_command();
+Command stats_command();
+Command events_command();
+Command metrics_command();
 Command version_command();
 
 }  // namespace vxcli
