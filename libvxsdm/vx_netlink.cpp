@@ -509,35 +509,49 @@ int vxapi_nl_srlx_updatefw(int fd, uint32_t host_no, uint32_t diag_fw, const uin
                        pext_stat);
 }
 
+namespace {
+
+// A fixed record of `head` bytes followed by `len` data bytes goes out; the
+// record comes back into `rec` and the data into `rx`, as far as the reply
+// holds them. Loopback results are wanted even when the driver reports a
+// failure; other commands' only on success.
+int record_and_data(const char* name, int fd, uint32_t host_no, uint32_t cmd, void* rec, uint32_t head,
+                    const uint8_t* tx, uint8_t* rx, uint32_t len, bool back_on_error, uint32_t* pext_stat) {
+    std::unique_ptr<uint8_t[]> msg(new (std::nothrow) uint8_t[head + len]);
+    std::unique_ptr<uint8_t[]> back(new (std::nothrow) uint8_t[head + len]);
+    if (!msg || !back)
+        return 1;
+    memcpy(msg.get(), rec, head);
+    if (len != 0)
+        memcpy(msg.get() + head, tx, len);
+    exchange x{name, fd, host_no, cmd};
+    x.payload = msg.get();
+    x.len = head + len;
+    x.vmsg_datalen = static_cast<uint16_t>(len);
+    x.reply = back.get();
+    x.reply_len = head + len;
+    uint32_t got = 0;
+    x.reply_got = &got;
+    const int rc = run(x, pext_stat);
+    if ((rc == 0 || back_on_error) && got >= head) {
+        memcpy(rec, back.get(), head);
+        const uint32_t n = got - head < len ? got - head : len;
+        if (n != 0)
+            memcpy(rx, back.get() + head, n);
+    }
+    return rc;
+}
+
+}  // namespace
+
 int vxapi_nl_srlx_mgmt(int fd, uint32_t host_no, vxa_srlx_msg_mgmt* mgmt, uint8_t* data, uint32_t len,
                        uint32_t* pext_stat) {
     constexpr uint32_t HEAD = offsetof(vxa_srlx_msg_mgmt, payload);
     if (!mgmt || (len != 0 && !data) || len > SEND_DATA_MAX - HEAD)
         return 1;
-    std::unique_ptr<uint8_t[]> msg(new (std::nothrow) uint8_t[HEAD + len]);
-    std::unique_ptr<uint8_t[]> back(new (std::nothrow) uint8_t[HEAD + len]);
-    if (!msg || !back)
-        return 1;
     mgmt->len = len;
-    memcpy(msg.get(), mgmt, HEAD);
-    if (len != 0)
-        memcpy(msg.get() + HEAD, data, len);
-    exchange x{"vxapi_nl_srlx_mgmt", fd, host_no, VXA_SRLX_MGMT};
-    x.payload = msg.get();
-    x.len = HEAD + len;
-    x.vmsg_datalen = static_cast<uint16_t>(len);
-    x.reply = back.get();
-    x.reply_len = HEAD + len;
-    uint32_t got = 0;
-    x.reply_got = &got;
-    const int rc = run(x, pext_stat);
-    if (rc == 0 && got >= HEAD) {
-        memcpy(mgmt, back.get(), HEAD);
-        const uint32_t n = got - HEAD < len ? got - HEAD : len;
-        if (n != 0)
-            memcpy(data, back.get() + HEAD, n);
-    }
-    return rc;
+    return record_and_data("vxapi_nl_srlx_mgmt", fd, host_no, VXA_SRLX_MGMT, mgmt, HEAD, data, data, len, false,
+                           pext_stat);
 }
 
 int vxapi_nl_get_aen(int fd, uint32_t host_no, EXT_ASYNC_EVENT* entries, uint32_t* pbytes, uint32_t* pext_stat) {
@@ -569,31 +583,9 @@ int vxapi_nl_loopback_test(int fd, uint32_t host_no, uint32_t cmd, msg_loopback*
     if (!lb || (cmd != VXA_LOOPBACK && cmd != VXA_ECHO) || (len != 0 && (!tx || !rx)) ||
         len > SEND_DATA_MAX - HEAD)
         return 1;
-    std::unique_ptr<uint8_t[]> msg(new (std::nothrow) uint8_t[HEAD + len]);
-    std::unique_ptr<uint8_t[]> back(new (std::nothrow) uint8_t[HEAD + len]);
-    if (!msg || !back)
-        return 1;
     lb->len = len;
     lb->total_len = len;
-    memcpy(msg.get(), lb, HEAD);
-    if (len != 0)
-        memcpy(msg.get() + HEAD, tx, len);
-    exchange x{"vxapi_nl_loopback_test", fd, host_no, cmd};
-    x.payload = msg.get();
-    x.len = HEAD + len;
-    x.vmsg_datalen = static_cast<uint16_t>(len);
-    x.reply = back.get();
-    x.reply_len = HEAD + len;
-    uint32_t got = 0;
-    x.reply_got = &got;
-    const int rc = run(x, pext_stat);
-    if (got >= HEAD) {
-        memcpy(lb, back.get(), HEAD);
-        const uint32_t n = got - HEAD < len ? got - HEAD : len;
-        if (n != 0)
-            memcpy(rx, back.get() + HEAD, n);
-    }
-    return rc;
+    return record_and_data("vxapi_nl_loopback_test", fd, host_no, cmd, lb, HEAD, tx, rx, len, true, pext_stat);
 }
 
 int vxapi_nl_port_param(int fd, uint32_t host_no, vxa_port_param* param, uint32_t* pext_stat) {
