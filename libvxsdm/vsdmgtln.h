@@ -305,6 +305,46 @@ VXSD_STATIC_ASSERT(sizeof(FABRICADDRESS) == 12, "FABRICADDRESS size");
 #define SDM_MAX_CDB_LEN 16u
 #define SDM_MAX_SENSE_LEN 256u
 
+/* Link and traffic counters of a port (SDGetStatistics) or of a remote port
+ * (SDGetStatisticsFC). InterruptCount and Reserved are never written. */
+typedef struct {
+    SD_UINT32 ControllerErrorCount;
+    SD_UINT32 DeviceErrorCount;
+    SD_UINT32 IOCount;
+    SD_UINT32 MegabyteCount;
+    SD_UINT32 LipResetCount;
+    SD_UINT32 InterruptCount;
+    SD_UINT32 LinkFailureCount;
+    SD_UINT32 LossOfSyncCount;
+    SD_UINT32 LossOfSignalCount;
+    SD_UINT32 PrimitiveSeqProtocolErrorCount;
+    SD_UINT32 InvalidTransmissionWordCount;
+    SD_UINT32 InvalidCRCCount;
+    SD_UINT32 Reserved[32];
+} STATISTICS;
+VXSD_STATIC_ASSERT(sizeof(STATISTICS) == 176, "STATISTICS size");
+VXSD_STATIC_ASSERT(offsetof(STATISTICS, InterruptCount) == 20, "STATISTICS.InterruptCount");
+VXSD_STATIC_ASSERT(offsetof(STATISTICS, InvalidCRCCount) == 44, "STATISTICS.InvalidCRCCount");
+VXSD_STATIC_ASSERT(offsetof(STATISTICS, Reserved) == 48, "STATISTICS.Reserved");
+
+/* One asynchronous event (SDGetAen). */
+typedef struct {
+    SD_UINT32 EventCode; /* SDM_AEN_ */
+    SD_UINT32 Reserved[3];
+} ASYNCEVENT;
+VXSD_STATIC_ASSERT(sizeof(ASYNCEVENT) == 16, "ASYNCEVENT size");
+
+/* EventCode values. Port database changes read 6 and fabric changes (RSCN)
+ * 5: the numbering is the interface's. */
+#define SDM_AEN_LIP 1u
+#define SDM_AEN_LINK_UP 2u
+#define SDM_AEN_LINK_DOWN 3u
+#define SDM_AEN_LIP_RESET 4u
+#define SDM_AEN_RSCN 5u
+#define SDM_AEN_PORT_DB_CHANGE 6u
+#define SDM_AEN_STATE_CHANGE 7u
+#define SDM_AEN_FABRIC_CHANGE 8u
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -423,6 +463,28 @@ VXSD_API SD_UINT32 SDSendCTPassThru(int Device, void* pReqBuffer, SD_UINT32 ReqB
 /* Not supported: always SDM_STATUS_NOT_SUPPORTED. */
 VXSD_API SD_UINT32 SDSendElsRnid(int Device, FABRICADDRESS* pFabricAddr, SD_UINT16 NIDFormat, void* pRespBuffer,
                                  SD_UINT32 RespBufferSize);
+
+/* The port's counters. HbaDevPortNum is not used: one port per handle. */
+VXSD_API SD_UINT32 SDGetStatistics(int Device, SD_UINT16 HbaDevPortNum, STATISTICS* pStatistics);
+/* A remote port's counters, named by port name (AddressType 2), as a
+ * STATISTICS record into pStatistics (at least 176 bytes). Over sysfs the
+ * transport keeps no counters per remote port: SDM_STATUS_NOT_SUPPORTED. */
+VXSD_API SD_UINT32 SDGetStatisticsFC(int Device, SD_UINT16 HbaDevPortNum, DESTINATIONADDRESS* pDestAddr,
+                                     SD_UINT8* pStatistics);
+VXSD_API SD_UINT32 SDGetPortStatisticsFC(int Device, SD_UINT32 HbaDevPortNum, DESTINATIONADDRESS* pDestAddr,
+                                         SD_UINT8* pStatistics);
+/* Clears the port's counters: sysfs ports of the families from Heron on;
+ * SDM_STATUS_NOT_SUPPORTED elsewhere. */
+VXSD_API SD_UINT32 SDResetStatistics(int Device, SD_UINT16 HbaDevPortNum);
+
+/* Asynchronous events: switched on and off per port (the driver queues
+ * them; the library's event thread collects them every 15 seconds into a
+ * queue of each process that has the library loaded). SDGetAen empties this
+ * process's queue for the port: the newest min(queued, AenBufSize / 16)
+ * events go to pAenBuf, the rest are dropped; *pAenCount is their number. */
+VXSD_API SD_UINT32 SDEnableAen(int Device);
+VXSD_API SD_UINT32 SDDisableAen(int Device);
+VXSD_API SD_UINT32 SDGetAen(int Device, ASYNCEVENT* pAenBuf, SD_UINT32 AenBufSize, SD_UINT32* pAenCount);
 
 #ifdef __cplusplus
 }

@@ -64,6 +64,15 @@ struct vxapi_channel_ops {
                                 void* resp, uint32_t resp_size, uint32_t* pext_stat);
     int32_t (*send_els_passthru)(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
                                  void* resp, uint32_t resp_size, uint32_t* pext_stat);
+    int32_t (*get_statistics)(int handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat,
+                              uint32_t* pext_dstat);
+    int32_t (*get_port_statistics)(int handle, vxapi_priv_database* inst, const EXT_DEST_ADDR* dest,
+                                   EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat, uint32_t* pext_dstat);
+    int32_t (*reset_stats)(int handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+    int32_t (*async_event_reg)(int handle, vxapi_priv_database* inst, uint32_t enable, void* reserved,
+                               uint32_t* pext_stat);
+    int32_t (*async_event_get)(int handle, vxapi_priv_database* inst, EXT_ASYNC_EVENT* buf, uint32_t* plen,
+                               uint32_t* pext_stat);
 };
 
 extern const vxapi_channel_ops vxapi_ioctl_channel;    // newer record generation
@@ -155,6 +164,15 @@ int32_t vxapi_scsipt_run(const char* name, vxapi_scsipt_exec exec, int handle, v
 // False when both are given (a pass-through never moves data both ways).
 bool vxapi_scsipt_data(void* req, uint32_t req_size, void* resp, uint32_t resp_size, uint8_t* direction,
                        void** data, uint32_t* len);
+int32_t vxapi_ioctl_get_statistics(int handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat,
+                                   uint32_t* pext_stat, uint32_t* pext_dstat);
+int32_t vxapi_ioctl_get_port_statistics(int handle, vxapi_priv_database* inst, const EXT_DEST_ADDR* dest,
+                                        EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat, uint32_t* pext_dstat);
+int32_t vxapi_ioctl_reset_stats(int handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+int32_t vxapi_ioctl_async_event_reg(int handle, vxapi_priv_database* inst, uint32_t enable, void* reserved,
+                                    uint32_t* pext_stat);
+int32_t vxapi_ioctl_async_event_get(int handle, vxapi_priv_database* inst, EXT_ASYNC_EVENT* buf, uint32_t* plen,
+                                    uint32_t* pext_stat);
 
 // The checks every leaf makes before it dispatches: a port with a channel
 // and the pointers the call needs. On failure the extended status is 9 and

@@ -32,19 +32,9 @@ inline constexpr uint32_t VX_IFTYPE_VIRTUAL = 3;
 struct INT_OPT_ROM_LAYOUT;
 struct vxapi_channel_ops;
 
-// One registered port-event callback of the Common HBA API client.
-struct vxapi_hbapt_reg_cb_t {
-    void (*cb_hba_port_event)(void* userdata, uint64_t port_wwn, uint32_t event_type,
-                              uint32_t fabric_port_id);
-    void* hba_port_userdata;
-    uint32_t hba_port_buf_len;
-    void* prmcb_handle;
-};
-
-// Per-port event-callback table, allocated zeroed with each port record.
-struct vxapi_aen_callback_table {
-    vxapi_hbapt_reg_cb_t hbapt;
-};
+// Per-port event-callback table (vx_event.h), allocated zeroed with each
+// port record.
+struct vxapi_aen_callback_table;
 
 // One physical adapter function, shared by its physical port and its virtual
 // ports. Its size depends on the pointer width (320 bytes on 32-bit hosts).
@@ -117,6 +107,18 @@ static_assert(offsetof(vxapi_priv_database, features) == 308);
 static_assert(offsetof(vxapi_priv_database, topology) == 316);
 static_assert(offsetof(vxapi_priv_database, phy_info) == 320);
 static_assert(sizeof(vxapi_priv_database) == 320 + 3 * sizeof(void*) + 168);  // 500 on 32-bit
+
+// Feature bits that change while the event thread runs (events enabled, the
+// netlink sockets, the event fetch) are set, cleared and read through these.
+inline uint32_t vxapi_features(const vxapi_priv_database* record) {
+    return std::atomic_ref<uint32_t>(const_cast<uint32_t&>(record->features)).load(std::memory_order_relaxed);
+}
+inline void vxapi_features_set(vxapi_priv_database* record, uint32_t bits) {
+    std::atomic_ref<uint32_t>(record->features).fetch_or(bits, std::memory_order_relaxed);
+}
+inline void vxapi_features_clear(vxapi_priv_database* record, uint32_t bits) {
+    std::atomic_ref<uint32_t>(record->features).fetch_and(~bits, std::memory_order_relaxed);
+}
 
 // Row of the older fixed instance table.
 struct vxapi_priv_db_t {
@@ -191,6 +193,16 @@ struct vxapi_libinst_owner {
 static_assert(sizeof(vxapi_libinst_owner) == 16);
 inline constexpr uint32_t VX_LIBINST_OWNERS = 1024;
 
+// The FC transport multicasts each event to every process's socket: the
+// newest kernel event number that some process has queued, so that the
+// others pass over their copies. Zero (not valid) in files of libraries
+// that do not record it.
+struct vxapi_fc_event_seen {
+    uint32_t valid;     // VX_FC_EVENT_SEEN_VALID once a number is recorded
+    uint32_t last_num;  // the newest event number queued
+};
+inline constexpr uint32_t VX_FC_EVENT_SEEN_VALID = 0x5EE4E7A1;
+
 struct vxapi_shared_t {
     uint32_t libinst_flags[VX_LIBINST_SLOTS];
     vxapi_hbaptevq_t hbaptevq[VX_LIBINST_SLOTS];
@@ -198,12 +210,14 @@ struct vxapi_shared_t {
     // The first 16 KiB of the reserved area: zero in files of libraries that
     // do not record owners, which reads as "no owner recorded".
     vxapi_libinst_owner libinst_owner[VX_LIBINST_OWNERS];
-    uint8_t reserved[122688 - VX_LIBINST_OWNERS * sizeof(vxapi_libinst_owner)];
+    vxapi_fc_event_seen fc_event_seen;
+    uint8_t reserved[122688 - VX_LIBINST_OWNERS * sizeof(vxapi_libinst_owner) - sizeof(vxapi_fc_event_seen)];
 };
 static_assert(offsetof(vxapi_shared_t, hbaptevq) == 32);
 static_assert(offsetof(vxapi_shared_t, fut) == 131264);
 static_assert(offsetof(vxapi_shared_t, libinst_owner) == 139456);  // where the reserved area starts
-static_assert(offsetof(vxapi_shared_t, reserved) == 139456 + 16384);
+static_assert(offsetof(vxapi_shared_t, fc_event_seen) == 139456 + 16384);
+static_assert(offsetof(vxapi_shared_t, reserved) == 139456 + 16384 + 8);
 static_assert(sizeof(vxapi_shared_t) == VX_SHARED_FILE_SIZE);
 
 // ---- Registry globals ----
@@ -317,7 +331,8 @@ int vxapi_sem_del(int id);
 // the set it names was removed (EINVAL, EIDRM), so a removed set never passes
 // for a lock. 0 when held; -1 with errno when the set cannot be had (EACCES
 // for a foreign set, ENOSYS without System V IPC) or a termination signal
-// came while waiting (EINTR).
+// came while waiting (EINTR). A thread that holds the lock already takes it
+// again at once; its outermost unlock gives it back.
 int vxapi_sem_lock(std::atomic<int>& id, int key);
 void vxapi_sem_unlock(std::atomic<int>& id);
 // Removes the set while holding it, so that nobody holds it between a
@@ -497,8 +512,9 @@ int sdm_ioctl(int fd, uint32_t req, void* pext, const vxapi_priv_database* recor
 // What the count and instance-selection commands hand back in the request
 // record itself.
 struct vxapi_ext_answer {
-    uint16_t instance;    // EXT_CC_GET_HBA_CNT: the adapter count
-    uint16_t hba_select;  // EXT_CC_SET_INSTANCE: the host number
+    uint16_t instance;      // EXT_CC_GET_HBA_CNT: the adapter count
+    uint16_t hba_select;    // EXT_CC_SET_INSTANCE: the host number
+    uint32_t response_len;  // EXT_CC_GET_AEN: the bytes of events returned
 };
 // The one send path of the ioctl channel: one request on an ioctl port, in
 // the port's record generation. Returns the ioctl result (0, or -1 with
@@ -653,6 +669,23 @@ int32_t vxapi_send_els_passthru(int handle, vxapi_priv_database* inst, const voi
 // Port topologies on which the fabric's services answer.
 inline constexpr uint16_t VX_TOPOLOGY_FL_PORT = 4;
 inline constexpr uint16_t VX_TOPOLOGY_F_PORT = 8;
+// Statistics (vx_core_stats): the port's counters, a remote port's counters
+// (named by the destination address), clearing the port's counters. The
+// driver's status and detail come back through pext_stat and pext_dstat.
+int32_t vxapi_get_statistics(int handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat,
+                             uint32_t* pext_dstat);
+int32_t vxapi_get_port_statistics(int handle, vxapi_priv_database* inst, const EXT_DEST_ADDR* dest,
+                                  EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat, uint32_t* pext_dstat);
+int32_t vxapi_reset_stats(int handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+// Switches the driver's event delivery for the port on (enable 1) or off;
+// sets or clears feature 0x10 whatever the driver answered. Ports whose
+// events arrive by netlink send nothing (status 0). `reserved` is unused.
+int32_t vxapi_async_event_reg(int handle, vxapi_priv_database* inst, uint32_t enable, void* reserved,
+                              uint32_t* pext_stat);
+// The port's pending events: *plen is the room of `buf` in bytes on entry
+// and the bytes of events returned on exit. Sets feature 0x800.
+int32_t vxapi_async_event_get(int handle, vxapi_priv_database* inst, EXT_ASYNC_EVENT* buf, uint32_t* plen,
+                              uint32_t* pext_stat);
 
 // LUN number from the first two bytes of an 8-byte SCSI LUN; 0xFFFFFFFF for
 // the extended addressing method.

@@ -5,7 +5,7 @@
 
 // Both ioctl generations share their functions: the send path frames the
 // record generation the port's features name. The SCSI pass-through alone
-// has one function per generation.
+// has one function per generation; the slots after it are the same again.
 #define VX_IOCTL_SLOTS                                                                                         \
     vxapi_ioctl_query_hbanode, vxapi_ioctl_query_hbaport, vxapi_ioctl_query_chip, vxapi_ioctl_query_driver,     \
         vxapi_ioctl_query_fw, vxapi_ioctl_query_cnaport, vxapi_ioctl_query_discport, vxapi_ioctl_query_disctgt, \
@@ -14,14 +14,16 @@
         vxapi_ioctl_read_optrom, vxapi_ioctl_update_optrom, vxapi_ioctl_activate_region,                      \
         vxapi_ioctl_get_flash_sector_size, vxapi_ioctl_flash_update_caps, vxapi_ioctl_query_adapter_versions, \
         vxapi_ioctl_get_active_image_set, vxapi_ioctl_get_nvram, vxapi_ioctl_set_nvram, vxapi_ioctl_set_vpd
-#define VX_IOCTL_PT_SLOTS \
-    vxapi_ioctl_send_fc_scsipt, vxapi_ioctl_send_ct_passthru, vxapi_ioctl_send_els_passthru
+#define VX_IOCTL_LATER_SLOTS \
+    vxapi_ioctl_send_fc_scsipt, vxapi_ioctl_send_ct_passthru, vxapi_ioctl_send_els_passthru,                 \
+        vxapi_ioctl_get_statistics, vxapi_ioctl_get_port_statistics, vxapi_ioctl_reset_stats,                   \
+        vxapi_ioctl_async_event_reg, vxapi_ioctl_async_event_get
 
-const vxapi_channel_ops vxapi_ioctl_channel = {"ioctl", VX_IOCTL_SLOTS, vxapi_send_scsipt_n, VX_IOCTL_PT_SLOTS};
+const vxapi_channel_ops vxapi_ioctl_channel = {"ioctl", VX_IOCTL_SLOTS, vxapi_send_scsipt_n, VX_IOCTL_LATER_SLOTS};
 const vxapi_channel_ops vxapi_ioctl_o_channel = {"ioctl (older)", VX_IOCTL_SLOTS, vxapi_send_scsipt_o,
-                                                 VX_IOCTL_PT_SLOTS};
+                                                 VX_IOCTL_LATER_SLOTS};
 #undef VX_IOCTL_SLOTS
-#undef VX_IOCTL_PT_SLOTS
+#undef VX_IOCTL_LATER_SLOTS
 
 const vxapi_channel_ops vxapi_sysfs_channel = {
     "sysfs",
@@ -53,6 +55,11 @@ const vxapi_channel_ops vxapi_sysfs_channel = {
     vxsysfs_send_fc_scsipt,
     vxsysfs_send_ct_passthru,
     vxsysfs_send_els_passthru,
+    vxsysfs_get_statistics,
+    vxsysfs_get_port_statistics,
+    vxsysfs_reset_stats,
+    vxsysfs_async_event_reg,
+    vxsysfs_async_event_get,
 };
 
 void vxapi_set_channel(vxapi_priv_database* inst) {

@@ -126,7 +126,7 @@ int send_ext(int handle, const vxapi_priv_database* record, uint8_t command, uin
         if (pext_dstat)
             *pext_dstat = ext.DetailStatus;
         if (answer)
-            *answer = {ext.Instance, ext.HbaSelect};
+            *answer = {ext.Instance, ext.HbaSelect, ext.ResponseLen};
         return rc;
     }
 
@@ -162,7 +162,7 @@ int send_ext(int handle, const vxapi_priv_database* record, uint8_t command, uin
     if (pext_dstat)
         *pext_dstat = ext.DetailStatus;
     if (answer)
-        *answer = {ext.Instance, ext.HbaSelect};
+        *answer = {ext.Instance, ext.HbaSelect, ext.ResponseLen};
     errno = saved;
     return rc;
 }

@@ -408,6 +408,22 @@ bool alloc_port(const char* fn, uint32_t features) {
     return false;
 }
 
+// One transient driver error would silently cost the port: its queries are
+// asked once more, and a port that fails twice is traced as lost.
+port_result discover_port_retried(const generation& g, vxapi_priv_database* rec, uint32_t inst, uint32_t index) {
+    port_result result = discover_port(g, rec, inst);
+    if (result != port_result::dropped)
+        return result;
+    result = discover_port(g, rec, inst);
+    if (result == port_result::dropped && vxdbg_on(ERR)) {
+        vxdbg_print(g.fn, 0, VXDBG_NONE, 0);
+        vxdbg_print(": inst ", inst, VXDBG_DEC, 0);
+        vxdbg_print(" index ", index, VXDBG_DEC, 0);
+        vxdbg_print(": port lost, its queries failed twice.", 0, VXDBG_NONE, 1);
+    }
+    return result;
+}
+
 }  // namespace
 
 // ---- Pure steps ----
@@ -644,16 +660,7 @@ int vxapi_find_all_instances_n(const char* driver, uint32_t* count) {
         }
         snprintf(reinterpret_cast<char*>(rec->phys_path), sizeof rec->phys_path, "%s", path);
 
-        port_result result = discover_port(g, rec, inst);
-        if (result == port_result::dropped) {
-            // One transient driver error would silently cost the port: ask once more.
-            result = discover_port(g, rec, inst);
-            if (result == port_result::dropped && vxdbg_on(ERR)) {
-                vxdbg_print("vxapi_find_all_instances_n: inst ", inst, VXDBG_DEC, 0);
-                vxdbg_print(" index ", index, VXDBG_DEC, 0);
-                vxdbg_print(": port lost, its queries failed twice.", 0, VXDBG_NONE, 1);
-            }
-        }
+        const port_result result = discover_port_retried(g, rec, inst, index);
         // Discovery keeps no node open: vxapi_open_adapter reopens it.
         close_node(rec);
         switch (result) {
@@ -706,7 +713,7 @@ int vxapi_find_all_instances_o(const char* driver, uint32_t* count) {
         }
         snprintf(reinterpret_cast<char*>(rec->phys_path), sizeof rec->phys_path, "%s", path);
 
-        const port_result result = discover_port(g, rec, kept);
+        const port_result result = discover_port_retried(g, rec, kept, inst);
         close_node(rec);
         if (result == port_result::out_of_memory) {
             free_all();

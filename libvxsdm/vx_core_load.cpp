@@ -17,7 +17,7 @@
 #include "vx_event.h"
 #include "vx_sddbg.h"
 #include "vx_sysfs.h"
-#include "vxa_nlnk.h"
+#include "vx_netlink.h"
 
 int OS_Type = VX_OS_LINUX;
 uint8_t is_vioctlmod_loaded;
@@ -318,15 +318,21 @@ void vxapi_cleanup_hbas() {
         vxdbg_line(LOAD_ERROR, "vxapi_cleanup_hbas: api_priv_datanot found, exiting");
         return;
     }
+    // The event thread's pass reads what this changes.
+    vxapi_event_hold hold(false);
     vx_dlist_each<vxapi_priv_database>(api_priv_database, [](vxapi_priv_database* record) {
         if (api_use_database) {
+            // Other processes may still want the driver's events: only this
+            // process's interest goes.
             record->open_cnt = 0;
-            record->features &= ~VX_FEAT_EVENTS;
+            vxapi_features_clear(record, VX_FEAT_EVENTS);
             vxapi_unreg_all_events(record);
         } else {
-            // Nothing can switch a port's driver events on yet, so there is
-            // no delivery to switch off; the flag is cleared all the same.
-            record->features &= ~VX_FEAT_EVENTS;
+            if (vxapi_features(record) & VX_FEAT_EVENTS) {
+                uint32_t ext_stat = 0;
+                vxapi_async_event_reg(record->oshandle, record, 0, nullptr, &ext_stat);
+            }
+            vxapi_features_clear(record, VX_FEAT_EVENTS);
         }
         if (record->oshandle >= 0)
             close(record->oshandle);
@@ -339,6 +345,11 @@ void vxapi_cleanup_hbas() {
 
 int vxapi_unload_lib() {
     vxdbg_line(LOAD_TRACE, "vxapi_unload_lib: entered.");
+    // From a port-event callback the unload would join the thread it runs on.
+    if (vxapi_on_event_thread()) {
+        vxdbg_line(LOAD_ERROR, "vxapi_unload_lib: refused on the event thread (inside an event callback).");
+        return 1;
+    }
     std::lock_guard<std::mutex> process_lock(load_mutex);
     lib_loaded.store(false, std::memory_order_release);
     const bool locked = vxapi_sem_lock(api_thread_sem_id, VX_SEM_KEY_THREAD) == 0;
@@ -459,7 +470,13 @@ extern "C" VXSD_API SD_UINT32 SDOpenDevice(SD_UINT32 UserAdapterNumber, int* pDe
         return SDM_STATUS_DEVICE_NOT_FOUND;
     }
     uint32_t handle = 0, status = 0;
-    if (vxapi_open_adapter(record, &handle, &status) != 0) {
+    int opened;
+    {
+        // The event thread's pass uses the port's descriptor.
+        vxapi_event_hold hold(false);
+        opened = vxapi_open_adapter(record, &handle, &status);
+    }
+    if (opened != 0) {
         trace_inst(SD_ERROR, ") : open failed.");
         return status != 0 ? status : SDM_STATUS_UNKNOWN_ERROR;
     }
@@ -481,6 +498,12 @@ extern "C" VXSD_API SD_UINT32 SDCloseDevice(int Device) {
     }
     if (!vxapi_lib_loaded() || vxapi_get_open_adapter_count() == 0)
         return SDM_STATUS_SUCCESS;
+    // A port-event callback runs inside the pass that uses the descriptors,
+    // and the last close would unload under it.
+    if (vxapi_on_event_thread()) {
+        vxdbg_num(SD_ERROR, "SDCloseDevice: refused inside an event callback. handle=", handle, VXDBG_DEC, 1);
+        return SDM_STATUS_INVALID_REQUEST;
+    }
     int fd = -1;
     vxapi_priv_database* record = nullptr;
     if (vxapi_open_database(&fd) == 0 && database_ready())
@@ -490,7 +513,12 @@ extern "C" VXSD_API SD_UINT32 SDCloseDevice(int Device) {
         return SDM_STATUS_INVALID_HANDLE;
     }
     uint32_t status = 0;
-    if (vxapi_close_adapter(record, &status) != 0) {
+    int closed;
+    {
+        vxapi_event_hold hold(false);
+        closed = vxapi_close_adapter(record, &status);
+    }
+    if (closed != 0) {
         vxdbg_num(SD_ERROR, "SDCloseDevice: close failed. status=", status, VXDBG_DEC, 1);
         return status != 0 ? status : SDM_STATUS_UNKNOWN_ERROR;
     }

@@ -10,6 +10,7 @@
 
 #include "vx_channel.h"
 #include "vx_core.h"
+#include "vx_event.h"
 #include "vx_sddbg.h"
 
 Dlist* api_priv_database;
@@ -67,7 +68,7 @@ vxapi_priv_database* check_handle(uint32_t handle) {
         found = record;
         return false;
     });
-    if (found && !(found->features & (VX_FEAT_IOCTL_NODE | VX_FEAT_SYSFS)))
+    if (found && !(vxapi_features(found) & (VX_FEAT_IOCTL_NODE | VX_FEAT_SYSFS)))
         return nullptr;
     return found;
 }

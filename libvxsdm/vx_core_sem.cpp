@@ -90,6 +90,33 @@ void end_hold() {
         vxapi_finish_pending_termination();
 }
 
+// The locks this thread holds, by id variable, with how often it took each:
+// a thread that takes a lock it holds goes on (an event callback that calls
+// back into the library runs inside the event thread's hold of the
+// database lock); only its outermost release gives the lock back.
+struct thread_hold {
+    const std::atomic<int>* var;
+    int depth;
+};
+thread_local thread_hold thread_holds[4];
+
+thread_hold* held_here(const std::atomic<int>& id_var) {
+    for (thread_hold& h : thread_holds)
+        if (h.var == &id_var && h.depth > 0)
+            return &h;
+    return nullptr;
+}
+
+void note_held(const std::atomic<int>& id_var) {
+    for (thread_hold& h : thread_holds) {
+        if (h.depth == 0) {
+            h.var = &id_var;
+            h.depth = 1;
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 int vxapi_sem_get(int key) {
@@ -140,6 +167,10 @@ int vxapi_sem_holds() { return holds.load(); }
 
 int vxapi_sem_lock(std::atomic<int>& id_var, int key) {
     holds.fetch_add(1);
+    if (thread_hold* h = held_here(id_var)) {
+        ++h->depth;
+        return 0;
+    }
     int err = 0;
     for (int lookups = 0; lookups < MAX_LOOKUPS;) {
         int id = id_var.load();
@@ -152,8 +183,10 @@ int vxapi_sem_lock(std::atomic<int>& id_var, int key) {
             }
             id_var.store(id);
         }
-        if (sem_op(id, -1, 0) == 0)
+        if (sem_op(id, -1, 0) == 0) {
+            note_held(id_var);
             return 0;
+        }
         err = errno;
         if (err == EINTR) {
             // A termination signal must not wait behind another process.
@@ -177,6 +210,10 @@ int vxapi_sem_lock(std::atomic<int>& id_var, int key) {
 }
 
 void vxapi_sem_unlock(std::atomic<int>& id_var) {
+    if (thread_hold* h = held_here(id_var); h && --h->depth > 0) {
+        end_hold();
+        return;
+    }
     const int id = id_var.load();
     if (id != -1 && sem_op(id, 1, 0) == -1)
         trace_semop_error("vxapi_sem_unlock: id=", id, errno);
@@ -184,6 +221,11 @@ void vxapi_sem_unlock(std::atomic<int>& id_var) {
 }
 
 void vxapi_sem_unlock_delete(std::atomic<int>& id_var) {
+    // An inner hold leaves the set to the outermost one.
+    if (thread_hold* h = held_here(id_var); h && --h->depth > 0) {
+        end_hold();
+        return;
+    }
     const int id = id_var.exchange(-1);
     if (id != -1 && vxapi_sem_del(id) == -1)
         vxdbg_num(SEM_ERROR, "vxapi_sem_unlock_delete: IPC_RMID failed. errno=", static_cast<uint64_t>(errno),

@@ -1,8 +1,9 @@
 // SD management interface: device properties (node, port, chip, driver,
-// firmware, converged port) and what the port has discovered (remote ports,
-// targets, the port database, a target's LUNs). Each call resolves its
-// handle, runs one leaf operation into a local driver record and converts
-// that record field by field into the caller's, which it never clears.
+// firmware, converged port), what the port has discovered (remote ports,
+// targets, the port database, a target's LUNs), statistics and events. Each
+// call resolves its handle, runs one leaf operation into a local driver
+// record and converts that record field by field into the caller's, which
+// it never clears.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include "vsdmgt.h"
 #include "vx_adapters.h"
 #include "vx_core.h"
+#include "vx_event.h"
 #include "vx_sdapi.h"
 #include "vx_sddbg.h"
 
@@ -658,4 +660,209 @@ extern "C" VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId,
     }
     trace_exit(name, Device, status);
     return status;
+}
+
+// ---- Statistics ----
+
+namespace {
+
+// Status rule of the statistics calls: the driver's status first (with its
+// detail), then the request's own failure.
+uint32_t stats_status(const char* name, int handle, int32_t rc, uint32_t ext_stat, uint32_t ext_dstat) {
+    if (ext_stat != EXT_STATUS_OK) {
+        trace_call(SD_ERROR, name, handle, "): bad stat ", ext_stat, VXDBG_DEC);
+        return SDXlateSDMErr(ext_stat, ext_dstat);
+    }
+    if (rc < 0) {
+        const uint32_t status = errno_status();
+        trace_call(SD_ERROR, name, handle, "): ioctl failed ", status, VXDBG_DEC);
+        return status;
+    }
+    return rc == 0 ? SDM_STATUS_SUCCESS : SDM_STATUS_UNKNOWN_ERROR;
+}
+
+// The twelve counters of a STATISTICS record at `out` (any alignment), from
+// the driver's record; InterruptCount (offset 20) and Reserved are left as
+// the caller had them.
+void copy_statistics(const EXT_HBA_PORT_STAT& s, uint8_t* out) {
+    const struct {
+        size_t offset;
+        uint32_t value;
+    } words[] = {
+        {offsetof(STATISTICS, ControllerErrorCount), s.ControllerErrorCount},
+        {offsetof(STATISTICS, DeviceErrorCount), s.DeviceErrorCount},
+        {offsetof(STATISTICS, IOCount), s.TotalIoCount},
+        {offsetof(STATISTICS, MegabyteCount), s.TotalMBytes},
+        {offsetof(STATISTICS, LipResetCount), s.TotalLipResets},
+        {offsetof(STATISTICS, LinkFailureCount), s.TotalLinkFailures},
+        {offsetof(STATISTICS, LossOfSyncCount), s.TotalLossOfSync},
+        {offsetof(STATISTICS, LossOfSignalCount), s.TotalLossOfSignals},
+        {offsetof(STATISTICS, PrimitiveSeqProtocolErrorCount), s.PrimitiveSeqProtocolErrorCount},
+        {offsetof(STATISTICS, InvalidTransmissionWordCount), s.InvalidTransmissionWordCount},
+        {offsetof(STATISTICS, InvalidCRCCount), s.InvalidCRCCount},
+    };
+    for (const auto& w : words)
+        memcpy(out + w.offset, &w.value, sizeof w.value);
+}
+
+// The oldest families keep no counters the driver can clear.
+bool keeps_resettable_counters(const vxapi_priv_database* inst) {
+    const vx_family family = inst->phy_info ? vx_adapter_family(inst->phy_info->device_id) : vx_family::Unknown;
+    return family != vx_family::Finch && family != vx_family::Hp && family != vx_family::Robin;
+}
+
+}  // namespace
+
+extern "C" VXSD_API SD_UINT32 SDGetStatistics(int Device, SD_UINT16 HbaDevPortNum, STATISTICS* pStatistics) {
+    static constexpr const char* name = "SDGetStatistics";
+    (void)HbaDevPortNum;  // one port per handle
+    trace_entry(name, Device);
+    vxapi_priv_database* inst = resolve(name, Device);
+    if (!inst)
+        return SDM_STATUS_INVALID_HANDLE;
+    if (!pStatistics)
+        return null_record(name, Device);
+    EXT_HBA_PORT_STAT stat{};
+    uint32_t ext_stat = 0, ext_dstat = 0;
+    const int32_t rc = vxapi_get_statistics(inst->oshandle, inst, &stat, &ext_stat, &ext_dstat);
+    const uint32_t status = stats_status(name, Device, rc, ext_stat, ext_dstat);
+    if (status == SDM_STATUS_SUCCESS)
+        copy_statistics(stat, reinterpret_cast<uint8_t*>(pStatistics));
+    trace_exit(name, Device, status);
+    return status;
+}
+
+extern "C" VXSD_API SD_UINT32 SDGetStatisticsFC(int Device, SD_UINT16 HbaDevPortNum, DESTINATIONADDRESS* pDestAddr,
+                                                SD_UINT8* pStatistics) {
+    static constexpr const char* name = "SDGetStatisticsFC";
+    (void)HbaDevPortNum;
+    trace_entry(name, Device);
+    vxapi_priv_database* inst = resolve(name, Device);
+    if (!inst)
+        return SDM_STATUS_INVALID_HANDLE;
+    if (!pDestAddr || !pStatistics)
+        return null_record(name, Device);
+    if (pDestAddr->AddressType != SDM_ADDRESS_WWPN) {
+        trace_call(SD_ERROR, name, Device, "): address type not served ", pDestAddr->AddressType, VXDBG_DEC);
+        return SDM_STATUS_INVALID_PARAMETER;
+    }
+    EXT_DEST_ADDR dest{};
+    memcpy(dest.DestAddr.WWPN, pDestAddr->AddressUsing.WWPN, sizeof dest.DestAddr.WWPN);
+    dest.DestType = EXT_DEF_DESTTYPE_WWPN;
+    EXT_HBA_PORT_STAT stat{};
+    uint32_t ext_stat = 0, ext_dstat = 0;
+    const int32_t rc = vxapi_get_port_statistics(inst->oshandle, inst, &dest, &stat, &ext_stat, &ext_dstat);
+    const uint32_t status = stats_status(name, Device, rc, ext_stat, ext_dstat);
+    if (status == SDM_STATUS_SUCCESS)
+        copy_statistics(stat, pStatistics);
+    trace_exit(name, Device, status);
+    return status;
+}
+
+extern "C" VXSD_API SD_UINT32 SDGetPortStatisticsFC(int Device, SD_UINT32 HbaDevPortNum,
+                                                    DESTINATIONADDRESS* pDestAddr, SD_UINT8* pStatistics) {
+    return SDGetStatisticsFC(Device, static_cast<SD_UINT16>(HbaDevPortNum), pDestAddr, pStatistics);
+}
+
+extern "C" VXSD_API SD_UINT32 SDResetStatistics(int Device, SD_UINT16 HbaDevPortNum) {
+    static constexpr const char* name = "SDResetStatistics";
+    (void)HbaDevPortNum;
+    trace_entry(name, Device);
+    vxapi_priv_database* inst = resolve(name, Device);
+    if (!inst)
+        return SDM_STATUS_INVALID_HANDLE;
+    uint32_t status = SDM_STATUS_NOT_SUPPORTED;
+    if ((vxapi_features(inst) & VX_FEAT_SYSFS) && keeps_resettable_counters(inst)) {
+        uint32_t ext_stat = 0;
+        const int32_t rc = vxapi_reset_stats(inst->oshandle, inst, &ext_stat);
+        status = stats_status(name, Device, rc, ext_stat, 0);
+    } else {
+        trace_call(SD_ERROR, name, Device, "): not served on this port.");
+    }
+    vxdbg_num(SD_TRACE, "SDResetStatistics exiting. ret=", status, VXDBG_HEX, 1);
+    return status;
+}
+
+// ---- Asynchronous events ----
+
+namespace {
+
+uint32_t event_switch(const char* name, int handle, uint32_t enable) {
+    trace_entry(name, handle);
+    vxapi_priv_database* inst = resolve(name, handle);
+    if (!inst)
+        return SDM_STATUS_INVALID_HANDLE;
+    uint32_t ext_stat = 0;
+    const int32_t rc = vxapi_async_event_reg(inst->oshandle, inst, enable, nullptr, &ext_stat);
+    const uint32_t status = stats_status(name, handle, rc, ext_stat, 0);
+    trace_exit(name, handle, status);
+    return status;
+}
+
+// Firmware event code to the interface's event number; 0 for codes the
+// interface does not name.
+uint32_t aen_event_code(uint32_t code) {
+    static constexpr struct {
+        uint32_t firmware, event;
+    } table[] = {
+        {EXT_AEN_LIP, SDM_AEN_LIP},
+        {EXT_AEN_LINK_UP, SDM_AEN_LINK_UP},
+        {EXT_AEN_LINK_DOWN, SDM_AEN_LINK_DOWN},
+        {EXT_AEN_LIP_RESET, SDM_AEN_LIP_RESET},
+        // The crossed pair is the interface's own numbering.
+        {EXT_AEN_PORT_DB_CHANGE, SDM_AEN_PORT_DB_CHANGE},
+        {EXT_AEN_RSCN, SDM_AEN_RSCN},
+        {EXT_AEN_STATE_CHANGE, SDM_AEN_STATE_CHANGE},
+        {EXT_AEN_FABRIC_CHANGE, SDM_AEN_FABRIC_CHANGE},
+    };
+    for (const auto& row : table)
+        if (row.firmware == code)
+            return row.event;
+    return 0;
+}
+
+}  // namespace
+
+extern "C" VXSD_API SD_UINT32 SDEnableAen(int Device) { return event_switch("SDEnableAen", Device, 1); }
+
+extern "C" VXSD_API SD_UINT32 SDDisableAen(int Device) { return event_switch("SDDisableAen", Device, 0); }
+
+extern "C" VXSD_API SD_UINT32 SDGetAen(int Device, ASYNCEVENT* pAenBuf, SD_UINT32 AenBufSize, SD_UINT32* pAenCount) {
+    static constexpr const char* name = "SDGetAen";
+    trace_entry(name, Device);
+    vxapi_priv_database* inst = resolve(name, Device);
+    if (!inst)
+        return SDM_STATUS_INVALID_HANDLE;
+    if (!pAenCount || (!pAenBuf && AenBufSize >= sizeof(ASYNCEVENT)))
+        return null_record(name, Device);
+    if (!(vxapi_features(inst) & VX_FEAT_EVENTS)) {
+        trace_call(SD_ERROR, name, Device, "): events not enabled.");
+        return SDM_STATUS_INVALID_REQUEST;
+    }
+    std::unique_ptr<EXT_ASYNC_EVENT[]> work(new (std::nothrow) EXT_ASYNC_EVENT[VX_EVQ_TAKE_MAX]());
+    if (!work)
+        return SDM_STATUS_OUT_OF_MEMORY;
+    uint32_t queued = 0;
+    {
+        vxapi_event_hold hold;
+        if (!hold.database_held()) {
+            trace_call(SD_ERROR, name, Device, "): database lock not held.");
+            return SDM_STATUS_UNKNOWN_ERROR;
+        }
+        vxapi_empty_sh_portevq(api_library_instance, inst, work.get(), &queued);
+    }
+    const uint32_t room = AenBufSize / sizeof(ASYNCEVENT);
+    const uint32_t n = queued < room ? queued : room;
+    *pAenCount = n;
+    // The newest n; the rest were taken from the queue all the same.
+    uint32_t slot = 0;
+    for (uint32_t i = queued - n; i < queued && i < VX_EVQ_TAKE_MAX; ++i, ++slot) {
+        // An unknown code leaves its slot as the caller had it, counted.
+        if (const uint32_t code = aen_event_code(work[i].AsyncEventCode))
+            pAenBuf[slot].EventCode = code;
+    }
+    if (queued > n)
+        trace_call(SD_ERROR, name, Device, "): events dropped, buffer too small. dropped=", queued - n, VXDBG_DEC);
+    trace_exit(name, Device, SDM_STATUS_SUCCESS);
+    return SDM_STATUS_SUCCESS;
 }

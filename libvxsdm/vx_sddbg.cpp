@@ -124,13 +124,15 @@ public:
     trace_scope() : saved_errno_(errno) {
         pthread_mutex_lock(&trace_mutex);
         in_trace = true;
+        // By key, as the other locks: a set removed and made again under
+        // 819 is looked up anew rather than waited on by a stale id.
         if (api_dbg_sem_id != -1)
-            vxapi_sem_wait(api_dbg_sem_id);
+            sem_held_ = vxapi_sem_lock(api_dbg_sem_id, VX_SEM_KEY_DEBUG) == 0;
     }
     ~trace_scope() {
         close_log();
-        if (api_dbg_sem_id != -1)
-            vxapi_sem_signal(api_dbg_sem_id);
+        if (sem_held_)
+            vxapi_sem_unlock(api_dbg_sem_id);
         in_trace = false;
         pthread_mutex_unlock(&trace_mutex);
         errno = saved_errno_;
@@ -140,6 +142,7 @@ public:
 
 private:
     int saved_errno_;
+    bool sem_held_ = false;
 };
 
 struct dump_layout {

@@ -489,6 +489,54 @@ uint32_t vxsysfs_midlayer_luns(uint32_t lun, uint32_t out[2]);
 int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node,
                                 uint32_t* pext_stat);
 
+// ---- Statistics and events (vx_sysfs_stats) ----
+// The FC host's counters, fc_host/host<N>/statistics/<name>, in the order
+// the record is filled from them.
+struct vxsysfs_fc_counters {
+    uint64_t error_frames;
+    uint64_t fcp_input_requests;
+    uint64_t fcp_output_requests;
+    uint64_t fcp_control_requests;
+    uint64_t fcp_input_megabytes;
+    uint64_t fcp_output_megabytes;
+    uint64_t lip_count;
+    uint64_t link_failure_count;
+    uint64_t loss_of_sync_count;
+    uint64_t loss_of_signal_count;
+    uint64_t prim_seq_protocol_err_count;
+    uint64_t invalid_tx_word_count;
+    uint64_t invalid_crc_count;
+    uint64_t tx_frames;
+    uint64_t rx_frames;
+    uint64_t nos_count;
+    uint64_t dumped_frames;
+};
+enum class vxsysfs_counter { kept, not_kept, bad };
+// One counter's text ("0x1f\n"): its value, or not_kept (value 0) for the
+// all-ones the transport shows for counters the driver does not keep.
+vxsysfs_counter vxsysfs_parse_counter(const char* text, uint64_t* value);
+// The record from the counters: 32-bit fields take the low word; the I/O
+// and megabyte totals are the sums of input, output (and control).
+void vxsysfs_fill_port_stat(const vxsysfs_fc_counters& counters, EXT_HBA_PORT_STAT* stat);
+// The port's counters; status 9 and result 1 when no counter can be read.
+int vxsysfs_get_statistics(int handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat,
+                           uint32_t* pext_dstat);
+// The transport keeps no counters per remote port: status 9 when the host
+// has no remote port with the destination's WWPN, else 20.
+int vxsysfs_get_port_statistics(int handle, vxapi_priv_database* inst, const EXT_DEST_ADDR* dest,
+                                EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat, uint32_t* pext_dstat);
+// Writes "1" to statistics/reset_statistics; status 20 without it.
+int vxsysfs_reset_stats(int handle, vxapi_priv_database* inst, uint32_t* pext_stat);
+// Status 0 when the port's events come by netlink (nothing is sent), else 20.
+int vxsysfs_async_event_reg(int handle, vxapi_priv_database* inst, uint32_t enable, void* reserved,
+                            uint32_t* pext_stat);
+// The host's entries of the driver's event log (vendor socket), then the FC
+// transport events of every known host not yet queued by another process,
+// as far as *plen bytes hold (whole entries). Called by the event thread's
+// pass, under the database lock.
+int vxsysfs_async_event_get(int handle, vxapi_priv_database* inst, EXT_ASYNC_EVENT* buf, uint32_t* plen,
+                            uint32_t* pext_stat);
+
 // Text helpers of the queries (pure).
 // PCIe speed code of a link speed text ("8.0 GT/s PCIe" -> 3); 0 when unknown.
 uint32_t vxsysfs_pcie_speed_code(const char* text);

@@ -167,10 +167,12 @@ inline constexpr uint16_t EXT_SC_SEND_ELS_PASSTHRU = 0;
 
 // Sub-codes of EXT_CC_GET_DATA used so far.
 enum : uint16_t {
+    EXT_SC_GET_STATISTICS = 3,        // the port's own counters
     EXT_SC_GET_TGT_LUN_DATA_LIST = 10,
     EXT_SC_GET_PORT_SUMMARY = 106,
     EXT_SC_GET_DCBX_PARAM = 109,
     EXT_SC_GET_ACTIVE_IMAGE = 110,  // uint32_t: the image set the adapter runs (0 primary, 1 secondary)
+    EXT_SC_GET_FC_STATISTICS = 112,   // a remote port's counters, named by EXT_DEST_ADDR
 };
 
 // ---- Flash requests ----
@@ -187,6 +189,16 @@ enum : uint16_t {
     EXT_SC_FLASH_CAPS_SET = 1,
 };
 inline constexpr uint32_t EXT_FLASH_CAPS_LEN = 32;
+
+// Sub-codes of EXT_CC_SET_DATA used so far: the statistics sub-code of
+// get-data clears the counters it reads.
+enum : uint16_t {
+    EXT_SC_RESET_STATISTICS = 3,
+};
+
+// EXT_CC_REG_AEN and EXT_CC_GET_AEN have one form each.
+inline constexpr uint16_t EXT_SC_REG_AEN = 0;
+inline constexpr uint16_t EXT_SC_GET_AEN = 0;
 
 // ---- Driver status codes (the Status field; translated by SDXlateSDMErr) ----
 enum : uint32_t {
@@ -642,7 +654,80 @@ enum : uint16_t {
     EXT_DEF_ELS_VALID_PORTID = 0x4,
 };
 
+// ---- Statistics ----
+
+struct EXT_HBA_PORT_STAT {
+    uint32_t ControllerErrorCount;
+    uint32_t DeviceErrorCount;
+    uint32_t TotalIoCount;
+    uint32_t TotalMBytes;
+    uint32_t TotalLipResets;
+    uint32_t Reserved2;
+    uint32_t TotalLinkFailures;
+    uint32_t TotalLossOfSync;
+    uint32_t TotalLossOfSignals;
+    uint32_t PrimitiveSeqProtocolErrorCount;
+    uint32_t InvalidTransmissionWordCount;
+    uint32_t InvalidCRCCount;
+    uint64_t InputRequestCount;
+    uint64_t OutputRequestCount;
+    uint64_t ControlRequestCount;
+    uint64_t InputMBytes;
+    uint64_t OutputMBytes;
+    uint32_t TxFrames;
+    uint32_t RxFrames;
+    uint32_t NosCount;
+    uint32_t DumpedFrames;
+    uint32_t Reserved[2];
+};
+static_assert(sizeof(EXT_HBA_PORT_STAT) == 112);
+static_assert(offsetof(EXT_HBA_PORT_STAT, DeviceErrorCount) == 4);
+static_assert(offsetof(EXT_HBA_PORT_STAT, TotalIoCount) == 8);
+static_assert(offsetof(EXT_HBA_PORT_STAT, TotalMBytes) == 12);
+static_assert(offsetof(EXT_HBA_PORT_STAT, TotalLipResets) == 16);
+static_assert(offsetof(EXT_HBA_PORT_STAT, Reserved2) == 20);
+static_assert(offsetof(EXT_HBA_PORT_STAT, TotalLinkFailures) == 24);
+static_assert(offsetof(EXT_HBA_PORT_STAT, TotalLossOfSync) == 28);
+static_assert(offsetof(EXT_HBA_PORT_STAT, TotalLossOfSignals) == 32);
+static_assert(offsetof(EXT_HBA_PORT_STAT, PrimitiveSeqProtocolErrorCount) == 36);
+static_assert(offsetof(EXT_HBA_PORT_STAT, InvalidTransmissionWordCount) == 40);
+static_assert(offsetof(EXT_HBA_PORT_STAT, InvalidCRCCount) == 44);
+static_assert(offsetof(EXT_HBA_PORT_STAT, InputRequestCount) == 48);
+static_assert(offsetof(EXT_HBA_PORT_STAT, OutputRequestCount) == 56);
+static_assert(offsetof(EXT_HBA_PORT_STAT, ControlRequestCount) == 64);
+static_assert(offsetof(EXT_HBA_PORT_STAT, InputMBytes) == 72);
+static_assert(offsetof(EXT_HBA_PORT_STAT, OutputMBytes) == 80);
+static_assert(offsetof(EXT_HBA_PORT_STAT, TxFrames) == 88);
+static_assert(offsetof(EXT_HBA_PORT_STAT, RxFrames) == 92);
+static_assert(offsetof(EXT_HBA_PORT_STAT, NosCount) == 96);
+static_assert(offsetof(EXT_HBA_PORT_STAT, DumpedFrames) == 100);
+static_assert(offsetof(EXT_HBA_PORT_STAT, Reserved) == 104);
+
 // ---- Asynchronous events ----
+
+// Request of EXT_CC_REG_AEN: sent zeroed apart from Enable.
+struct EXT_REG_AEN {
+    uint32_t Enable;  // 1 on, 0 off
+    uint16_t BufLength;
+    uint16_t Reserved;
+};
+static_assert(sizeof(EXT_REG_AEN) == 8);
+static_assert(offsetof(EXT_REG_AEN, BufLength) == 4);
+static_assert(offsetof(EXT_REG_AEN, Reserved) == 6);
+
+// Firmware event codes as the driver queues them. Their meaning is the
+// firmware's; the names say what the interfaces make of them.
+enum : uint32_t {
+    EXT_AEN_LIP = 0x8010,
+    EXT_AEN_LINK_UP = 0x8011,
+    EXT_AEN_LINK_DOWN = 0x8012,
+    EXT_AEN_LIP_RESET = 0x8013,
+    EXT_AEN_PORT_DB_CHANGE = 0x8014,
+    EXT_AEN_RSCN = 0x8015,          // bytes 4-6 of the entry: the affected port id, byte 7 its format
+    EXT_AEN_STATE_CHANGE = 0x8060,
+    EXT_AEN_FABRIC_CHANGE = 0x8080,
+    EXT_AEN_NEW_TARGETS = 0xA000,
+};
 
 // One asynchronous event entry (driver queue, shared event queues).
 struct EXT_ASYNC_EVENT {
@@ -655,3 +740,8 @@ struct EXT_ASYNC_EVENT {
 using _EXT_ASYNC_EVENT = EXT_ASYNC_EVENT;
 static_assert(sizeof(EXT_ASYNC_EVENT) == 16);
 static_assert(offsetof(EXT_ASYNC_EVENT, Payload) == 4);
+
+// One fetch of the driver's queue returns at most this many entries.
+inline constexpr uint32_t EXT_AEN_FETCH_MAX = 64;
+inline constexpr uint32_t EXT_AEN_BUF_LEN = EXT_AEN_FETCH_MAX * sizeof(EXT_ASYNC_EVENT);
+static_assert(EXT_AEN_BUF_LEN == 1024);

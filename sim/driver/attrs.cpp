@@ -1,9 +1,13 @@
-// The binary attributes optrom_ctl, optrom, nvram and vpd of a SCSI host.
+// The binary attributes optrom_ctl, optrom, nvram and vpd of a SCSI host,
+// and the counters of its FC host.
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <string>
 
+#include "counters.h"
 #include "endpoints.h"
 #include "flash.h"
 #include "optrom.h"
@@ -68,6 +72,8 @@ std::optional<ssize_t> fault_effect(const std::optional<FaultAction>& fault, siz
     case FaultKind::Short: n = (n + 1) / 2; return std::nullopt;
     case FaultKind::Status: return -EIO;  // attributes carry no driver status
     case FaultKind::Partial: n = (n + 1) / 2; return std::nullopt;
+    case FaultKind::Delay:
+    case FaultKind::Foreign: return std::nullopt;
     }
     return std::nullopt;
 }
@@ -147,6 +153,48 @@ ssize_t control(const Sim& sim, Desc& d, const void* buf, size_t n) {
     return r;
 }
 
+std::string_view counter_name(const Desc& d) { return std::string_view(d.path).substr(d.path.rfind('/') + 1); }
+
+// A counter's text, "0x%llx\n" as the transport shows it, from position `pos`.
+ssize_t stat_read(const Sim& sim, Desc& d, void* buf, size_t n, uint64_t pos) {
+    const std::string name(counter_name(d));
+    std::optional<FaultAction> fault = fault_take("statistics", "read");
+    if (std::optional<ssize_t> e = fault_effect(fault, n))
+        return *e;
+    std::optional<CounterMap> c = counters_read(sim.root(), sim.scenario(), d.host);
+    if (!c)
+        return -ENODEV;
+    auto it = c->find(name);
+    char text[32];
+    const int len = snprintf(text, sizeof text, "0x%llx\n",
+                             static_cast<unsigned long long>(it == c->end() ? 0 : it->second));
+    if (pos >= static_cast<uint64_t>(len))
+        return 0;
+    const size_t k = std::min(n, static_cast<size_t>(len) - static_cast<size_t>(pos));
+    if (int e = copy_to_user(buf, text + pos, k); e < 0)
+        return e;
+    return static_cast<ssize_t>(k);
+}
+
+// Any write to reset_statistics clears the host's counters.
+ssize_t stat_reset(const Sim& sim, Desc& d, size_t n) {
+    JournalFields f = JournalFields::object();
+    f["host"] = d.host;
+    f["op"] = "reset";
+    std::optional<FaultAction> fault = fault_take("statistics", "write");
+    ssize_t r;
+    if (fault) {
+        f["fault"] = fault->text;
+        std::optional<ssize_t> e = fault_effect(fault, n);
+        r = e ? *e : static_cast<ssize_t>(n);
+    } else {
+        r = counters_reset(sim.root(), sim.scenario(), d.host) ? static_cast<ssize_t>(n) : -EIO;
+    }
+    journal_result(f, r);
+    journal("statistics", f);
+    return r;
+}
+
 }  // namespace
 
 int endpoint_attr_open(const Sim& sim, const Desc& d) {
@@ -154,8 +202,12 @@ int endpoint_attr_open(const Sim& sim, const Desc& d) {
         return -EIO;
     if (!sim.host(d.host))
         return -ENODEV;
+    const int mode = d.open_flags & O_ACCMODE;
     // The driver gives optrom_ctl a store method only: readers are refused at open.
-    if (d.attr == AttrKind::OptromCtl && (d.open_flags & O_ACCMODE) != O_WRONLY)
+    if (d.attr == AttrKind::OptromCtl && mode != O_WRONLY)
+        return -EACCES;
+    // Counters have a show method only, reset_statistics a store only.
+    if (d.attr == AttrKind::Stat && (counter_name(d) == "reset_statistics" ? mode != O_WRONLY : mode != O_RDONLY))
         return -EACCES;
     return 0;
 }
@@ -165,6 +217,8 @@ ssize_t endpoint_attr_read(const Sim& sim, Desc& d, void* buf, size_t n, uint64_
         return -EIO;
     if ((d.open_flags & O_ACCMODE) == O_WRONLY)
         return -EBADF;
+    if (d.attr == AttrKind::Stat)
+        return stat_read(sim, d, buf, n, pos);
     return transfer(sim, d, false, buf, nullptr, n, pos);
 }
 
@@ -175,6 +229,8 @@ ssize_t endpoint_attr_write(const Sim& sim, Desc& d, const void* buf, size_t n, 
         return -EBADF;
     if (d.attr == AttrKind::OptromCtl)
         return control(sim, d, buf, n);
+    if (d.attr == AttrKind::Stat)
+        return stat_reset(sim, d, n);
     return transfer(sim, d, true, nullptr, buf, n, pos);
 }
 

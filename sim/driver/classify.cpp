@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "root.h"
+#include "stats.h"
 
 namespace vxsim::drv {
 
@@ -23,6 +24,11 @@ std::optional<AttrKind> attr_kind(std::string_view name) {
         return AttrKind::Nvram;
     if (name == "vpd")
         return AttrKind::Vpd;
+    if (name == "reset_statistics")
+        return AttrKind::Stat;
+    for (std::string_view counter : FC_STATISTICS)
+        if (name == counter)
+            return AttrKind::Stat;
     return std::nullopt;
 }
 
@@ -42,6 +48,12 @@ std::optional<AttrPath> parse_attr_path(std::string_view resolved, std::string_v
     if (!kind)
         return std::nullopt;
     std::string_view dir = resolved.substr(0, slash);
+    if (*kind == AttrKind::Stat) {
+        // .../fc_host/host<N>/statistics/<counter>
+        if (dir.substr(dir.rfind('/') + 1) != "statistics")
+            return std::nullopt;
+        dir = dir.substr(0, dir.rfind('/'));
+    }
     std::string_view parent = dir.substr(dir.rfind('/') + 1);
     if (!parent.starts_with("host") || parent.size() == 4)
         return std::nullopt;

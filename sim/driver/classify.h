@@ -17,7 +17,8 @@ bool is_reserved_major(unsigned major);
 // The same for block devices (the LUNs' disks).
 bool is_reserved_block_major(unsigned major);
 
-// The attribute kind for a file name, when it is one of the four.
+// The attribute kind for a file name, when it is one of the driver's
+// binary attributes or an fc_host statistics file.
 std::optional<AttrKind> attr_kind(std::string_view name);
 
 struct AttrPath {
@@ -26,8 +27,10 @@ struct AttrPath {
 };
 
 // A resolved path naming a binary attribute of a SCSI host:
-// <sysfs>/.../host<N>/<attribute>, where <sysfs> is /sys or `sim_sys` (the
-// tree inside the sim root, for programs that reach it directly).
+// <sysfs>/.../host<N>/<attribute>, or an FC host's counter:
+// <sysfs>/.../host<N>/statistics/<counter>, where <sysfs> is /sys or
+// `sim_sys` (the tree inside the sim root, for programs that reach it
+// directly).
 std::optional<AttrPath> parse_attr_path(std::string_view resolved, std::string_view sim_sys);
 
 // The driver name of an older-generation node path

@@ -31,6 +31,7 @@ const char* attr_name(AttrKind a) {
     case AttrKind::Optrom: return "optrom";
     case AttrKind::Nvram: return "nvram";
     case AttrKind::Vpd: return "vpd";
+    case AttrKind::Stat: return "statistics";
     }
     return "?";
 }

@@ -10,6 +10,8 @@
 #include <mutex>
 #include <string>
 
+#include "events.h"
+
 namespace vxsim::drv {
 
 enum class NodeKind {
@@ -18,13 +20,19 @@ enum class NodeKind {
     Legacy,    // the older generation's /proc/scsi/<driver>/HbaApiNode
     BsgHost,   // fc_host<N> bsg node
     BsgRport,  // rport-H:B-R bsg node
-    Attr,      // optrom_ctl, optrom, nvram, vpd under /sys/.../host<N>/
+    Attr,      // optrom_ctl, optrom, nvram, vpd under /sys/.../host<N>/, fc_host statistics
     Netlink,   // AF_NETLINK protocol 20 (vendor) or 18 (SCSI transport)
     Sg,        // a LUN's SCSI generic node /dev/sg<N>
     Disk,      // a disk LUN's block node /dev/sd<x>
 };
 
-enum class AttrKind { OptromCtl, Optrom, Nvram, Vpd };
+enum class AttrKind {
+    OptromCtl,
+    Optrom,
+    Nvram,
+    Vpd,
+    Stat,  // fc_host/host<N>/statistics/<counter> and reset_statistics
+};
 
 const char* node_kind_name(NodeKind k);
 const char* attr_name(AttrKind a);
@@ -47,9 +55,10 @@ struct Desc {
     std::string rport;    // BsgRport: "rport-H:B-R"
     uint32_t scsi = 0;    // Sg, Disk: index into Sim::scsi()
     AttrKind attr = AttrKind::Optrom;
-    std::string path;     // Attr: the resolved attribute path
+    std::string path;     // Attr: the resolved attribute path (Stat: its last name is the counter)
     int protocol = 0;     // Netlink
     int peer = -1;        // Netlink: the other end of the pair; replies are written there
+    FcCursor fc;          // Netlink 18: the FC transport events this socket was given (guarded by mu)
 
     std::mutex mu;        // guards pos and selected
     uint64_t pos = 0;     // one file position per open descriptor

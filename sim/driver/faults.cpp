@@ -26,8 +26,11 @@ std::optional<FaultAction> parse_fault_action(std::string_view text) {
         a.kind = FaultKind::Partial;
         a.error = EIO;
     }
-    else if (text.starts_with("status:")) {
-        std::string_view num = text.substr(7);
+    else if (text == "foreign")
+        a.kind = FaultKind::Foreign;
+    else if (text.starts_with("status:") || text.starts_with("delay:")) {
+        const bool delay = text.starts_with("delay:");
+        std::string_view num = text.substr(delay ? 6 : 7);
         int base = 10;
         if (num.starts_with("0x") || num.starts_with("0X")) {
             num.remove_prefix(2);
@@ -37,7 +40,7 @@ std::optional<FaultAction> parse_fault_action(std::string_view text) {
         auto [end, ec] = std::from_chars(num.data(), num.data() + num.size(), v, base);
         if (num.empty() || ec != std::errc() || end != num.data() + num.size())
             return std::nullopt;
-        a.kind = FaultKind::Status;
+        a.kind = delay ? FaultKind::Delay : FaultKind::Status;
         a.status = v;
     } else
         return std::nullopt;

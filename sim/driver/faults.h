@@ -14,12 +14,14 @@ enum class FaultKind {
     Short,   // "short": the transfer moves less than asked
     Status,  // "status:<n>": the driver status in the reply record
     Partial, // "partial": a flash write stops halfway (half the bytes reach the flash) and fails
+    Delay,   // "delay:<ms>": the request waits that long (real time), then goes on
+    Foreign, // "foreign": netlink replies are preceded by one that is not the caller's
 };
 
 struct FaultAction {
     FaultKind kind = FaultKind::Errno;
     int error = 0;        // Errno: EBUSY, ENOSYS, EIO or EINVAL
-    uint32_t status = 0;  // Status: the driver status to report
+    uint32_t status = 0;  // Status: the driver status to report; Delay: milliseconds
     std::string text;     // the action as written, for the journal
 };
 

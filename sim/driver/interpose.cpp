@@ -8,8 +8,10 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <pthread.h>
 #include <scsi/sg.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -978,4 +980,20 @@ VX_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* req, t
         return scaled_sleep("clock_nanosleep", clock, rel, nullptr);
     }
     return scaled_sleep("clock_nanosleep", clock, rel, rem);
+}
+
+// The library's event thread waits out its one-second ticks with ppoll on a
+// wake-up descriptor: the timeout is shortened like a sleep. poll keeps real
+// time, so that programs keep one way to wait by the clock.
+VX_EXPORT int ppoll(pollfd* fds, nfds_t nfds, const timespec* timeout, const sigset_t* sigmask) {
+    // The kernel writes the time left into its argument: a copy goes in.
+    timespec left{};
+    if (timeout) {
+        left = *timeout;
+        if (in_sim() && left.tv_sec >= 0 && left.tv_nsec >= 0 && left.tv_nsec < 1000000000)
+            left = scale_duration(left, sleep_scale());
+    }
+    // The kernel takes the signal set's size alongside it.
+    return static_cast<int>(
+        ::syscall(SYS_ppoll, fds, nfds, timeout ? &left : nullptr, sigmask, sigmask ? _NSIG / 8 : 0));
 }

@@ -10,8 +10,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "counters.h"
 #include "dcbx.h"
 #include "endpoints.h"
+#include "events.h"
 #include "flash_ops.h"
 #include "vx_adapters.h"
 
@@ -57,13 +59,16 @@ Frame read_frame(const uint8_t* raw, bool newer) {
     return fields(r, std::memcmp(r.Signature, EXT_SIGNATURE, 4) == 0 && r.Version == EXT_VERSION_O);
 }
 
-void write_frame(uint8_t* raw, bool newer, uint32_t status, uint32_t detail, uint16_t instance, uint16_t hba_select) {
+void write_frame(uint8_t* raw, bool newer, uint32_t status, uint32_t detail, uint16_t instance, uint16_t hba_select,
+                 std::optional<uint32_t> response_len) {
     auto put = [&](auto& rec) {
         std::memcpy(&rec, raw, sizeof rec);
         rec.Status = status;
         rec.DetailStatus = detail;
         rec.Instance = instance;
         rec.HbaSelect = hba_select;
+        if (response_len)
+            rec.ResponseLen = *response_len;
         std::memcpy(raw, &rec, sizeof rec);
     };
     if (newer) {
@@ -129,8 +134,52 @@ void take(IoctlAnswer& ans, ListAnswer list) {
     ans.response = std::move(list.bytes);
 }
 
-void get_data(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
+// The port's counters, or those of its remote port named in the request.
+void statistics(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
+    std::optional<uint64_t> rport;
+    if (req.subcode == EXT_SC_GET_FC_STATISTICS) {
+        EXT_DEST_ADDR dest{};
+        if (req.request.size() < sizeof dest) {
+            ans.status = EXT_STATUS_INVALID_PARAM;
+            return;
+        }
+        std::memcpy(&dest, req.request.data(), sizeof dest);
+        uint64_t wwpn = 0;
+        for (uint8_t b : dest.DestAddr.WWPN)
+            wwpn = wwpn << 8 | b;
+        for (const RemotePort& r : p.host->remote_ports)
+            if (dest.DestType == EXT_DEF_DESTTYPE_WWPN && r.wwpn == wwpn)
+                rport = wwpn;
+        if (!rport) {
+            ans.status = EXT_STATUS_DEV_NOT_FOUND;
+            return;
+        }
+    }
+    std::optional<CounterMap> c = counters_read(sim.root(), sim.scenario(), p.host->host_no, rport);
+    if (!c) {
+        ans.status = EXT_STATUS_ERR;
+        return;
+    }
+    fixed(ans, port_stat_record(*c), req.response_len);
+}
+
+// The host's driver events, oldest first, as far as the buffer holds whole
+// entries; ResponseLen says how many bytes came back.
+void get_aen(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
+    const size_t room = std::min<size_t>(req.response_len / sizeof(EXT_ASYNC_EVENT), EXT_AEN_FETCH_MAX);
+    for (const SpoolEntry& e : spool_take_driver_events(sim.root(), p.host->host_no, room)) {
+        const EXT_ASYNC_EVENT entry = aen_entry(e);
+        const auto* b = reinterpret_cast<const uint8_t*>(&entry);
+        ans.response.insert(ans.response.end(), b, b + sizeof entry);
+    }
+    ans.response_len = static_cast<uint32_t>(ans.response.size());
+    ans.journal["events"] = ans.response.size() / sizeof(EXT_ASYNC_EVENT);
+}
+
+void get_data(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
     switch (req.subcode) {
+    case EXT_SC_GET_STATISTICS:
+    case EXT_SC_GET_FC_STATISTICS: statistics(sim, ans, p, req); return;
     case EXT_SC_GET_TGT_LUN_DATA_LIST: take(ans, ioctl_tgt_lun_list(p, req.response_len)); return;
     case EXT_SC_GET_PORT_SUMMARY: {
         uint32_t mask = 0;
@@ -168,6 +217,10 @@ void get_data(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
 size_t ioctl_request_bytes(uint8_t command, uint16_t subcode) {
     if (command == EXT_CC_GET_DATA && subcode == EXT_SC_GET_PORT_SUMMARY)
         return sizeof(uint32_t);  // the type mask
+    if (command == EXT_CC_GET_DATA && subcode == EXT_SC_GET_FC_STATISTICS)
+        return sizeof(EXT_DEST_ADDR);
+    if (command == EXT_CC_REG_AEN)
+        return sizeof(EXT_REG_AEN);
     if (command == EXT_CC_WWPN_TO_SCSIADDR)
         return 8;
     if (command == EXT_CC_GET_LUN_DATA)
@@ -205,6 +258,9 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
         return ans;
     case EXT_CC_QUERY:
     case EXT_CC_GET_DATA:
+    case EXT_CC_SET_DATA:
+    case EXT_CC_REG_AEN:
+    case EXT_CC_GET_AEN:
     case EXT_CC_DRIVER_SPECIFICS:
     case EXT_CC_GET_LUN_DATA:
     case EXT_CC_WWPN_TO_SCSIADDR:
@@ -234,7 +290,24 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
     const IoctlPort& p = ports[index];
     switch (req.command) {
     case EXT_CC_QUERY: query(sim, ans, p, req); break;
-    case EXT_CC_GET_DATA: get_data(ans, p, req); break;
+    case EXT_CC_GET_DATA: get_data(sim, ans, p, req); break;
+    case EXT_CC_SET_DATA:
+        if (req.subcode != EXT_SC_RESET_STATISTICS)
+            ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE;
+        else if (!counters_reset(sim.root(), sim.scenario(), p.host->host_no))
+            ans.status = EXT_STATUS_ERR;
+        break;
+    case EXT_CC_REG_AEN: {
+        EXT_REG_AEN reg{};
+        if (req.request.size() < sizeof reg) {
+            ans.status = EXT_STATUS_INVALID_PARAM;
+            break;
+        }
+        std::memcpy(&reg, req.request.data(), sizeof reg);
+        ans.journal["enable"] = reg.Enable;
+        break;
+    }
+    case EXT_CC_GET_AEN: get_aen(sim, ans, p, req); break;
     case EXT_CC_DRIVER_SPECIFICS: fixed(ans, ioctl_driver_data(p), req.response_len); break;
     case EXT_CC_GET_LUN_DATA:
         if (req.request.size() < sizeof(FO_LUN_DATA_INPUT))
@@ -276,6 +349,9 @@ std::string ioctl_command_name(uint8_t command) {
     switch (command) {
     case EXT_CC_QUERY: return "EXT_CC_QUERY";
     case EXT_CC_GET_DATA: return "EXT_CC_GET_DATA";
+    case EXT_CC_SET_DATA: return "EXT_CC_SET_DATA";
+    case EXT_CC_REG_AEN: return "EXT_CC_REG_AEN";
+    case EXT_CC_GET_AEN: return "EXT_CC_GET_AEN";
     case EXT_CC_GET_VPD: return "EXT_CC_GET_VPD";
     case EXT_CC_SET_VPD: return "EXT_CC_SET_VPD";
     case EXT_CC_GET_NVRAM: return "EXT_CC_GET_NVRAM";
@@ -358,6 +434,11 @@ long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields&
         if (ans.port) {
             f["port"] = *ans.port;
             f["host"] = ports[*ans.port].host->host_no;
+            if (ans.traffic) {
+                const auto& [wwpn, t] = *ans.traffic;
+                counters_add(sim.root(), sim.scenario(), ports[*ans.port].host->host_no, traffic_deltas(t),
+                             wwpn ? std::optional<uint64_t>(wwpn) : std::nullopt);
+            }
         }
         if (fault && fault->kind == FaultKind::Status) {
             // Success, overrun and underrun still carry the answer; any other status replaces it.
@@ -373,6 +454,8 @@ long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields&
             ans.status = fault->status;
         } else if (fault && fault->kind == FaultKind::Short) {
             ans.response.resize((ans.response.size() + 1) / 2);
+            if (ans.response_len)
+                ans.response_len = static_cast<uint32_t>(ans.response.size());
         }
         for (const auto& [key, value] : ans.journal.items())
             f[key] = value;
@@ -390,7 +473,7 @@ long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields&
     if (ans.detail)
         f["detail_status"] = ans.detail;
     f["response_bytes"] = ans.response.size();
-    write_frame(raw, newer, ans.status, ans.detail, ans.instance, ans.hba_select);
+    write_frame(raw, newer, ans.status, ans.detail, ans.instance, ans.hba_select, ans.response_len);
     if (copy_to_user(arg, raw, size) < 0)
         return -EFAULT;
     return 0;

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "counters.h"
 #include "desc.h"
 #include "exioct.h"
 #include "exioctln.h"
@@ -104,6 +105,10 @@ struct IoctlAnswer {
     JournalFields journal = JournalFields::object();  // the command's own fields for the journal line
     std::optional<int32_t> select;   // EXT_CC_SET_INSTANCE: the instance the descriptor now has
     std::optional<uint32_t> port;    // the driver instance the answer is about
+    std::optional<uint32_t> response_len;  // ResponseLen as returned (EXT_CC_GET_AEN: the bytes of events)
+    // The exchange the port's counters count, with the remote port's WWPN
+    // (0: a fabric service).
+    std::optional<std::pair<uint64_t, Traffic>> traffic;
 };
 
 // Request-buffer bytes the command reads (0: none); at most that many of

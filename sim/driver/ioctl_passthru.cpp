@@ -74,6 +74,10 @@ void run(IoctlAnswer& ans, Rec& rec, const RemotePort* target, uint16_t lun, con
         return;
     }
     const ScsiOutcome out = scsi_execute(*target, find_lun(*target, lun), b.cdb, b.cdb_len);
+    Traffic t;
+    t.kind = out.data.empty() ? Traffic::Control : Traffic::Read;
+    t.bytes_in = out.data.size();
+    ans.traffic = std::pair{target->wwpn, t};
     j["scsi_status"] = out.status;
     j["data_len"] = out.data.size();
     const uint32_t room = b.direction == EXT_DEF_SCSI_DIR_IN ? req.response_len : 0;
@@ -152,6 +156,7 @@ void ioctl_ct_passthru(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, con
         return;
     }
     const CtAnswer a = name_server(name_server_entries(sim.scenario(), *p.host), ct, req.request.size());
+    ans.traffic = std::pair{uint64_t{0}, Traffic{Traffic::Frames, a.bytes.size(), req.request.size()}};
     j["ct_response"] = hex_digits(a.code, 4);
     if (a.code == CT_REJECT) {
         j["reason"] = a.reason;
@@ -194,6 +199,7 @@ void ioctl_els_passthru(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest
     }
     j["dest"] = hex_digits(to->port_id, 6);
     const ElsAnswer a = els_answer(*to, payload, len);
+    ans.traffic = std::pair{to->wwpn, Traffic{Traffic::Frames, a.bytes.size(), len}};
     j["els_response"] = a.accepted ? "LS_ACC" : "LS_RJT";
     if (!a.accepted)
         j["reason"] = a.reason;

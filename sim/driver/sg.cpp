@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "counters.h"
 #include "endpoints.h"
 #include "scsi_target.h"
 
@@ -60,8 +61,13 @@ long sg_io(const Sim& sim, Desc& d, void* arg, JournalFields& f) {
         host_status = static_cast<uint16_t>(fault->status);  // the transport failed the command
     else if (dev.rport->state != "Online")
         host_status = DID_NO_CONNECT;
-    else
+    else {
         out = scsi_execute(*dev.rport, dev.lun, cdb, h.cmd_len);
+        Traffic t;
+        t.kind = data_in && !out.data.empty() ? Traffic::Read : Traffic::Control;
+        t.bytes_in = data_in ? std::min<size_t>(out.data.size(), h.dxfer_len) : 0;
+        counters_add(sim.root(), sim.scenario(), dev.host->host_no, traffic_deltas(t), dev.rport->wwpn);
+    }
     if (fault && fault->kind == FaultKind::Short)
         out.data.resize((out.data.size() + 1) / 2);
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <atomic>
+#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -154,7 +155,15 @@ std::optional<FaultAction> fault_take(std::string_view endpoint, std::string_vie
     const std::string& root = Sim::root_path();
     if (root.empty())
         return std::nullopt;
-    return fault_take_from(root::faults(root), endpoint, match_text);
+    std::optional<FaultAction> fault = fault_take_from(root::faults(root), endpoint, match_text);
+    if (fault && fault->kind == FaultKind::Delay) {
+        // Real time: a test holds the request while it acts on the process.
+        timespec t{static_cast<time_t>(fault->status / 1000), static_cast<long>(fault->status % 1000) * 1000000};
+        while (::syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &t, &t) != 0 && errno == EINTR) {
+        }
+        return std::nullopt;
+    }
+    return fault;
 }
 
 }  // namespace vxsim::drv

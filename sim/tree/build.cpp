@@ -68,6 +68,10 @@ bool write_state(const Scenario& s, const std::string& root, std::string& error)
         if (!state::append_event(root, ev, nullptr, error))
             return false;
     }
+    // The scenario's events reach every listener; later ones only those
+    // that were listening when they came.
+    if (!fs::write_file(root::events(root) + "/.boot", std::to_string(s.events.size()) + "\n", 0644, error))
+        return false;
     return fs::write_file(root::scenario(root), scenario_to_json(s), 0644, error);
 }
 

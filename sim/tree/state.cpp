@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "exioct.h"
 #include "fsutil.h"
 #include "root.h"
 
@@ -77,13 +78,15 @@ private:
 };
 
 bool valid_action(const std::string& a) {
-    if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse" || a == "partial")
+    if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse" || a == "partial" ||
+        a == "foreign")
         return true;
-    if (a.rfind("status:", 0) != 0 || a.size() == 7)
+    const size_t prefix = a.rfind("status:", 0) == 0 ? 7 : a.rfind("delay:", 0) == 0 ? 6 : 0;
+    if (prefix == 0 || a.size() == prefix)
         return false;
     char* end = nullptr;
     errno = 0;
-    std::strtoul(a.c_str() + 7, &end, 0);
+    std::strtoul(a.c_str() + prefix, &end, 0);
     return errno == 0 && *end == 0;
 }
 
@@ -139,7 +142,8 @@ bool add_fault(const std::string& root, const Fault& fault, std::string& error) 
         return false;
     }
     if (!valid_action(fault.action)) {
-        error = "unknown fault action \"" + fault.action + "\" (ebusy, enosys, eio, short, refuse, status:<n>)";
+        error = "unknown fault action \"" + fault.action +
+                "\" (ebusy, enosys, eio, short, refuse, status:<n>, delay:<ms>, foreign)";
         return false;
     }
     if (fault.count == 0 || fault.count < -1) {
@@ -233,6 +237,56 @@ bool list_events(const std::string& root, std::vector<std::pair<std::string, Spo
         out.emplace_back(n, ev);
     }
     return true;
+}
+
+const std::vector<std::string>& event_types() {
+    static const std::vector<std::string> types{"lip", "linkup", "linkdown", "lipreset", "rscn", "newtargets",
+                                                "unknown"};
+    return types;
+}
+
+bool event_of_type(const Scenario& s, uint32_t host_no, const std::string& type, uint32_t port_id, SpoolEvent& out,
+                   std::string& error) {
+    // Type, FC transport code (0: none), firmware code.
+    static constexpr struct {
+        const char* type;
+        uint32_t fc;
+        uint32_t firmware;
+    } TABLE[] = {
+        {"lip", 1, EXT_AEN_LIP},
+        {"linkup", 2, EXT_AEN_LINK_UP},
+        {"linkdown", 3, EXT_AEN_LINK_DOWN},
+        {"lipreset", 4, EXT_AEN_LIP_RESET},
+        {"rscn", 5, EXT_AEN_RSCN},
+        {"newtargets", 0, EXT_AEN_NEW_TARGETS},
+        {"unknown", 0, 0x8FFF},  // a code no interface names
+    };
+    const Adapter* adapter = nullptr;
+    for (const Adapter& a : s.adapters)
+        for (const PciFunction& f : a.functions) {
+            if (f.port.host_no == host_no)
+                adapter = &a;
+            for (const HostPort& v : f.vports)
+                if (v.host_no == host_no)
+                    adapter = &a;
+        }
+    if (!adapter) {
+        error = "no host " + std::to_string(host_no) + " in the scenario";
+        return false;
+    }
+    for (const auto& row : TABLE) {
+        if (type != row.type)
+            continue;
+        out = SpoolEvent{};
+        out.host_no = host_no;
+        const bool transport = adapter->channel == Channel::Sysfs && row.fc != 0;
+        out.kind = transport ? "fc" : "aen";
+        out.code = transport ? row.fc : row.firmware;
+        out.data = type == "rscn" ? port_id & 0xFFFFFF : 0;
+        return true;
+    }
+    error = "unknown event type \"" + type + "\"";
+    return false;
 }
 
 bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std::string& error) {

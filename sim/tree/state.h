@@ -39,6 +39,17 @@ bool append_event(const std::string& root, const SpoolEvent& e, std::string* nam
 bool list_events(const std::string& root, std::vector<std::pair<std::string, SpoolEvent>>& out,
                  std::string& error);
 
+// The event names of `vxsim event --type`: lip, linkup, linkdown, lipreset,
+// rscn, newtargets, unknown.
+const std::vector<std::string>& event_types();
+// The spool event that reaches a host of this scenario as an event of
+// `type`, through the path the host's channel uses: FC transport events
+// (link and loop events, RSCN) on sysfs hosts, the driver's event queue
+// otherwise and for the events the transport has no code for. An RSCN
+// carries `port_id` (24 bits, address format 0).
+bool event_of_type(const Scenario& s, uint32_t host_no, const std::string& type, uint32_t port_id, SpoolEvent& out,
+                   std::string& error);
+
 // The journal's lines, parsed; a line that is not JSON is kept as a string.
 bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std::string& error);
 

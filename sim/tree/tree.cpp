@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "stats.h"
 #include "dcbx.h"
 #include "fsutil.h"
 #include "pci.h"
@@ -98,18 +99,6 @@ std::string model_description(const Adapter& a) {
     bool cna = vx_adapter_has(a.device_id, VX_MARK_CNA);
     return "Varnex " + model_name(a) + (cna ? " Converged Network Adapter" : " Fibre Channel Adapter");
 }
-
-// The fc_host statistics every port shows; counters the scenario does not set
-// read 0, names it adds beyond these are written as well.
-constexpr std::string_view FC_STATISTICS[] = {
-    "seconds_since_last_reset", "tx_frames", "tx_words", "rx_frames", "rx_words", "lip_count",
-    "nos_count", "error_frames", "dumped_frames", "link_failure_count", "loss_of_sync_count",
-    "loss_of_signal_count", "prim_seq_protocol_err_count", "invalid_tx_word_count",
-    "invalid_crc_count", "fcp_input_requests", "fcp_output_requests", "fcp_control_requests",
-    "fcp_input_megabytes", "fcp_output_megabytes", "fcp_packet_alloc_failures", "fcp_packet_aborts",
-    "fcp_frame_alloc_failures", "fc_no_free_exch", "fc_no_free_exch_xid", "fc_xid_not_found",
-    "fc_xid_busy", "fc_seq_not_found", "fc_non_bls_resp",
-};
 
 // Run-time parameters of the current driver module (our set; the library
 // reads and writes them by name, values are decimal like any int parameter).
@@ -435,12 +424,7 @@ private:
         w_.file(c + "/vport_create", "", 0200);
         w_.file(c + "/vport_delete", "", 0200);
 
-        std::map<std::string, uint64_t> counters;
-        for (std::string_view name : FC_STATISTICS)
-            counters[std::string(name)] = 0;
-        for (const auto& [name, value] : p.stats.values)
-            counters[name] = value;
-        for (const auto& [name, value] : counters)
+        for (const auto& [name, value] : initial_counters(p, !vport))
             w_.file(c + "/statistics/" + name, fmt("0x%" PRIx64 "\n", value));
         w_.file(c + "/statistics/reset_statistics", "", 0200);
     }

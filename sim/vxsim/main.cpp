@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "counters.h"
 #include "fsutil.h"
 #include "model.h"
 #include "root.h"
@@ -199,18 +200,47 @@ int run(const RunArgs& a) {
     return rc;
 }
 
-int event(std::string root, const std::string& host, const std::string& code, const std::string& data,
-          const std::string& kind) {
+struct EventArgs {
+    std::string root, host, code, data, kind = "fc", type, port_id;
+};
+
+// Link events move the host's error counters as a real link's would.
+void count_link_event(const std::string& root, const Scenario& s, const std::string& type, uint32_t host) {
+    drv::CounterMap d;
+    if (type == "linkdown")
+        d = {{"link_failure_count", 1}, {"loss_of_sync_count", 1}, {"loss_of_signal_count", 1}};
+    else if (type == "lip" || type == "lipreset")
+        d = {{"lip_count", 1}};
+    if (!d.empty() && !drv::counters_add(root, s, host, d))
+        complain("the counters of host " + std::to_string(host) + " were not updated");
+}
+
+int event(EventArgs a) {
     std::string error;
-    if (!resolve_root(root, error))
+    if (!resolve_root(a.root, error))
         return complain(error);
     state::SpoolEvent e;
-    e.kind = kind;
-    if (!parse_number(host, e.host_no) || !parse_number(code, e.code) || (!data.empty() && !parse_number(data, e.data)))
-        return complain("--host, --code and --data take numbers (decimal or 0x hexadecimal)");
+    uint32_t host = 0;
+    if (!parse_number(a.host, host))
+        return complain("--host takes a number (decimal or 0x hexadecimal)");
+    Scenario s;
+    if (!a.type.empty()) {
+        uint32_t port_id = 0;
+        if (!a.port_id.empty() && !parse_number(a.port_id, port_id))
+            return complain("--port-id takes a number (decimal or 0x hexadecimal)");
+        if (!load_scenario(root::scenario(a.root), s, error) || !state::event_of_type(s, host, a.type, port_id, e, error))
+            return complain(error);
+    } else {
+        e.kind = a.kind;
+        e.host_no = host;
+        if (a.code.empty() || !parse_number(a.code, e.code) || (!a.data.empty() && !parse_number(a.data, e.data)))
+            return complain("--code (or --type) is required; --code and --data take numbers");
+    }
     std::string name;
-    if (!state::append_event(root, e, &name, error))
+    if (!state::append_event(a.root, e, &name, error))
         return complain(error);
+    if (!a.type.empty())
+        count_link_event(a.root, s, a.type, host);
     std::printf("%s\n", name.c_str());
     return 0;
 }
@@ -285,14 +315,19 @@ int main(int argc, char** argv) {
     tree_cmd->add_option("--scenario", tree_scenario, "Scenario file or name")->required();
     tree_cmd->add_option("--root", tree_root, "Directory to build it in (missing or empty)")->required();
 
-    std::string ev_root, ev_host, ev_code, ev_data, ev_kind = "fc";
+    EventArgs ev;
     CLI::App* event_cmd = app.add_subcommand("event", "Queue an event for the event endpoints");
-    event_cmd->add_option("--root", ev_root, "Sim root (default: $VXSIM_ROOT)");
-    event_cmd->add_option("--host", ev_host, "SCSI host number")->required();
-    event_cmd->add_option("--code", ev_code, "Event code")->required();
-    event_cmd->add_option("--data", ev_data, "Event data");
-    event_cmd->add_option("--kind", ev_kind, "fc (transport event) or aen (driver event)")
-        ->check(CLI::IsMember({"fc", "aen"}));
+    event_cmd->add_option("--root", ev.root, "Sim root (default: $VXSIM_ROOT)");
+    event_cmd->add_option("--host", ev.host, "SCSI host number")->required();
+    CLI::Option* type_opt =
+        event_cmd->add_option("--type", ev.type, "lip, linkup, linkdown, lipreset, rscn, newtargets, unknown")
+            ->check(CLI::IsMember(state::event_types()));
+    event_cmd->add_option("--port-id", ev.port_id, "rscn: the affected port id")->needs(type_opt);
+    CLI::Option* code_opt = event_cmd->add_option("--code", ev.code, "Raw event code")->excludes(type_opt);
+    event_cmd->add_option("--data", ev.data, "Raw event data")->needs(code_opt);
+    event_cmd->add_option("--kind", ev.kind, "With --code: fc (transport event) or aen (driver event)")
+        ->check(CLI::IsMember({"fc", "aen"}))
+        ->needs(code_opt);
 
     std::string fault_root;
     Fault fault;
@@ -329,7 +364,7 @@ int main(int argc, char** argv) {
     if (tree_cmd->parsed())
         return build(tree_scenario, tree_root);
     if (event_cmd->parsed())
-        return event(ev_root, ev_host, ev_code, ev_data, ev_kind);
+        return event(ev);
     if (fault_add->parsed()) {
         std::string error;
         if (!resolve_root(fault_root, error) || !state::add_fault(fault_root, fault, error))

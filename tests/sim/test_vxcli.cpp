@@ -1,12 +1,17 @@
 // vxcli in simulated hosts: its conventions (help, errors, exit codes, port
 // selection, JSON), the report against the per-port commands, the bash
-// completion, and partial failures from injected driver faults.
+// completion, partial failures from injected driver faults, and each command.
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
+#include <map>
 #include <regex>
+#include <sstream>
 #include <string>
 
 #include "libtest.h"
@@ -633,4 +638,125 @@ SIM_TEST(Vxcli, PassThroughCommands, "default.json") {
     EXPECT_EQ(ns["ports"][2], json::parse(R"({"port_id": "0x010400", "wwpn": "50:06:01:60:08:60:1a:00",
                                               "wwnn": "50:06:01:60:88:60:1a:00"})"));
     EXPECT_EQ(doc_of({"nameserver", "host3", "--type", "8"})["port_count"], 2);
+}
+
+// ---- stats, metrics and events ----
+
+namespace {
+
+// The metrics file as the Prometheus client's own parser reads it: one
+// line per sample, "name host value", after one "family type help" line per
+// family.
+const char* const PARSE_METRICS = R"(
+import sys
+from prometheus_client.parser import text_string_to_metric_families
+for f in text_string_to_metric_families(open(sys.argv[1]).read()):
+    print("family", f.name, f.type, bool(f.documentation))
+    for s in f.samples:
+        print("sample", s.name, s.labels["host"], s.labels["wwpn"], s.labels["model"], int(s.value))
+)";
+
+std::string metric_of(const std::string& counter_key) {
+    return "vxsdm_port_" + counter_key.substr(0, counter_key.size() - 6) + "_total";
+}
+
+}  // namespace
+
+// A link event moves the port's counters, --reset clears them, and the
+// metrics file, read by the Prometheus parser, says what stats says.
+SIM_TEST(Vxcli, StatsAndMetricsAgree, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const uint64_t failures = doc_of({"stats", "1"})["counters"]["link_failure_count"];
+    ASSERT_EQ(st::run_vxsim({"event", "--type", "linkdown", "--host", "2"}).status, 0);
+    json stats = doc_of({"stats", "host2"});
+    EXPECT_EQ(stats["host"], 2);
+    EXPECT_EQ(stats["counters"]["link_failure_count"], failures + 1);
+    EXPECT_EQ(stats["counters"].size(), 11u);
+
+    char dir[] = "/tmp/vxcli-metrics-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string file = std::string(dir) + "/vxsdm.prom";
+    EXPECT_EQ(vxcli({"metrics", "-o", file}).status, 0);
+    const st::Output parsed = st::run({"/usr/bin/python3", "-c", PARSE_METRICS, file});
+    ASSERT_EQ(parsed.status, 0) << parsed.text;
+    std::istringstream lines(parsed.text);
+    std::map<std::string, std::map<std::string, uint64_t>> samples;  // metric -> host -> value
+    size_t families = 0;
+    for (std::string kind, name; lines >> kind >> name;) {
+        if (kind == "family") {
+            std::string type, documented;
+            lines >> type >> documented;
+            EXPECT_EQ(documented, "True") << name;
+            EXPECT_EQ(type, name.starts_with("vxsdm_port_") && !name.ends_with("up") && !name.ends_with("gbps") &&
+                                    !name.ends_with("ports")
+                                ? "counter"
+                                : "gauge")
+                << name;
+            ++families;
+            continue;
+        }
+        std::string host, wwpn, model;
+        uint64_t value = 0;
+        lines >> host >> wwpn >> model >> value;
+        samples[name][host] = value;
+        EXPECT_FALSE(wwpn.empty() || model.empty()) << name;
+    }
+    EXPECT_EQ(families, 14u);
+    EXPECT_EQ(samples["vxsdm_port_up"].size(), 4u);
+    EXPECT_EQ(samples["vxsdm_port_speed_gbps"]["2"], 4u);
+    EXPECT_EQ(samples["vxsdm_port_discovered_ports"]["2"], 3u);
+    for (const auto& [key, value] : stats["counters"].items())
+        EXPECT_EQ(samples[metric_of(key)]["2"], value.get<uint64_t>()) << key;
+
+    // Cleared, and shown cleared; a failed write leaves the old file whole.
+    const json cleared = doc_of({"stats", "--reset", "1"});
+    EXPECT_EQ(cleared["reset"], true);
+    for (const auto& [key, value] : cleared["counters"].items())
+        EXPECT_EQ(value, 0) << key;
+    const Run bad = vxcli({"metrics", "-o", std::string(dir) + "/missing/vxsdm.prom"});
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_TRUE(bad.err.starts_with("vxcli: cannot write the metrics: ")) << bad.err;
+    EXPECT_EQ(st::run({"rm", "-r", dir}).status, 0);
+}
+
+// Events injected while `events --follow` runs come out one JSON object per
+// line; the transport's events reach the process only once it listens, so
+// the event is injected again until the first line arrives.
+SIM_TEST(Vxcli, EventsFollowPrintsInjectedEvents, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    int pipe_fds[2];
+    ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC), 0);
+    const std::string binary = st::vxcli_binary();
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(pipe_fds[1], 1);
+        execl(binary.c_str(), binary.c_str(), "events", "--follow", "--json", "host2", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(pipe_fds[1]);
+    std::string out;
+    for (int i = 0; i < 300 && out.find('\n') == std::string::npos; ++i) {
+        ASSERT_EQ(st::run_vxsim({"event", "--type", "linkdown", "--host", "2"}).status, 0);
+        pollfd p{pipe_fds[0], POLLIN, 0};
+        if (poll(&p, 1, 100) == 1) {
+            char buf[4096];
+            const ssize_t n = read(pipe_fds[0], buf, sizeof buf);
+            if (n <= 0)
+                break;
+            out.append(buf, static_cast<size_t>(n));
+        }
+    }
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    close(pipe_fds[0]);
+    ASSERT_NE(out.find('\n'), std::string::npos) << "no event arrived: " << out;
+    const json line = json::parse(out.substr(0, out.find('\n')));
+    EXPECT_EQ(line["schema"], 1);
+    EXPECT_EQ(line["host"], 2);
+    EXPECT_EQ(line["event"], "link down");
+    EXPECT_EQ(line["code"], SDM_AEN_LINK_DOWN);
+    EXPECT_TRUE(line["time"].get<std::string>().ends_with("Z")) << line;
 }

@@ -45,13 +45,18 @@ enum class slot {
     send_fc_scsipt,
     send_ct_passthru,
     send_els_passthru,
+    get_statistics,
+    get_port_statistics,
+    reset_stats,
+    async_event_reg,
+    async_event_get,
 };
 
 // One expected request and what the driver hands back for it.
 struct expectation {
     slot which;
     std::optional<uint32_t> arg;   // the index (discovered port/target), the type mask (port summary),
-                                   // the region (option ROM) or the reset code (activation)
+                                   // the region (option ROM), the reset code (activation), enable (events)
     std::optional<uint32_t> offset;  // the flash offset (option ROM)
     std::vector<uint8_t> sent;     // what an update handed over (filled as it is served)
     std::optional<uint32_t> size;  // the buffer size the leaf passes (sized requests)
@@ -121,7 +126,8 @@ public:
     // The body of every slot: the next expectation must be for this slot.
     static int32_t serve(slot s, void* rec, size_t rec_size, uint32_t* pext_stat, uint32_t* pext_dstat,
                          std::optional<uint32_t> arg, std::optional<uint32_t> size,
-                         std::optional<uint32_t> offset = std::nullopt, const uint8_t* sent = nullptr) {
+                         std::optional<uint32_t> offset = std::nullopt, const uint8_t* sent = nullptr,
+                         uint32_t* copied = nullptr) {
         channel* self = current();
         if (!self || self->queue_.empty()) {
             ADD_FAILURE() << "unexpected request on slot " << static_cast<int>(s);
@@ -141,8 +147,11 @@ public:
         }
         if (sent && size)
             self->written_.assign(sent, sent + *size);
-        if (rec && !e.bytes.empty())
-            memcpy(rec, e.bytes.data(), e.bytes.size() < rec_size ? e.bytes.size() : rec_size);
+        const size_t n = e.bytes.size() < rec_size ? e.bytes.size() : rec_size;
+        if (rec && n != 0)
+            memcpy(rec, e.bytes.data(), n);
+        if (copied)
+            *copied = static_cast<uint32_t>(n);
         if (pext_stat)
             *pext_stat = e.ext_stat;
         if (pext_dstat)
@@ -255,6 +264,25 @@ inline const vxapi_channel_ops channel::table = {
     },
     [](int, vxapi_priv_database*, const void*, uint32_t, void* resp, uint32_t size, uint32_t* st) {
         return channel::serve(slot::send_els_passthru, resp, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, EXT_HBA_PORT_STAT* r, uint32_t* st, uint32_t* dst) {
+        return channel::serve(slot::get_statistics, r, sizeof *r, st, dst, std::nullopt, std::nullopt);
+    },
+    // The argument checked is the destination's DestType.
+    [](int, vxapi_priv_database*, const EXT_DEST_ADDR* d, EXT_HBA_PORT_STAT* r, uint32_t* st, uint32_t* dst) {
+        return channel::serve(slot::get_port_statistics, r, sizeof *r, st, dst, d->DestType, std::nullopt);
+    },
+    [](int, vxapi_priv_database*, uint32_t* st) {
+        return channel::serve(slot::reset_stats, nullptr, 0, st, nullptr, std::nullopt, std::nullopt);
+    },
+    [](int, vxapi_priv_database*, uint32_t enable, void*, uint32_t* st) {
+        return channel::serve(slot::async_event_reg, nullptr, 0, st, nullptr, enable, std::nullopt);
+    },
+    // The answer's bytes are the events; their length comes back in *plen.
+    [](int, vxapi_priv_database*, EXT_ASYNC_EVENT* b, uint32_t* plen, uint32_t* st) {
+        const uint32_t room = *plen;
+        *plen = 0;
+        return channel::serve(slot::async_event_get, b, room, st, nullptr, std::nullopt, room, std::nullopt, nullptr, plen);
     },
 };
 

@@ -18,7 +18,7 @@
 #include "vx_core.h"
 #include "vx_event.h"
 #include "vx_sddbg.h"
-#include "vxa_nlnk.h"
+#include "vx_netlink.h"
 
 namespace {
 

@@ -54,6 +54,8 @@ TEST(FaultAction, ParsesEveryActionAndRejectsTheRest) {
         {"status:4294967295", true, FaultKind::Status, 0, 0xFFFFFFFF},
         {"status:", false, {}, 0, 0},                  {"status:4294967296", false, {}, 0, 0},
         {"status:7x", false, {}, 0, 0},                {"EBUSY", false, {}, 0, 0},
+        {"delay:2500", true, FaultKind::Delay, 0, 2500}, {"delay:", false, {}, 0, 0},
+        {"foreign", true, FaultKind::Foreign, 0, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
@@ -208,6 +210,12 @@ TEST(Classify, AttributePathsNeedAHostDirectoryUnderSysfs) {
         {"/sys/devices/pci0000:00/0000:03:00.0/vpd", false, {}, 0},  // the PCI function's own VPD
         {"/sys/devices/pci0000:00/0000:03:00.0/host5x/optrom", false, {}, 0},
         {"/sim/root/sysx/host5/optrom", false, {}, 0},
+        {"/sys/devices/pci0000:00/0000:03:00.0/host5/fc_host/host5/statistics/tx_frames", true, AttrKind::Stat, 5},
+        {"/sys/devices/pci0000:00/0000:03:00.0/host5/fc_host/host5/statistics/reset_statistics", true,
+         AttrKind::Stat, 5},
+        {"/sys/devices/pci0000:00/0000:03:00.0/host5/fc_host/host5/tx_frames", false, {}, 0},
+        {"/sys/devices/pci0000:00/0000:03:00.0/host5/statistics/optrom", false, {}, 0},
+        {"/sys/devices/pci0000:00/0000:03:00.0/net/eth0/statistics/tx_frames", false, {}, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.path);

@@ -1,6 +1,6 @@
 // The parts of the library that several threads use at once: the trace
 // (caller threads and the event thread), the event thread's lifecycle and
-// the first call that loads the library. Built and run under
+// passes, and the first call that loads the library. Built and run under
 // ThreadSanitizer by `make test`.
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "mock_channel.h"
 #include "test_core_sysfs_tree.h"
 #include "unit_support.h"
 #include "vsdmgt.h"
@@ -225,6 +226,137 @@ TEST(Threads, WalksOfSeveralHostsAtOnce) {
     reset.join();
     vxsysfs_walk_reset();
     EXPECT_EQ(bad, 0);
+}
+
+// ---- The event thread's passes among callers ----
+
+constexpr uint32_t EVENT_HOST = 9;
+
+// A driver that answers from any thread: one link event per fetch, fixed
+// counters, every registration accepted.
+std::atomic<uint32_t> fetches;
+
+const vxapi_channel_ops threaded_channel = [] {
+    vxapi_channel_ops ops{};
+    ops.name = "threads";
+    ops.get_statistics = [](int, vxapi_priv_database*, EXT_HBA_PORT_STAT* st, uint32_t* ext, uint32_t* dext) {
+        st->TotalIoCount = 7;
+        *ext = EXT_STATUS_OK;
+        if (dext)
+            *dext = 0;
+        return 0;
+    };
+    ops.async_event_reg = [](int, vxapi_priv_database*, uint32_t, void*, uint32_t* ext) {
+        *ext = EXT_STATUS_OK;
+        return 0;
+    };
+    ops.async_event_get = [](int, vxapi_priv_database*, EXT_ASYNC_EVENT* buf, uint32_t* plen, uint32_t* ext) {
+        fetches.fetch_add(1);
+        buf[0] = EXT_ASYNC_EVENT{};
+        buf[0].AsyncEventCode = EXT_AEN_LINK_UP;
+        buf[0].Payload.Words[1] = EVENT_HOST;
+        *plen = sizeof buf[0];
+        *ext = EXT_STATUS_OK;
+        return 0;
+    };
+    return ops;
+}();
+
+struct callback_counts {
+    std::atomic<uint32_t> events{0};
+    std::atomic<uint32_t> inner_calls_ok{0};
+    int handle = 0;
+};
+
+// Calls back into the library from inside, as clients do.
+void count_event(void* data, HBA_WWN, HBA_UINT32 type, HBA_UINT32) {
+    auto* c = static_cast<callback_counts*>(data);
+    if (type == VX_SNIA_PORT_OFFLINE)
+        c->events.fetch_add(1);
+    STATISTICS st{};
+    ASYNCEVENT ev[2];
+    SD_UINT32 count = 0;
+    if (SDGetStatistics(c->handle, 0, &st) == 0 && SDGetAen(c->handle, ev, sizeof ev, &count) == 0)
+        c->inner_calls_ok.fetch_add(1);
+}
+
+// Passes run every few milliseconds while caller threads query, drain the
+// queue, switch events on and off and register and remove callbacks.
+TEST(Threads, EventPassesWhileCallersQueryAndRegister) {
+    VX_REQUIRE_PRIVATE_IPC();
+    const std::string dir = make_temp_dir();
+    char saved_name[sizeof vx_db_fname];
+    memcpy(saved_name, vx_db_fname, sizeof saved_name);
+    snprintf(vx_db_fname, sizeof vx_db_fname, "%s/vx_shared.dat", dir.c_str());
+    const int saved_tick = vxapi_ev_tick_ms.exchange(1);
+    {
+        vxmock::registry reg;
+        vxapi_priv_database* port = reg.port(VX_FEAT_SYSFS, 0x2031);
+        ASSERT_NE(port, nullptr);
+        port->host_no = EVENT_HOST;
+        port->channel = &threaded_channel;
+        snprintf(reinterpret_cast<char*>(port->phys_path), sizeof port->phys_path, "%s", "/sys/bus/pci/x");
+        const int h = vxmock::registry::handle(port);
+        ASSERT_EQ(SDEnableAen(h), 0u);
+        int fd = -1;
+        ASSERT_EQ(vxapi_open_database(&fd), 0);
+
+        callback_counts counts;
+        counts.handle = h;
+        std::atomic<bool> stop{false};
+        std::atomic<uint32_t> drained{0}, queried{0};
+        std::vector<std::thread> callers;
+        callers.emplace_back([&] {
+            while (!stop) {
+                void* registration = nullptr;
+                vxapi_reg_port_event_cb(port, count_event, &counts, &registration);
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                vxapi_remove_event_cb(registration);
+                // Unregistered, the port's events wait in the queue for SDGetAen.
+                std::this_thread::sleep_for(std::chrono::milliseconds(40));
+            }
+        });
+        callers.emplace_back([&] {
+            while (!stop) {
+                ASYNCEVENT ev[4];
+                SD_UINT32 count = 0;
+                if (SDGetAen(h, ev, sizeof ev, &count) == 0)
+                    drained.fetch_add(count);
+                STATISTICS st{};
+                if (SDGetStatistics(h, 0, &st) == 0 && st.IOCount == 7)
+                    queried.fetch_add(1);
+            }
+        });
+        callers.emplace_back([&] {
+            for (int i = 0; !stop; ++i) {
+                if (i % 2)
+                    SDDisableAen(h);
+                else
+                    SDEnableAen(h);
+                check_handle(static_cast<uint32_t>(h));
+                std::this_thread::sleep_for(std::chrono::milliseconds(3));
+            }
+        });
+        // Long enough for many passes of 15 ticks of 1 ms, whatever the machine.
+        for (int i = 0; i < 400 && (counts.events < 3 || drained < 3 || fetches < 10); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        stop = true;
+        for (std::thread& th : callers)
+            th.join();
+        EXPECT_EQ(vxapi_close_database(fd), 0);
+        EXPECT_GE(fetches.load(), 10u);
+        EXPECT_GE(counts.events.load(), 3u);
+        EXPECT_EQ(counts.inner_calls_ok.load(), counts.events.load());
+        EXPECT_GE(drained.load(), 3u);
+        EXPECT_GT(queried.load(), 0u);
+    }
+    vxapi_ev_tick_ms = saved_tick;
+    for (int key : {VX_SEM_KEY_DBUPDATE, VX_SEM_KEY_FLASH})
+        if (int id = semget(key, 1, 0); id != -1)
+            semctl(id, 0, IPC_RMID);
+    api_dbupdate_sem_id = api_flash_sem_id = -1;
+    memcpy(vx_db_fname, saved_name, sizeof saved_name);
+    remove_tree(dir);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 
 #include "cli.h"
+#include "counters.h"
 #include "dump.h"
 #include "format.h"
 #include "ports.h"
@@ -316,6 +317,15 @@ TEST(VxcliVpd, WalkAndLines) {
     const VpdWalk w = walk_vpd(large.data(), large.size(), false);
     EXPECT_EQ(w.items.size(), 1u);
     EXPECT_FALSE(w.complete);
+}
+
+TEST(VxcliMetrics, LabelValuesAreEscaped) {
+    const struct {
+        const char* in;
+        const char* out;
+    } rows[] = {{"VXS1051", "VXS1051"}, {"a\"b", "a\\\"b"}, {"c:\\d", "c:\\\\d"}, {"two\nlines", "two\\nlines"}, {"", ""}};
+    for (const auto& r : rows)
+        EXPECT_EQ(metric_label(r.in), r.out) << r.in;
 }
 
 // The man page is written by hand: every command and every shared option

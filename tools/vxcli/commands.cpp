@@ -18,6 +18,9 @@ const std::vector<Command>& commands() {
         readcap_command(),
         reportluns_command(),
         nameserver_command(),
+        stats_command(),
+        events_command(),
+        metrics_command(),
         version_command(),
     };
     return table;
