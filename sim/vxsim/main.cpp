@@ -17,8 +17,10 @@
 #include "state.h"
 #include "tree.h"
 
-#ifndef VXSIM_SCENARIO_DIR
-#define VXSIM_SCENARIO_DIR ""
+// Where the shared scenarios lie, relative to the directory of the vxsim
+// executable once installed (<libexec>/vxsim -> <datadir>/vxsim/scenarios).
+#ifndef VXSIM_INSTALLED_SCENARIOS
+#define VXSIM_INSTALLED_SCENARIOS "../../share/vxsim/scenarios"
 #endif
 
 namespace {
@@ -35,18 +37,17 @@ int complain(const std::string& line) {
 std::string find_scenario(const std::string& name) {
     if (fs::exists(name) || name.find('/') != std::string::npos)
         return name;
-    // The variable, the source tree this vxsim was built from, or the shared
-    // data of an installed one (<prefix>/libexec/vxsim/vxsim ->
-    // <prefix>/share/vxsim/scenarios).
+    // The variable, then beside this vxsim: `scenarios` in a build tree (a
+    // link to the sources), the shared data once installed. Nothing is
+    // compiled in, so an installed vxsim never looks into a build tree.
     std::vector<std::string> dirs;
     if (const char* env = std::getenv("VXSIM_SCENARIOS"); env && *env)
         dirs.push_back(env);
-    dirs.push_back(VXSIM_SCENARIO_DIR);
-    char self[4096];
-    if (const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1); n > 0) {
-        self[n] = '\0';
-        const std::string exe(self);
-        dirs.push_back(exe.substr(0, exe.find_last_of('/')) + "/../../share/vxsim/scenarios");
+    const std::string self = fs::real_path("/proc/self/exe");
+    if (!self.empty()) {
+        const std::string here = self.substr(0, self.find_last_of('/'));
+        dirs.push_back(here + "/scenarios");
+        dirs.push_back(here + "/" VXSIM_INSTALLED_SCENARIOS);
     }
     for (const std::string& dir : dirs)
         for (const std::string& candidate : {dir + "/" + name, dir + "/" + name + ".json"})
