@@ -79,12 +79,8 @@ private:
 bool valid_action(const std::string& a) {
     if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse")
         return true;
-    if (a.rfind("status:", 0) != 0 || a.size() == 7)
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    std::strtoul(a.c_str() + 7, &end, 0);
-    return errno == 0 && *end == 0;
+    uint64_t status = 0;
+    return a.rfind("status:", 0) == 0 && parse_number(a.substr(7), status) && status <= 0xFFFFFFFFu;
 }
 
 bool parse_faults(const std::string& text, std::vector<Fault>& out, std::string& error, const std::string& path) {
@@ -134,8 +130,8 @@ bool read_faults(const std::string& root, std::vector<Fault>& out, std::string& 
 }
 
 bool add_fault(const std::string& root, const Fault& fault, std::string& error) {
-    if (fault.endpoint.empty()) {
-        error = "a fault needs an endpoint";
+    if (!is_fault_endpoint(fault.endpoint)) {
+        error = "unknown fault endpoint \"" + fault.endpoint + "\" (" + fault_endpoint_list() + ")";
         return false;
     }
     if (!valid_action(fault.action)) {
@@ -235,7 +231,7 @@ bool list_events(const std::string& root, std::vector<std::pair<std::string, Spo
     return true;
 }
 
-bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std::string& error) {
+bool read_journal(const std::string& root, std::vector<JournalLine>& out, std::string& error) {
     out.clear();
     const std::string path = root::journal(root);
     if (!fs::exists(path))
@@ -253,7 +249,7 @@ bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std
         if (line.empty())
             continue;
         json j = json::parse(line, nullptr, false);
-        out.push_back(j.is_discarded() ? json(line) : std::move(j));
+        out.push_back({j.is_discarded() ? json(line) : std::move(j), std::move(line)});
     }
     return true;
 }

@@ -39,7 +39,12 @@ bool append_event(const std::string& root, const SpoolEvent& e, std::string* nam
 bool list_events(const std::string& root, std::vector<std::pair<std::string, SpoolEvent>>& out,
                  std::string& error);
 
-// The journal's lines, parsed; a line that is not JSON is kept as a string.
-bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std::string& error);
+// One journal line: parsed (a line that is not JSON is kept as a string) and
+// as it stands in the file.
+struct JournalLine {
+    nlohmann::json record;
+    std::string text;
+};
+bool read_journal(const std::string& root, std::vector<JournalLine>& out, std::string& error);
 
 }  // namespace vxsim::state

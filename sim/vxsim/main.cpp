@@ -56,15 +56,24 @@ std::string find_scenario(const std::string& name) {
     return name;
 }
 
-bool parse_number(const std::string& text, uint32_t& out) {
-    if (text.empty())
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long v = std::strtoull(text.c_str(), &end, 0);
-    if (errno != 0 || *end != 0 || v > 0xFFFFFFFFull || text[0] == '-')
+bool parse_u32(const std::string& text, uint32_t& out) {
+    uint64_t v = 0;
+    if (!parse_number(text, v) || v > 0xFFFFFFFFull)
         return false;
     out = static_cast<uint32_t>(v);
+    return true;
+}
+
+// A count: -1, or a number from 1 up.
+bool parse_count(const std::string& text, int32_t& out) {
+    uint64_t v = 0;
+    if (text == "-1") {
+        out = -1;
+        return true;
+    }
+    if (!parse_number(text, v) || v == 0 || v > 0x7FFFFFFFull)
+        return false;
+    out = static_cast<int32_t>(v);
     return true;
 }
 
@@ -84,6 +93,32 @@ bool resolve_root(std::string& root, std::string& error) {
         return false;
     }
     return true;
+}
+
+// Every SCSI host of the scenario, physical ports and NPIV ports alike.
+std::vector<uint32_t> host_numbers(const Scenario& s) {
+    std::vector<uint32_t> hosts;
+    for (const Adapter& a : s.adapters)
+        for (const PciFunction& f : a.functions) {
+            hosts.push_back(f.port.host_no);
+            for (const HostPort& v : f.vports)
+                hosts.push_back(v.host_no);
+        }
+    return hosts;
+}
+
+bool has_host(const Scenario& s, uint32_t host_no) {
+    for (uint32_t h : host_numbers(s))
+        if (h == host_no)
+            return true;
+    return false;
+}
+
+std::string host_list(const Scenario& s) {
+    std::string list;
+    for (uint32_t h : host_numbers(s))
+        list += (list.empty() ? "" : ", ") + std::to_string(h);
+    return list.empty() ? "none" : list;
 }
 
 size_t count_hosts(const Scenario& s, size_t& rports) {
@@ -128,7 +163,7 @@ struct RunArgs {
     std::string root;
     bool keep = false;
     bool real_sleep = false;
-    int64_t euid = -1;
+    std::string euid;  // "" = not given
     std::vector<std::string> command;
 };
 
@@ -146,6 +181,7 @@ int run(const RunArgs& a) {
     o.preload = fs::real_path(o.preload);
     o.command = a.command;
     o.real_sleep = a.real_sleep;
+    o.user_namespace = ::geteuid() != 0;
 
     // A root given with --root is built there, or reused as it is when it
     // holds one already and no scenario is named.
@@ -157,9 +193,12 @@ int run(const RunArgs& a) {
                        error) ||
         !check_scenario(s, error))
         return complain(error);
-    if (a.euid >= 0)
-        o.euid = static_cast<uint32_t>(a.euid);
-    else if (s.options.euid)
+    if (!a.euid.empty()) {
+        uint32_t euid = 0;
+        if (!parse_u32(a.euid, euid) || euid > 0x7FFFFFFF)
+            return complain("--euid takes a user id (decimal or 0x hexadecimal)");
+        o.euid = euid;
+    } else if (s.options.euid)
         o.euid = *s.options.euid;
 
     std::string root = a.root;
@@ -207,8 +246,14 @@ int event(std::string root, const std::string& host, const std::string& code, co
         return complain(error);
     state::SpoolEvent e;
     e.kind = kind;
-    if (!parse_number(host, e.host_no) || !parse_number(code, e.code) || (!data.empty() && !parse_number(data, e.data)))
+    if (!parse_u32(host, e.host_no) || !parse_u32(code, e.code) || (!data.empty() && !parse_u32(data, e.data)))
         return complain("--host, --code and --data take numbers (decimal or 0x hexadecimal)");
+    // An event for a host the scenario lacks would wait in the spool forever.
+    Scenario s;
+    if (!load_scenario(root::scenario(root), s, error))
+        return complain(error);
+    if (!has_host(s, e.host_no))
+        return complain("the sim root has no SCSI host " + std::to_string(e.host_no) + " (hosts: " + host_list(s) + ")");
     std::string name;
     if (!state::append_event(root, e, &name, error))
         return complain(error);
@@ -237,21 +282,23 @@ int fault_list(std::string root, bool json) {
 
 int journal(std::string root, const std::string& endpoint, bool json) {
     std::string error;
-    std::vector<nlohmann::json> lines;
+    std::vector<state::JournalLine> lines;
     if (!resolve_root(root, error) || !state::read_journal(root, lines, error))
         return complain(error);
     if (!json)
         std::printf("%-6s %-8s %-12s %s\n", "SEQ", "PID", "ENDPOINT", "DETAILS");
-    for (const nlohmann::json& j : lines) {
+    for (const state::JournalLine& line : lines) {
+        const nlohmann::json& j = line.record;
         std::string ep = j.is_object() ? j.value("ep", "") : "";
         if (!endpoint.empty() && ep != endpoint)
             continue;
         if (json) {
-            std::printf("%s\n", j.is_string() ? j.get<std::string>().c_str() : j.dump().c_str());
+            // The line as the emulation wrote it: its key order is the record's.
+            std::printf("%s\n", line.text.c_str());
             continue;
         }
         if (!j.is_object()) {
-            std::printf("%-6s %-8s %-12s %s\n", "?", "?", "?", j.is_string() ? j.get<std::string>().c_str() : "");
+            std::printf("%-6s %-8s %-12s %s\n", "?", "?", "?", line.text.c_str());
             continue;
         }
         std::string details;
@@ -277,7 +324,7 @@ int main(int argc, char** argv) {
     run_cmd->add_option("--scenario", ra.scenario, "Scenario file or name (default: default.json)");
     run_cmd->add_option("--root", ra.root, "Sim root to build or reuse (kept afterwards)");
     run_cmd->add_flag("--keep", ra.keep, "Keep the temporary sim root");
-    run_cmd->add_option("--euid", ra.euid, "Effective user id the programs see")->check(CLI::Range(0, 0x7FFFFFFF));
+    run_cmd->add_option("--euid", ra.euid, "Effective user id the programs see");
     run_cmd->add_flag("--real-sleep", ra.real_sleep, "Do not shorten sleeps");
     run_cmd->add_option("command", ra.command, "Command and arguments, after --")->required();
 
@@ -302,11 +349,12 @@ int main(int argc, char** argv) {
     fault_cmd->add_option("--root", fault_root, "Sim root (default: $VXSIM_ROOT)");
     fault_cmd->require_subcommand(1);
     CLI::App* fault_add = fault_cmd->add_subcommand("add", "Arm a fault");
-    fault_add->add_option("--endpoint", fault.endpoint, "optrom_ctl, optrom, nvram, vpd, ioctl, bsg, netlink, ...")
+    fault_add->add_option("--endpoint", fault.endpoint, fault_endpoint_list())
         ->required();
     fault_add->add_option("--match", fault.match, "Request selector (\"\" = any; \"abc*\" = prefix)");
     fault_add->add_option("--action", fault.action, "ebusy, enosys, eio, short, refuse, status:<n>")->required();
-    fault_add->add_option("--count", fault.count, "Matching requests to fail (-1 = always)");
+    std::string fault_count;
+    fault_add->add_option("--count", fault_count, "Matching requests to fail (-1 = always)");
     CLI::App* fault_list_cmd = fault_cmd->add_subcommand("list", "List armed faults");
     fault_list_cmd->add_flag("--json", fault_json, "Print the JSON list");
     CLI::App* fault_clear = fault_cmd->add_subcommand("clear", "Remove every fault");
@@ -333,6 +381,8 @@ int main(int argc, char** argv) {
         return event(ev_root, ev_host, ev_code, ev_data, ev_kind);
     if (fault_add->parsed()) {
         std::string error;
+        if (!fault_count.empty() && !parse_count(fault_count, fault.count))
+            return complain("--count takes -1 (always) or a number from 1 (decimal or 0x hexadecimal)");
         if (!resolve_root(fault_root, error) || !state::add_fault(fault_root, fault, error))
             return complain(error);
         return 0;
