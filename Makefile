@@ -44,5 +44,10 @@ install:
 deb:
 	@scripts/deb
 
+# Removes what `make install` put in place, and our line of /etc/hba.conf.
+.PHONY: uninstall
+uninstall:
+	@scripts/uninstall $(BUILD)
+
 clean:
 	rm -rf build build-asan build-tsan build-fuzz build-deb

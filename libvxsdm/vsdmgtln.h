@@ -165,6 +165,49 @@ typedef struct {
 } ADAPTERREGIONVERSION;
 VXSD_STATIC_ASSERT(offsetof(ADAPTERREGIONVERSION, RegionVersion) == 8, "ADAPTERREGIONVERSION header");
 
+/* Option ROM (flash) layout: the region codes of the adapter's flash and
+ * their sizes. On input NoOfRegions is the capacity of Region[] (the caller
+ * allocates room for that many entries), on output the count. */
+typedef struct {
+    SD_UINT32 Region; /* region code (0xFF: the whole flash) */
+    SD_UINT32 Size;
+} SDM_OPT_ROM_REGION;
+VXSD_STATIC_ASSERT(sizeof(SDM_OPT_ROM_REGION) == 8, "SDM_OPT_ROM_REGION size");
+
+typedef struct {
+    SD_UINT32 Size; /* bytes of flash; 0 when the layout comes from the flash's own table */
+    SD_UINT32 NoOfRegions;
+    SDM_OPT_ROM_REGION Region[1];
+} SDM_OPT_ROM_LAYOUT;
+VXSD_STATIC_ASSERT(offsetof(SDM_OPT_ROM_LAYOUT, Region) == 8, "SDM_OPT_ROM_LAYOUT header");
+
+/* PCI expansion-ROM image header and data structure, little-endian as the
+ * images carry them. */
+#pragma pack(push, 1)
+typedef struct {
+    SD_UINT16 Signature; /* bytes 0x55 0xAA */
+    SD_UINT8 Reserved[22];
+    SD_UINT16 PcirOffset;
+} SDM_PCI_ROM_HEADER;
+
+typedef struct {
+    SD_UINT8 Signature[4]; /* "PCIR" */
+    SD_UINT16 VendorId;
+    SD_UINT16 DeviceId;
+    SD_UINT16 Reserved0;
+    SD_UINT16 Length;
+    SD_UINT8 Revision;
+    SD_UINT8 ClassCode[3];
+    SD_UINT16 ImageLength; /* 512-byte units */
+    SD_UINT16 CodeRevision;
+    SD_UINT8 CodeType; /* 0 x86 BIOS, 1 FCode, 3 EFI */
+    SD_UINT8 Indicator; /* bit 7: last image */
+    SD_UINT16 Reserved1;
+} SDM_PCI_DATA_STRUCT;
+#pragma pack(pop)
+VXSD_STATIC_ASSERT(sizeof(SDM_PCI_ROM_HEADER) == 26, "SDM_PCI_ROM_HEADER size");
+VXSD_STATIC_ASSERT(sizeof(SDM_PCI_DATA_STRUCT) == 24, "SDM_PCI_DATA_STRUCT size");
+
 /* Discovered ports and targets share one layout. */
 typedef struct {
     SD_UINT8 NodeWWN[8];
@@ -226,6 +269,42 @@ VXSD_STATIC_ASSERT(sizeof(DEVICEINFO) == 300, "DEVICEINFO with one entry");
 /* TypeMode bits of SDGetPortDatabase that reach the driver. */
 #define SDM_PORTDB_TYPE_MASK 0x101Fu
 
+/* AddressType of DESTINATIONADDRESS and FABRICADDRESS. */
+#define SDM_ADDRESS_WWNN 1u
+#define SDM_ADDRESS_WWPN 2u
+#define SDM_ADDRESS_PORTID 3u
+
+/* A LUN behind a remote port named by one of its FC addresses. A port id
+ * is AddressUsing[1..3], most significant byte first. */
+typedef struct {
+    SD_UINT16 AddressType;
+    union {
+        SD_UINT8 WWNN[8];
+        SD_UINT8 WWPN[8];
+        SD_UINT8 PortID[4];
+    } AddressUsing;
+    SD_UINT16 LunNumber;
+} DESTINATIONADDRESS;
+VXSD_STATIC_ASSERT(sizeof(DESTINATIONADDRESS) == 12, "DESTINATIONADDRESS size");
+VXSD_STATIC_ASSERT(offsetof(DESTINATIONADDRESS, AddressUsing) == 2, "DESTINATIONADDRESS.AddressUsing");
+VXSD_STATIC_ASSERT(offsetof(DESTINATIONADDRESS, LunNumber) == 10, "DESTINATIONADDRESS.LunNumber");
+
+/* A fabric port named by one of its FC addresses. */
+typedef struct {
+    SD_UINT16 AddressType;
+    union {
+        SD_UINT8 WWNN[8];
+        SD_UINT8 WWPN[8];
+        SD_UINT8 PortID[4];
+    } AddressUsing;
+    SD_UINT16 Reserved;
+} FABRICADDRESS;
+VXSD_STATIC_ASSERT(sizeof(FABRICADDRESS) == 12, "FABRICADDRESS size");
+
+/* Largest CDB and sense data a SCSI pass-through carries. */
+#define SDM_MAX_CDB_LEN 16u
+#define SDM_MAX_SENSE_LEN 256u
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -256,6 +335,94 @@ VXSD_API SD_UINT32 SDGetPortDatabase(int Device, SD_UINT16 TypeMode, DEVICEINFO*
  * with SDM_STATUS_NOT_SUPPORTED, and a target with LUNs past the map gives
  * SDM_STATUS_DATA_OVERRUN with the LUNs that the map holds. */
 VXSD_API SD_UINT32 SDGetTargetLunList(int Device, SD_UINT16 TargetId, SD_UINT16* pLuns, SD_UINT32* pLunCount);
+
+/* Flash. Region 0 is the whole image; SDGetOptionRom and SDUpdateOptionRom
+ * need at least 0x20000 bytes. Reads never write past BufferSize. Updates
+ * of boot-code regions are refused (SDM_STATUS_INVALID_PARAMETER, nothing
+ * written) when the image's PCI expansion-ROM chain is broken. */
+VXSD_API SD_UINT32 SDGetOptionRomLayout(int Device, SD_UINT16 HbaDevPortNum, SDM_OPT_ROM_LAYOUT* pLayout);
+VXSD_API SD_UINT32 SDGetOptionRom(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32 BufferSize);
+VXSD_API SD_UINT32 SDGetOptionRomEx(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32 BufferSize,
+                                    SD_UINT32 Region);
+VXSD_API SD_UINT32 SDGetOptionRomOffset(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
+                                        SD_UINT32 BufferSize, SD_UINT32 Offset);
+VXSD_API SD_UINT32 SDUpdateOptionRom(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32 BufferSize);
+VXSD_API SD_UINT32 SDUpdateOptionRomEx(int Device, SD_UINT32 DisableReset, SD_UINT8* pBuffer, SD_UINT32 BufferSize,
+                                       SD_UINT32 Region);
+VXSD_API SD_UINT32 SDUpdateOptionRomEx2(int Device, SD_UINT32 DisableReset, SD_UINT8* pBuffer,
+                                        SD_UINT32 BufferSize, SD_UINT32 Region);
+VXSD_API SD_UINT32 SDUpdateOptionRomOffset(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
+                                           SD_UINT32 BufferSize, SD_UINT32 Offset);
+
+/* NVRAM: the port's whole settings image, 256 bytes on the older families
+ * and 512 (nvram_swift, vsdnvram.h) on the Swift family and every family
+ * with a flash layout table. A larger BufferSize moves the image and no
+ * more; a read into a smaller buffer fills it with the image's start. An
+ * update must carry the whole image (SDM_STATUS_INVALID_PARAMETER
+ * otherwise); on the families with a flash layout table the library stores
+ * the image's checksum into pBuffer before writing, and the ports reload
+ * their settings unless DisableReset is nonzero. Mode is reserved: it is
+ * traced and ignored. Virtual ports read their physical port's image and
+ * cannot update it (SDM_STATUS_NOT_SUPPORTED). */
+VXSD_API SD_UINT32 SDGetNVRam(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32 Mode, SD_UINT8* pBuffer,
+                              SD_UINT32 BufferSize);
+VXSD_API SD_UINT32 SDUpdateNVRam(int Device, SD_UINT32 DisableReset, SD_UINT32 Mode, SD_UINT8* pBuffer,
+                                 SD_UINT32 BufferSize);
+
+/* VPD: 512 bytes, 1024 on the Wren, Tern and Ibis families. SDGetVpd needs
+ * a buffer of that size (SDM_STATUS_BUFFER_TOO_SMALL with the size stored in
+ * *pBufferSize otherwise) and stores the size read in *pBufferSize; a failed
+ * read leaves the buffer as it was. SDUpdateVpd writes *pBufferSize bytes
+ * (at most the VPD size); the families with a flash layout table and
+ * virtual ports are refused (SDM_STATUS_NOT_SUPPORTED). SDSwiftSaveVpd
+ * writes the VPD of the port and of the other port of its pair (PCI
+ * functions 0 and 1, 2 and 3), the flash regions 0x14 and 0x16 on the
+ * families with a flash layout table; 0x20000100 when the other port cannot
+ * be opened. */
+VXSD_API SD_UINT32 SDGetVpd(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32* pBufferSize);
+VXSD_API SD_UINT32 SDUpdateVpd(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32* pBufferSize);
+VXSD_API SD_UINT32 SDSwiftSaveVpd(int Device, SD_UINT8* pvpd, SD_UINT32 buf_size);
+
+/* SCSI pass-through to LUN pTargetInfo->LUN of target pTargetInfo->TargetID
+ * (BusNumber is not used). At most one data buffer: pReqBuf for data to the
+ * device, pRespBuf for data from it; both null sends no data. pSenseBuf
+ * (SenseBufSize bytes, cleared) receives the sense of a check condition.
+ * A SCSI status other than GOOD comes back as SDM_STATUS_SCSI_... */
+VXSD_API SD_UINT32 SDSendScsiPassThru(int Device, TARGETINFORMATION* pTargetInfo, SD_UINT8* pCdbBuf,
+                                      SD_UINT32 ValidCdbLen, void* pReqBuf, SD_UINT32 ReqBufSize, void* pRespBuf,
+                                      SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+/* The same by the remote port's name (AddressType SDM_ADDRESS_WWPN only);
+ * a check condition returns SDM_STATUS_SCSI_CHECK_CONDITION with the sense. */
+VXSD_API SD_UINT32 SDSendScsiPassThruFC(int Device, DESTINATIONADDRESS* pDestAddr, SD_UINT8* pCdbBuf,
+                                        SD_UINT32 ValidCdbLen, void* pReqBuf, SD_UINT32 ReqBufSize, void* pRespBuf,
+                                        SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+
+/* INQUIRY (standard data, at most 255 bytes), READ CAPACITY(10) and REPORT
+ * LUNS. A target that refuses REPORT LUNS gets its LUNs 0-255 probed with
+ * READ CAPACITY instead: the list is built in the response buffer (as far
+ * as it fits) and the call returns SDM_STATUS_NOT_FROM_DEVICE, leaving the
+ * caller's LUN field at 255. */
+VXSD_API SD_UINT32 SDSendScsiInquiryCmd(int Device, TARGETINFORMATION* pTargetInfo, void* pRespBuf,
+                                        SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReadCapacityCmd(int Device, TARGETINFORMATION* pTargetInfo, void* pRespBuf,
+                                             SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReportLunsCmd(int Device, TARGETINFORMATION* pTargetInfo, void* pRespBuf,
+                                           SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiInquiryCmdFC(int Device, DESTINATIONADDRESS* pDestAddr, void* pRespBuf,
+                                          SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReadCapacityCmdFC(int Device, DESTINATIONADDRESS* pDestAddr, void* pRespBuf,
+                                               SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReportLunsCmdFC(int Device, DESTINATIONADDRESS* pDestAddr, void* pRespBuf,
+                                             SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+
+/* A CT request (a CT_IU, its 16-byte header first) to the fabric's
+ * services; the reply (accept or reject) fills pRespBuffer, cut at its size
+ * (SDM_STATUS_DATA_OVERRUN). Only a port logged in to a fabric may send. */
+VXSD_API SD_UINT32 SDSendCTPassThru(int Device, void* pReqBuffer, SD_UINT32 ReqBufferSize, void* pRespBuffer,
+                                    SD_UINT32 RespBufferSize);
+/* Not supported: always SDM_STATUS_NOT_SUPPORTED. */
+VXSD_API SD_UINT32 SDSendElsRnid(int Device, FABRICADDRESS* pFabricAddr, SD_UINT16 NIDFormat, void* pRespBuffer,
+                                 SD_UINT32 RespBufferSize);
 
 #ifdef __cplusplus
 }

@@ -2,11 +2,14 @@
 // the process-wide current layout), sector alignment, the region reset
 // table, and the image-version and update-capability queries that
 // discovery calls for each adapter.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "vsdmgt.h"
 #include "vx_adapters.h"
+#include "vx_channel.h"
 #include "vx_core_flash.h"
 #include "vx_sddbg.h"
 #include "vx_sysfs.h"
@@ -572,93 +575,246 @@ vxapi_reset_action vxapi_reset_code(uint16_t device_id, uint32_t region, uint16_
     return action;
 }
 
+// ---- Image versions kept in flash and run by the adapter's processors ----
+
+namespace {
+
+// fcoe_valid: one bit per component version read (docs/adapters.md).
+enum fcoe_bit : uint32_t {
+    FCOE_MPI_RUNNING = 1u << 0,
+    FCOE_EDC_RUNNING = 1u << 1,  // the PEP processor on boards that have one
+    FCOE_MPI_FLASH = 1u << 2,
+    FCOE_EDC_FLASH = 1u << 3,
+    FCOE_NIC_BOOT = 1u << 4,
+};
+
+// Region codes of the processor images, per family.
+constexpr uint8_t REGION_FW = 0x01;
+constexpr uint8_t REGION_BOOT = 0x07;
+constexpr uint8_t REGION_NIC_BOOT = 0x2E;
+constexpr uint8_t REGION_LARK_MPI = 0x40;
+constexpr uint8_t REGION_LARK_EDC = 0x45;
+constexpr uint8_t REGION_CRANE_MPI = 0x02;
+constexpr uint8_t REGION_CRANE_PEP = 0x09;
+
+// Start of a region code in the adapter's own layout table, else in the
+// current layout. 1 when neither has it.
+int region_start(const vxapi_priv_database* inst, uint8_t code, uint32_t* beg, uint32_t* size) {
+    const INT_OPT_ROM_LAYOUT* layout = inst->phy_info ? inst->phy_info->pflt_layout : nullptr;
+    if (layout) {
+        const uint32_t n = layout->NoOfRegions < VX_OPTROM_MAX_REGIONS ? layout->NoOfRegions : VX_OPTROM_MAX_REGIONS;
+        for (uint32_t i = 0; i < n; ++i) {
+            if ((layout->Region[i].Region & VX_REGION_CODE_MASK) == code) {
+                *beg = layout->Region[i].Beg;
+                *size = layout->Region[i].Size;
+                return 0;
+            }
+        }
+    }
+    return vxsysfs_map_region(inst, code, beg, size);
+}
+
+// Major, minor and subminor of the firmware-type image heading a region
+// whose header carries `tag`. 0 when found.
+int image_version(vxapi_priv_database* inst, uint8_t code, const char* tag, uint8_t ver[3]) {
+    uint32_t beg = 0, size = 0;
+    if (region_start(inst, code, &beg, &size) != 0 || size < sizeof(INT_FW_IMAGE_HEADER))
+        return 1;
+    uint8_t head[sizeof(INT_FW_IMAGE_HEADER)];
+    uint32_t ext_stat = 0;
+    if (read_flash(inst, beg, head, sizeof head, &ext_stat) != 0 || ext_stat != 0 || memcmp(head, tag, 4) != 0) {
+        vxdbg_num(ERR, "vxapi_image_version: no image in region=", code, VXDBG_HEX, 1);
+        return 1;
+    }
+    ver[0] = static_cast<uint8_t>(vxapi_le32(head + offsetof(INT_FW_IMAGE_HEADER, major)));
+    ver[1] = static_cast<uint8_t>(vxapi_le32(head + offsetof(INT_FW_IMAGE_HEADER, minor)));
+    ver[2] = static_cast<uint8_t>(vxapi_le32(head + offsetof(INT_FW_IMAGE_HEADER, subminor)));
+    return 0;
+}
+
+// Reads one flash version into `dst` and marks it valid; 1 when it is not there.
+int flash_version(vxapi_priv_database* inst, uint8_t code, const char* tag, uint8_t* dst, uint32_t bit) {
+    uint8_t ver[3];
+    if (image_version(inst, code, tag, ver) != 0)
+        return 1;
+    memcpy(dst, ver, sizeof ver);
+    inst->phy_info->fcoe_valid |= bit;
+    return 0;
+}
+
+bool version_set(const uint8_t* v) { return v[0] || v[1] || v[2]; }
+
+}  // namespace
+
 int vxapi_query_adapter_versions(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat) {
     (void)handle;
-    (void)inst;
-    // The full operation comes with the flash work: no versions found yet.
-    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
-    vxdbg_line(ERR, "vxapi_query_adapter_versions: no versions found.");
-    return 1;
+    uint32_t local = 0;
+    pext_stat = pext_stat ? pext_stat : &local;
+    if (!vxapi_leaf_ready("vxapi_query_adapter_versions", inst, inst && inst->phy_info, pext_stat))
+        return 1;
+    EXT_ADAPTER_VERSIONS ver{};
+    const int32_t rc = inst->channel->query_adapter_versions(inst->oshandle, inst, &ver, pext_stat);
+    if (rc != 0 || *pext_stat != EXT_STATUS_OK) {
+        vxdbg_num(ERR, "vxapi_query_adapter_versions: request failed. ext status=", *pext_stat, VXDBG_DEC, 1);
+        return rc != 0 ? rc : 1;
+    }
+    vxapi_phy_info* phy = inst->phy_info;
+    memcpy(phy->mpi_running_ver, ver.MpiVersion, 3);
+    memcpy(phy->edc_running_ver, ver.EdcVersion, 3);
+    if (version_set(ver.MpiVersion))
+        phy->fcoe_valid |= FCOE_MPI_RUNNING;
+    if (version_set(ver.EdcVersion))
+        phy->fcoe_valid |= FCOE_EDC_RUNNING;
+    vxdbg_num(TRC, "vxapi_query_adapter_versions: exiting. valid=", phy->fcoe_valid, VXDBG_HEX, 1);
+    return 0;
 }
 
 int vxapi_get_flash_mpi_edc_versions(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat) {
     (void)handle;
-    (void)inst;
-    // The full operation comes with the flash work: no versions found yet.
     set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
-    vxdbg_line(ERR, "vxapi_get_flash_mpi_edc_versions: no versions found.");
-    return 1;
+    if (!inst || !inst->phy_info) {
+        vxdbg_line(ERR, "vxapi_get_flash_mpi_edc_versions: invalid parameter.");
+        return 1;
+    }
+    const int mpi = flash_version(inst, REGION_LARK_MPI, "VXMP", inst->phy_info->mpi_flash_ver, FCOE_MPI_FLASH);
+    const int edc = flash_version(inst, REGION_LARK_EDC, "VXED", inst->phy_info->edc_flash_ver, FCOE_EDC_FLASH);
+    if (mpi || edc) {
+        vxdbg_line(ERR, "vxapi_get_flash_mpi_edc_versions: no versions found.");
+        return 1;
+    }
+    set_status(pext_stat, EXT_STATUS_OK);
+    return 0;
 }
 
 int vxapi_get_nic_bootcode_version(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat) {
     (void)handle;
-    (void)inst;
-    // The full operation comes with the flash work: no versions found yet.
     set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
-    vxdbg_line(ERR, "vxapi_get_nic_bootcode_version: no versions found.");
-    return 1;
+    if (!inst || !inst->phy_info ||
+        flash_version(inst, REGION_NIC_BOOT, "VXNB", inst->phy_info->nic_bios_ver, FCOE_NIC_BOOT) != 0) {
+        vxdbg_line(ERR, "vxapi_get_nic_bootcode_version: no versions found.");
+        return 1;
+    }
+    set_status(pext_stat, EXT_STATUS_OK);
+    return 0;
 }
 
 int vxapi_get_active_image_set(uint32_t handle, vxapi_priv_database* inst, uint32_t* pext_stat) {
     (void)handle;
-    (void)inst;
-    // The full operation comes with the flash work: no image set found yet.
-    set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
-    vxdbg_line(ERR, "vxapi_get_active_image_set: no image set found.");
-    return 1;
-}
-
-int vxapi_flash_update_capabilities(uint32_t handle, vxapi_priv_database* inst, uint8_t* caps, uint32_t caps_len,
-                                    uint8_t set, uint32_t* pext_stat) {
-    (void)handle;
-    (void)inst;
-    (void)caps;
-    (void)caps_len;
-    (void)set;
-    // The full operation comes with the flash work: the request cannot be made yet.
-    set_status(pext_stat, EXT_STATUS_INVALID_REQUEST);
-    vxdbg_line(ERR, "vxapi_flash_update_capabilities: driver lacks the request.");
-    return 1;
+    uint32_t local = 0;
+    pext_stat = pext_stat ? pext_stat : &local;
+    if (!vxapi_leaf_ready("vxapi_get_active_image_set", inst, inst && inst->phy_info, pext_stat))
+        return 1;
+    uint32_t image = 0;
+    const int32_t rc = inst->channel->get_active_image_set(inst->oshandle, inst, &image, pext_stat);
+    if (rc != 0 || *pext_stat != EXT_STATUS_OK) {
+        vxdbg_num(ERR, "vxapi_get_active_image_set: request failed. ext status=", *pext_stat, VXDBG_DEC, 1);
+        return rc != 0 ? rc : 1;
+    }
+    inst->phy_info->active_image = static_cast<uint8_t>(image);
+    vxdbg_num(TRC, "vxapi_get_active_image_set: exiting. image=", image, VXDBG_DEC, 1);
+    return 0;
 }
 
 int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat) {
     (void)handle;
-    (void)inst;
-    (void)node;
-    // The full operation comes with the flash work: no versions found yet,
-    // the node keeps the driver's.
     set_status(pext_stat, EXT_STATUS_DEV_NOT_FOUND);
-    vxdbg_line(ERR, "vxapi_read_flash_versions: no versions found.");
-    return 1;
+    if (!inst || !inst->phy_info || !node) {
+        vxdbg_line(ERR, "vxapi_read_flash_versions: invalid parameter.");
+        return 1;
+    }
+    // The boot images stand at the start of the boot-code region (the
+    // flash itself on boards without one).
+    constexpr uint32_t BOOT_READ_MAX = 0x80000;
+    uint32_t beg = 0, size = 0;
+    if (region_start(inst, REGION_BOOT, &beg, &size) != 0 || size == 0)
+        size = vxapi_flash_size(device_of(inst));
+    size = size < BOOT_READ_MAX ? size : BOOT_READ_MAX;
+    malloc_ptr buf(static_cast<uint8_t*>(malloc(size ? size : 1)));
+    uint32_t ext_stat = 0;
+    if (!buf || size == 0 || read_flash(inst, beg, buf.get(), size, &ext_stat) != 0 || ext_stat != 0) {
+        vxdbg_num(ERR, "vxapi_read_flash_versions: flash read failed. ext status=", ext_stat, VXDBG_DEC, 1);
+        return 1;
+    }
+    vxapi_rom_image img;
+    if (vxapi_find_rom_image(buf.get(), size, VX_CODE_TYPE_EFI, &img) == 0) {
+        node->BIEfiVersion[0] = static_cast<uint8_t>(img.code_revision >> 8);
+        node->BIEfiVersion[1] = static_cast<uint8_t>(img.code_revision);
+    }
+    if (vxapi_find_rom_image(buf.get(), size, VX_CODE_TYPE_FCODE, &img) == 0) {
+        node->BIFCodeVersion[0] = static_cast<uint8_t>(img.code_revision >> 8);
+        node->BIFCodeVersion[1] = static_cast<uint8_t>(img.code_revision);
+    }
+    if (vxapi_find_rom_image(buf.get(), size, VX_CODE_TYPE_X86, &img) == 0)
+        snprintf(reinterpret_cast<char*>(node->OptRomVersion), sizeof node->OptRomVersion, "%u.%02u",
+                 img.code_revision >> 8, img.code_revision & 0xFFu);
+    uint8_t fw[3];
+    if (image_version(inst, REGION_FW, "VXFW", fw) == 0)
+        memcpy(node->BIFwVersion, fw, sizeof fw);
+    set_status(pext_stat, EXT_STATUS_OK);
+    vxdbg_line(TRC, "vxapi_read_flash_versions: exiting.");
+    return 0;
 }
 
 int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst, uint8_t* mpi_ver, uint8_t* pep_ver) {
     (void)handle;
-    (void)inst;
-    (void)mpi_ver;
-    (void)pep_ver;
-    // The full operation comes with the flash work: no versions found yet.
-    vxdbg_line(ERR, "vxapi_get_flash_mpi_pep_versions: no versions found.");
-    return 1;
+    if (!inst || !inst->phy_info || !mpi_ver || !pep_ver) {
+        vxdbg_line(ERR, "vxapi_get_flash_mpi_pep_versions: invalid parameter.");
+        return 1;
+    }
+    uint8_t mpi[3], pep[3];
+    if (image_version(inst, REGION_CRANE_MPI, "VXMP", mpi) != 0 ||
+        image_version(inst, REGION_CRANE_PEP, "VXPE", pep) != 0) {
+        vxdbg_line(ERR, "vxapi_get_flash_mpi_pep_versions: no versions found.");
+        return 1;
+    }
+    memcpy(mpi_ver, mpi, sizeof mpi);
+    memcpy(pep_ver, pep, sizeof pep);
+    return 0;
 }
 
-// Stands in for the option ROM layout query until the flash work brings it:
-// a layout table family whose table was not read at discovery has no layout.
-bool vxapi_option_rom_layout_ready(const vxapi_priv_database* inst) {
-    const vxapi_phy_info* phy = inst ? inst->phy_info : nullptr;
-    if (phy && vx_adapter_has(phy->device_id, VX_MARK_FLT) && vx_adapter_family(phy->device_id) != vx_family::Kite &&
-        !phy->pflt_layout) {
-        vxdbg_line(ERR, "vxapi_option_rom_layout_ready: no layout.");
-        return false;
-    }
-    return true;
-}
+namespace {
+
+// What each fcoe_valid bit reports: the region, where the version lives
+// (0 running, 1 flash) and the bytes of the adapter record.
+struct fcoe_row {
+    uint32_t bit;
+    uint16_t location;
+    uint8_t lark_region;
+    uint8_t crane_region;
+    size_t field;
+};
+
+constexpr fcoe_row fcoe_rows[] = {
+    {FCOE_MPI_RUNNING, 0, REGION_LARK_MPI, REGION_CRANE_MPI, offsetof(vxapi_phy_info, mpi_running_ver)},
+    {FCOE_EDC_RUNNING, 0, REGION_LARK_EDC, REGION_CRANE_PEP, offsetof(vxapi_phy_info, edc_running_ver)},
+    {FCOE_MPI_FLASH, 1, REGION_LARK_MPI, REGION_CRANE_MPI, offsetof(vxapi_phy_info, mpi_flash_ver)},
+    {FCOE_EDC_FLASH, 1, REGION_LARK_EDC, REGION_CRANE_PEP, offsetof(vxapi_phy_info, edc_flash_ver)},
+    {FCOE_NIC_BOOT, 1, REGION_NIC_BOOT, REGION_NIC_BOOT, offsetof(vxapi_phy_info, nic_bios_ver)},
+};
+
+}  // namespace
 
 int vxapi_copy_fcoe_versions(vxapi_priv_database* inst, uint8_t* buf, uint32_t size) {
-    (void)inst;
-    // The versions come with the flash work; until then the list is empty.
-    if (!buf || size < 8)
+    constexpr uint32_t HEAD = offsetof(ADAPTERREGIONVERSION, RegionVersion);
+    if (!inst || !inst->phy_info || !buf || size < HEAD)
         return 1;
-    buf[0] = buf[1] = buf[2] = buf[3] = 0;
+    const vxapi_phy_info* phy = inst->phy_info;
+    const bool crane = vx_adapter_family(phy->device_id) == vx_family::Crane;
+    uint32_t count = 0;
+    for (const fcoe_row& row : fcoe_rows) {
+        if (!(phy->fcoe_valid & row.bit))
+            continue;
+        // Entries past the caller's buffer are left out, never written.
+        if (HEAD + (count + 1) * sizeof(REGIONVERSION) > size)
+            break;
+        REGIONVERSION entry{};
+        entry.Region = crane ? row.crane_region : row.lark_region;
+        entry.Location = row.location;
+        entry.VersionLength = 3;
+        memcpy(entry.Version, reinterpret_cast<const uint8_t*>(phy) + row.field, 3);
+        memcpy(buf + HEAD + count * sizeof(REGIONVERSION), &entry, sizeof entry);
+        ++count;
+    }
+    memcpy(buf + offsetof(ADAPTERREGIONVERSION, Length), &count, sizeof count);
     return 0;
 }

@@ -13,16 +13,12 @@
 #include "vsdmgt.h"
 #include "vx_adapters.h"
 #include "vx_core.h"
+#include "vx_sdapi.h"
 #include "vx_sddbg.h"
 
-namespace {
+namespace vxsd {
 
-constexpr uint32_t SD_TRACE = VXDBG_TRACE | VXDBG_SDAPI;
-constexpr uint32_t SD_ERROR = VXDBG_ERROR | VXDBG_SDAPI;
-
-// "<name>(<handle>)<text>" with an optional number.
-void trace_call(uint32_t guard, const char* name, int handle, const char* text, uint64_t number = 0,
-                uint8_t radix = VXDBG_NONE) {
+void trace_call(uint32_t guard, const char* name, int handle, const char* text, uint64_t number, uint8_t radix) {
     if (!vxdbg_on(guard))
         return;
     vxdbg_print(name, 0, VXDBG_NONE, 0);
@@ -36,7 +32,6 @@ void trace_exit(const char* name, int handle, uint32_t ret) {
     trace_call(SD_TRACE, name, handle, "): exiting. ret=", ret, VXDBG_HEX);
 }
 
-// check_handle with the failure trace every call shares.
 vxapi_priv_database* resolve(const char* name, int handle) {
     vxapi_priv_database* inst = check_handle(static_cast<uint32_t>(handle));
     if (!inst && vxdbg_on(SD_ERROR)) {
@@ -51,16 +46,24 @@ uint32_t null_record(const char* name, int handle) {
     return SDM_STATUS_INVALID_PARAMETER;
 }
 
-// An ioctl that failed without errno still must not read as success.
 uint32_t errno_status() { return errno != 0 ? static_cast<uint32_t>(errno) : SDM_STATUS_UNKNOWN_ERROR; }
+
+uint32_t failure_status(int32_t rc, uint32_t ext_stat) {
+    if (ext_stat != EXT_STATUS_OK)
+        return SDXlateSDMErr(ext_stat, 0);
+    if (rc < 0)
+        return errno_status();
+    return SDM_STATUS_UNKNOWN_ERROR;
+}
+
+vxapi_priv_database* flash_port(vxapi_priv_database* inst) {
+    return inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
+}
 
 bool tolerated(uint32_t ext_stat) {
     return ext_stat == EXT_STATUS_OK || ext_stat == EXT_STATUS_DATA_OVERRUN || ext_stat == EXT_STATUS_DATA_UNDERRUN;
 }
 
-// Status rule of the node, port, discovered-port and converged-port calls:
-// a data overrun or underrun still delivers the record. `convert` tells
-// whether the record is to be converted; the status is returned.
 uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_stat, bool* convert) {
     *convert = false;
     if (!tolerated(ext_stat)) {
@@ -78,6 +81,12 @@ uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_st
     }
     return SDM_STATUS_UNKNOWN_ERROR;
 }
+
+}  // namespace vxsd
+
+using namespace vxsd;
+
+namespace {
 
 // Status rule of the chip, driver and firmware calls: only a clean answer
 // converts. `failure` is the call's own trace text.
@@ -107,13 +116,7 @@ void format_text(char* dst, size_t dst_size, const uint8_t* src, size_t src_size
 uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& node, DEVICENODEPROPERTY* prop) {
     const vxapi_phy_info* phy = inst->phy_info;
     const uint16_t device_id = phy ? phy->device_id : 0;
-    // Boards whose boot-image versions the ioctl driver does not keep current.
-    if (vx_adapter_has(device_id, VX_MARK_FLASH_BI_REFRESH) && !(inst->features & VX_FEAT_SYSFS)) {
-        vxapi_priv_database* flash_port =
-            inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
-        uint32_t flash_stat = 0;
-        vxapi_read_flash_versions(flash_port->oshandle, flash_port, &node, &flash_stat);
-    }
+    vxapi_refresh_node_boot_versions(inst, &node);
     memcpy(prop->WWN, node.WWNN, sizeof prop->WWN);
     memcpy(prop->Manufacturer, node.Manufacturer, sizeof prop->Manufacturer);
     // At most 15 characters, although the field holds 32: callers size their
@@ -141,10 +144,11 @@ uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& no
         // carry the copies in flash.
         memcpy(prop->MpiFwVersion, node.BIMpiFwVersion, sizeof prop->MpiFwVersion);
         memcpy(prop->PepFwVersion, node.BIPepFwVersion, sizeof prop->PepFwVersion);
-        if (!vxapi_option_rom_layout_ready(inst)) {
+        const uint32_t layout = SDGetOptionRomLayout(handle, 0, nullptr);
+        if (layout != SDM_STATUS_SUCCESS) {
             vxdbg_num(SD_ERROR, "SDGetHbaDeviceNodeProperty: GetOptionRomLayout failed. handle=",
                       static_cast<uint32_t>(handle), VXDBG_HEX, 1);
-            return SDM_STATUS_UNKNOWN_ERROR;
+            return layout;
         }
         if (vxapi_get_flash_mpi_pep_versions(static_cast<uint32_t>(handle), inst, prop->BIMpiFwVersion,
                                              prop->BIPepFwVersion) == 0)

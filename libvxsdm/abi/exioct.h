@@ -151,6 +151,7 @@ enum : uint16_t {
     EXT_SC_QUERY_FW = 7,
     EXT_SC_QUERY_CHIP = 8,
     EXT_SC_QUERY_CNA_PORT = 9,
+    EXT_SC_QUERY_ADAPTER_VERSIONS = 10,  // EXT_ADAPTER_VERSIONS: running processor firmware
 };
 
 // Sub-codes of EXT_CC_SEND_SCSI_PASSTHRU: the record names the LUN by
@@ -169,7 +170,23 @@ enum : uint16_t {
     EXT_SC_GET_TGT_LUN_DATA_LIST = 10,
     EXT_SC_GET_PORT_SUMMARY = 106,
     EXT_SC_GET_DCBX_PARAM = 109,
+    EXT_SC_GET_ACTIVE_IMAGE = 110,  // uint32_t: the image set the adapter runs (0 primary, 1 secondary)
 };
+
+// ---- Flash requests ----
+// EXT_CC_READ_OPTROM / EXT_CC_UPDATE_OPTROM: the sub-code is the region
+// (EXT_SC_OPTROM_RAW: a raw byte range), Reserved1 the flash offset, the
+// response (read) or request (update) buffer the bytes. Region 0 is the
+// whole flash on every family.
+inline constexpr uint16_t EXT_SC_OPTROM_RAW = 0xFFFF;
+// EXT_CC_ACTIVATE_REGION: the sub-code is the reset code, no buffers.
+// EXT_CC_FLASH_UPDATE_CAPS: sub-code 0 reads, 1 sets; the 32-byte record
+// goes out in the request and comes back in the response buffer.
+enum : uint16_t {
+    EXT_SC_FLASH_CAPS_GET = 0,
+    EXT_SC_FLASH_CAPS_SET = 1,
+};
+inline constexpr uint32_t EXT_FLASH_CAPS_LEN = 32;
 
 // ---- Driver status codes (the Status field; translated by SDXlateSDMErr) ----
 enum : uint32_t {
@@ -389,6 +406,17 @@ static_assert(offsetof(EXT_DCBX_PARAM, PriorityGroup) == 8);
 static_assert(offsetof(EXT_DCBX_PARAM, GroupBandwidth) == 16);
 static_assert(offsetof(EXT_DCBX_PARAM, PeerMac) == 24);
 static_assert(offsetof(EXT_DCBX_PARAM, Reserved) == 32);
+
+// Answer of query sub-code EXT_SC_QUERY_ADAPTER_VERSIONS: the firmware the
+// adapter's own processors run, major/minor/subminor each (zeros: none).
+// The EDC slot carries the PEP processor on the boards that have one.
+struct EXT_ADAPTER_VERSIONS {
+    uint8_t MpiVersion[4];
+    uint8_t EdcVersion[4];
+    uint32_t Reserved[6];
+};
+static_assert(sizeof(EXT_ADAPTER_VERSIONS) == 32);
+static_assert(offsetof(EXT_ADAPTER_VERSIONS, EdcVersion) == 4);
 
 // ---- Discovered ports, targets, LUNs ----
 

@@ -28,6 +28,21 @@ ImageWindow image_window(const Sim& sim, const HostRef& h, AttrKind kind) {
                        0};
 }
 
+ssize_t nvram_write(const ImageWindow& w, uint64_t pos, const void* buf, size_t n) {
+    const ssize_t r = image_write(w, pos, buf, n);
+    if (r <= 0)
+        return r;
+    // The driver checksums what it programs, as the firmware reads nothing else.
+    uint8_t image[512];
+    const ssize_t len = image_read(w, 0, image, sizeof image);
+    if (len > 0) {
+        set_nvram_checksum(image, static_cast<size_t>(len));
+        if (ssize_t e = image_write(w, 0, image, static_cast<size_t>(len)); e < 0)
+            return e;
+    }
+    return r;
+}
+
 namespace {
 
 constexpr size_t STORE_MAX = 4096;
@@ -52,6 +67,7 @@ std::optional<ssize_t> fault_effect(const std::optional<FaultAction>& fault, siz
     case FaultKind::Errno: return -fault->error;
     case FaultKind::Short: n = (n + 1) / 2; return std::nullopt;
     case FaultKind::Status: return -EIO;  // attributes carry no driver status
+    case FaultKind::Partial: n = (n + 1) / 2; return std::nullopt;
     }
     return std::nullopt;
 }
@@ -75,7 +91,10 @@ ssize_t transfer(const Sim& sim, Desc& d, bool writing, void* rbuf, const void* 
         r = writing ? dev.write(pos, wbuf, n) : dev.read(pos, rbuf, n);
     } else if (d.attr == AttrKind::Nvram || d.attr == AttrKind::Vpd) {
         ImageWindow w = image_window(sim, *h, d.attr);
-        r = writing ? image_write(w, pos, wbuf, n) : image_read(w, pos, rbuf, n);
+        if (!writing)
+            r = image_read(w, pos, rbuf, n);
+        else
+            r = d.attr == AttrKind::Nvram ? nvram_write(w, pos, wbuf, n) : image_write(w, pos, wbuf, n);
     } else
         r = -EIO;  // optrom_ctl is write-only; its open refuses readers
     journal_result(f, r);
@@ -113,6 +132,8 @@ ssize_t control(const Sim& sim, Desc& d, const void* buf, size_t n) {
             r = -fault->error;
         else if (fault->kind == FaultKind::Status)
             r = -EIO;  // attributes carry no driver status
+        else if (fault->kind == FaultKind::Partial)
+            r = dev.control(text, true);
         else {
             // Short: the command goes through but the store reports one byte fewer.
             int c = dev.control(text);

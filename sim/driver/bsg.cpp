@@ -13,13 +13,24 @@
 #include "bigendian.h"
 #include "endpoints.h"
 #include "fabric.h"
-#include "fc_bsg.h"
+#include "flash_ops.h"
+#include "vx_fc_bsg.h"
 
 namespace vxsim::drv {
 
 namespace {
 
 constexpr size_t MAX_PAYLOAD = 1u << 20;
+constexpr size_t MAX_FLASH = 64u << 20;  // above every flash the adapter table knows
+
+// Vendor command codes the driver answers.
+enum : uint32_t {
+    VENDOR_READ_FLASH = 7,
+    VENDOR_UPDATE_FLASH = 8,
+    VENDOR_ACTIVATE_REGION = 18,
+    VENDOR_GET_FLASH_CAPS = 21,
+    VENDOR_SET_FLASH_CAPS = 22,
+};
 
 void* user_ptr(uint64_t adr) { return reinterpret_cast<void*>(static_cast<uintptr_t>(adr)); }
 
@@ -33,13 +44,15 @@ struct Job {
     const Desc& node;
     const HostPort& host;
     JournalFields& f;
-    FcBsgRequest req{};
+    fc_bsg_request req{};
     std::vector<uint8_t> dout;
 
+    bool partial = false;        // a "partial" fault: a flash write stops halfway
+    uint32_t din_len = 0;        // what the request asks to read back
     long result = 0;             // negative: the job failed with that errno
     std::vector<uint8_t> din;    // reply payload (cut to din_len by the transport)
-    FcBsgReply reply{};
-    size_t reply_len = sizeof(FcBsgReply);
+    fc_bsg_reply reply{};
+    size_t reply_len = sizeof(fc_bsg_reply);
 };
 
 void ct_reply(Job& job, const CtAnswer& a) {
@@ -91,9 +104,42 @@ void els(Job& job, const RemotePort* to) {
     r.status = a.accepted ? FC_CTELS_STATUS_OK : FC_CTELS_STATUS_REJECT;
     if (!a.accepted) {
         job.f["reason"] = a.reason;
-        r.reason_code = a.reason;
-        r.reason_explanation = a.explanation;
+        r.rjt_data.reason_code = a.reason;
+        r.rjt_data.reason_explanation = a.explanation;
     }
+}
+
+// Vendor commands: the adapter's flash, its activation and capabilities.
+void vendor(Job& job) {
+    const std::optional<HostRef> ref = job.sim.host(job.node.host);
+    const uint32_t code = job.req.rqst_data.h_vendor.vendor_cmd[0];
+    const uint32_t arg = job.req.rqst_data.h_vendor.vendor_cmd[1];
+    if (!ref || !ref->adapter) {
+        job.result = -ENXIO;
+        return;
+    }
+    const Adapter& a = *ref->adapter;
+    switch (code) {
+    case VENDOR_READ_FLASH:
+        job.f["offset"] = arg;
+        job.f["length"] = job.din_len;
+        job.result = flash_read(job.sim, a, arg, job.din_len, job.din);
+        break;
+    case VENDOR_UPDATE_FLASH:
+        job.f["offset"] = arg;
+        job.f["length"] = job.dout.size();
+        job.result = flash_write(job.sim, a, arg, job.dout.data(), job.dout.size(), job.partial);
+        break;
+    case VENDOR_ACTIVATE_REGION: job.f["reset_code"] = hex_digits(arg, 4); break;
+    case VENDOR_GET_FLASH_CAPS:
+    case VENDOR_SET_FLASH_CAPS: {
+        const auto caps = flash_caps(a);
+        job.din.assign(caps.begin(), caps.end());
+        break;
+    }
+    default: job.result = -ENOSYS; return;
+    }
+    job.reply.reply_data.vendor_rsp[0] = EXT_STATUS_OK;
 }
 
 // The request length each message needs; 0 for messages the transport does
@@ -144,8 +190,9 @@ void dispatch(Job& job) {
         job.f["els_code"] = job.req.rqst_data.r_els.els_code;
         els(job, rport);
         return;
+    case FC_BSG_HST_VENDOR: vendor(job); return;
     default:
-        // Vendor commands, adding and deleting ports: not in this driver.
+        // Adding and deleting ports: not in this driver.
         job.result = -ENOSYS;
         return;
     }
@@ -174,10 +221,13 @@ long request(const Sim& sim, Desc& d, void* hdr, JournalFields& f) {
         return -ENOMSG;
     if (copy_from_user(&job.req, user_ptr(h.request), len) < 0)
         return -EFAULT;
-    const std::string msgcode = hex32(job.req.msgcode);
+    std::string msgcode = hex32(job.req.msgcode);
     f["msgcode"] = msgcode;
-    if (job.req.msgcode == FC_BSG_HST_VENDOR && len >= FC_BSG_LEN_HOST_VENDOR + 4)
+    if (job.req.msgcode == FC_BSG_HST_VENDOR && len >= FC_BSG_LEN_HOST_VENDOR + 4) {
         f["vendor_cmd"] = job.req.rqst_data.h_vendor.vendor_cmd[0];
+        // Faults can name one vendor command: "0x800000ff/8".
+        msgcode += "/" + std::to_string(job.req.rqst_data.h_vendor.vendor_cmd[0]);
+    }
     const size_t need = needed(job.req.msgcode, d.kind == NodeKind::BsgHost);
     if (need == 0)
         return -EBADR;  // a message the transport does not know here
@@ -187,8 +237,10 @@ long request(const Sim& sim, Desc& d, void* hdr, JournalFields& f) {
                        job.req.msgcode != FC_BSG_HST_DEL_RPORT;
     if (ctels && (h.dout_xfer_len == 0 || h.din_xfer_len == 0))
         return -EINVAL;  // CT and ELS need a request and a reply payload
-    if (ctels) {
-        if (h.dout_xfer_len > MAX_PAYLOAD)
+    job.din_len = h.din_xfer_len;
+    const bool vendor_out = job.req.msgcode == FC_BSG_HST_VENDOR && h.dout_xfer_len > 0;
+    if (ctels || vendor_out) {
+        if (h.dout_xfer_len > (ctels ? MAX_PAYLOAD : MAX_FLASH))
             return -EINVAL;
         job.dout.resize(h.dout_xfer_len);
         if (copy_from_user(job.dout.data(), user_ptr(h.dout_xferp), job.dout.size()) < 0)
@@ -205,6 +257,7 @@ long request(const Sim& sim, Desc& d, void* hdr, JournalFields& f) {
         // The driver's own status word, no payload: CT/ELS status or vendor status.
         job.reply.reply_data.vendor_rsp[0] = fault->status;
     } else {
+        job.partial = fault && fault->kind == FaultKind::Partial;
         dispatch(job);
         if (fault && fault->kind == FaultKind::Short)
             job.din.resize((job.din.size() + 1) / 2);

@@ -22,6 +22,10 @@ std::optional<FaultAction> parse_fault_action(std::string_view text) {
         a.error = EINVAL;
     else if (text == "short")
         a.kind = FaultKind::Short;
+    else if (text == "partial") {
+        a.kind = FaultKind::Partial;
+        a.error = EIO;
+    }
     else if (text.starts_with("status:")) {
         std::string_view num = text.substr(7);
         int base = 10;

@@ -13,6 +13,7 @@ enum class FaultKind {
     Errno,   // "ebusy", "enosys", "eio", "refuse": the request fails with `error`
     Short,   // "short": the transfer moves less than asked
     Status,  // "status:<n>": the driver status in the reply record
+    Partial, // "partial": a flash write stops halfway (half the bytes reach the flash) and fails
 };
 
 struct FaultAction {

@@ -12,6 +12,7 @@
 
 #include "dcbx.h"
 #include "endpoints.h"
+#include "flash_ops.h"
 #include "vx_adapters.h"
 
 namespace vxsim::drv {
@@ -38,11 +39,13 @@ struct Frame {
     uint16_t subcode = 0, instance = 0, hba_select = 0;
     uint32_t request_len = 0, response_len = 0;
     uint64_t request_adr = 0, response_adr = 0;
+    uint32_t reserved1 = 0;
 };
 
 Frame read_frame(const uint8_t* raw, bool newer) {
     auto fields = [](const auto& r, bool valid) {
-        return Frame{valid, r.SubCode, r.Instance, r.HbaSelect, r.RequestLen, r.ResponseLen, r.RequestAdr, r.ResponseAdr};
+        return Frame{valid,         r.SubCode,    r.Instance,   r.HbaSelect, r.RequestLen,
+                     r.ResponseLen, r.RequestAdr, r.ResponseAdr, r.Reserved1};
     };
     if (newer) {
         EXT_IOCTL r;
@@ -84,21 +87,6 @@ void fixed(IoctlAnswer& ans, const T& rec, uint32_t room) {
         ans.status = EXT_STATUS_DATA_OVERRUN;
 }
 
-// The bytes the port's "vpd" attribute shows.
-std::vector<uint8_t> vpd_bytes(const Sim& sim, const IoctlPort& p) {
-    constexpr size_t LIMIT = 64 * 1024;  // far above any VPD
-    ImageWindow w = image_window(sim, HostRef{p.adapter, p.fn, p.physical}, AttrKind::Vpd);
-    std::vector<uint8_t> out;
-    uint8_t chunk[1024];
-    while (out.size() < LIMIT) {
-        ssize_t r = image_read(w, out.size(), chunk, sizeof chunk);
-        if (r <= 0)
-            break;
-        out.insert(out.end(), chunk, chunk + r);
-    }
-    return out;
-}
-
 void query(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
     const uint32_t room = req.response_len;
     switch (req.subcode) {
@@ -123,6 +111,12 @@ void query(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequ
         // Only converged ports have FCoE data.
         if (vx_adapter_has(p.adapter->device_id, VX_MARK_CNA))
             fixed(ans, ioctl_cna(p), room);
+        else
+            ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE;
+        return;
+    case EXT_SC_QUERY_ADAPTER_VERSIONS:
+        if (vx_adapter_has(p.adapter->device_id, VX_MARK_ADAPTER_VERSIONS))
+            fixed(ans, adapter_versions(*p.adapter), room);
         else
             ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE;
         return;
@@ -159,6 +153,12 @@ void get_data(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
         ans.response = std::move(d);
         return;
     }
+    case EXT_SC_GET_ACTIVE_IMAGE:
+        if (vx_adapter_has(p.adapter->device_id, VX_MARK_ACTIVE_IMAGE))
+            fixed(ans, static_cast<uint32_t>(p.adapter->active_image), req.response_len);
+        else
+            ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE;
+        return;
     default: ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE; return;
     }
 }
@@ -176,6 +176,12 @@ size_t ioctl_request_bytes(uint8_t command, uint16_t subcode) {
         return sizeof(EXT_SCSI_PASSTHRU);
     if (command == EXT_CC_SEND_CT_PASSTHRU || command == EXT_CC_SEND_ELS_PASSTHRU)
         return PASSTHRU_REQUEST_MAX;
+    if (command == EXT_CC_UPDATE_OPTROM)
+        return FLASH_REQUEST_MAX;
+    if (command == EXT_CC_FLASH_UPDATE_CAPS)
+        return EXT_FLASH_CAPS_LEN;
+    if (command == EXT_CC_SET_NVRAM || command == EXT_CC_SET_VPD)
+        return IMAGE_REQUEST_MAX;
     return 0;
 }
 
@@ -203,9 +209,17 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
     case EXT_CC_GET_LUN_DATA:
     case EXT_CC_WWPN_TO_SCSIADDR:
     case EXT_CC_GET_VPD:
+    case EXT_CC_SET_VPD:
+    case EXT_CC_GET_NVRAM:
+    case EXT_CC_SET_NVRAM:
     case EXT_CC_SEND_SCSI_PASSTHRU:
     case EXT_CC_SEND_CT_PASSTHRU:
-    case EXT_CC_SEND_ELS_PASSTHRU: break;
+    case EXT_CC_SEND_ELS_PASSTHRU:
+    case EXT_CC_READ_OPTROM:
+    case EXT_CC_UPDATE_OPTROM:
+    case EXT_CC_GET_OPTROM_LAYOUT:
+    case EXT_CC_ACTIVATE_REGION:
+    case EXT_CC_FLASH_UPDATE_CAPS: break;
     default: ans.status = EXT_STATUS_INVALID_REQUEST; return ans;
     }
 
@@ -244,19 +258,15 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
     case EXT_CC_SEND_SCSI_PASSTHRU: ioctl_scsi_passthru(ans, p, req); break;
     case EXT_CC_SEND_CT_PASSTHRU: ioctl_ct_passthru(sim, ans, p, req); break;
     case EXT_CC_SEND_ELS_PASSTHRU: ioctl_els_passthru(ans, p, req); break;
-    case EXT_CC_GET_VPD: {
-        std::vector<uint8_t> vpd = vpd_bytes(sim, p);
-        if (vpd.empty()) {
-            ans.status = EXT_STATUS_ERR;
-            break;
-        }
-        if (vpd.size() > req.response_len) {
-            vpd.resize(req.response_len);
-            ans.status = EXT_STATUS_DATA_OVERRUN;
-        }
-        ans.response = std::move(vpd);
-        break;
-    }
+    case EXT_CC_READ_OPTROM:
+    case EXT_CC_UPDATE_OPTROM:
+    case EXT_CC_GET_OPTROM_LAYOUT:
+    case EXT_CC_ACTIVATE_REGION:
+    case EXT_CC_FLASH_UPDATE_CAPS: ioctl_flash(sim, ans, p, req); break;
+    case EXT_CC_GET_VPD:
+    case EXT_CC_SET_VPD:
+    case EXT_CC_GET_NVRAM:
+    case EXT_CC_SET_NVRAM: ioctl_image(sim, ans, p, req); break;
     default: break;
     }
     return ans;
@@ -267,12 +277,20 @@ std::string ioctl_command_name(uint8_t command) {
     case EXT_CC_QUERY: return "EXT_CC_QUERY";
     case EXT_CC_GET_DATA: return "EXT_CC_GET_DATA";
     case EXT_CC_GET_VPD: return "EXT_CC_GET_VPD";
+    case EXT_CC_SET_VPD: return "EXT_CC_SET_VPD";
+    case EXT_CC_GET_NVRAM: return "EXT_CC_GET_NVRAM";
+    case EXT_CC_SET_NVRAM: return "EXT_CC_SET_NVRAM";
     case EXT_CC_GET_LUN_DATA: return "EXT_CC_GET_LUN_DATA";
     case EXT_CC_DRIVER_SPECIFICS: return "EXT_CC_DRIVER_SPECIFICS";
     case EXT_CC_WWPN_TO_SCSIADDR: return "EXT_CC_WWPN_TO_SCSIADDR";
     case EXT_CC_SEND_SCSI_PASSTHRU: return "EXT_CC_SEND_SCSI_PASSTHRU";
     case EXT_CC_SEND_CT_PASSTHRU: return "EXT_CC_SEND_CT_PASSTHRU";
     case EXT_CC_SEND_ELS_PASSTHRU: return "EXT_CC_SEND_ELS_PASSTHRU";
+    case EXT_CC_READ_OPTROM: return "EXT_CC_READ_OPTROM";
+    case EXT_CC_UPDATE_OPTROM: return "EXT_CC_UPDATE_OPTROM";
+    case EXT_CC_GET_OPTROM_LAYOUT: return "EXT_CC_GET_OPTROM_LAYOUT";
+    case EXT_CC_ACTIVATE_REGION: return "EXT_CC_ACTIVATE_REGION";
+    case EXT_CC_FLASH_UPDATE_CAPS: return "EXT_CC_FLASH_UPDATE_CAPS";
     case EXT_CC_SET_INSTANCE: return "EXT_CC_SET_INSTANCE";
     case EXT_CC_GET_HBA_CNT: return "EXT_CC_GET_HBA_CNT";
     default: {
@@ -329,6 +347,8 @@ long answer(const Sim& sim, Desc& d, uint32_t request, void* arg, JournalFields&
         req.instance = fr.instance;
         req.hba_select = fr.hba_select;
         req.response_len = fr.response_len;
+        req.reserved1 = fr.reserved1;
+        req.partial = fault && fault->kind == FaultKind::Partial;
         req.request.resize(std::min<size_t>(ioctl_request_bytes(command, fr.subcode), fr.request_len));
         if (copy_from_user(req.request.data(), user_ptr(fr.request_adr), req.request.size()) < 0)
             return -EFAULT;

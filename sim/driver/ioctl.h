@@ -90,6 +90,8 @@ struct IoctlRequest {
     uint16_t hba_select = 0;
     std::vector<uint8_t> request;    // the request buffer, as far as the command reads it
     uint32_t response_len = 0;
+    uint32_t reserved1 = 0;          // the flash offset of the option-ROM commands
+    bool partial = false;            // a "partial" fault: a flash write stops halfway
 };
 
 struct IoctlAnswer {
@@ -110,6 +112,10 @@ size_t ioctl_request_bytes(uint8_t command, uint16_t subcode);
 
 // The largest CT or ELS request the driver takes.
 inline constexpr size_t PASSTHRU_REQUEST_MAX = 65536;
+// The largest flash update (above every flash of the adapter table).
+inline constexpr size_t FLASH_REQUEST_MAX = 64u << 20;
+// The largest NVRAM or VPD write (above every image).
+inline constexpr size_t IMAGE_REQUEST_MAX = 4096;
 
 // ---- Pass-through (ioctl_passthru.cpp) ----
 
@@ -126,6 +132,14 @@ void ioctl_els_passthru(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest
 // the request's HbaSelect then names the instance).
 IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, int32_t selected,
                            const IoctlRequest& req);
+
+// The flash commands: read, update, layout, activation, update capabilities.
+void ioctl_flash(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req);
+// NVRAM and VPD, read and written (ioctl_image.cpp): the images the port's
+// attributes show. A read hands over what fits the response buffer (a VPD
+// cut short is a data overrun); a write must fit the image (status 6
+// otherwise), and an NVRAM write gets its checksum from the driver.
+void ioctl_image(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req);
 
 // "EXT_CC_QUERY" etc. for the journal; the number in hexadecimal for others.
 std::string ioctl_command_name(uint8_t command);

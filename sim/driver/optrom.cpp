@@ -139,7 +139,7 @@ std::optional<OptromStatus> OptromDevice::status() const {
     return load_status(fd.get());
 }
 
-int OptromDevice::control(std::string_view text) {
+int OptromDevice::control(std::string_view text, bool partial) {
     std::optional<OptromCommand> cmd = parse_optrom_command(text);
     if (!cmd)
         return -EINVAL;
@@ -148,10 +148,10 @@ int OptromDevice::control(std::string_view text) {
     sys::Locked lock(state_path_, O_RDWR | O_CREAT);
     if (!lock.ok())
         return neg_errno();
-    return apply(lock.fd(), *cmd);
+    return apply(lock.fd(), *cmd, partial);
 }
 
-int OptromDevice::apply(int state_fd, const OptromCommand& cmd) {
+int OptromDevice::apply(int state_fd, const OptromCommand& cmd, bool partial) {
     std::optional<OptromStatus> cur = load_status(state_fd);
     if (!cur)
         return -EIO;
@@ -183,6 +183,8 @@ int OptromDevice::apply(int state_fd, const OptromCommand& cmd) {
         sys::Fd stage(sys::open(stage_path_.c_str(), O_RDONLY));
         if (!stage.ok() || sys::file_size(stage.get()) != static_cast<int64_t>(cur->size))
             return -EIO;
+        if (partial)  // the part dies halfway through the programming
+            return copy_range(stage.get(), 0, flash.fd(), cur->offset, cur->size / 2) ? -EIO : neg_errno();
         return copy_range(stage.get(), 0, flash.fd(), cur->offset, cur->size) ? 0 : neg_errno();
     }
 

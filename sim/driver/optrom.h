@@ -69,7 +69,8 @@ class OptromDevice {
 public:
     OptromDevice(std::string state_dir, std::string adapter_id, std::string flash_path, bool partial_flash);
 
-    int control(std::string_view text);
+    // `partial`: a commit stops after half the staged bytes and fails (EIO).
+    int control(std::string_view text, bool partial = false);
     ssize_t read(uint64_t pos, void* buf, size_t n);
     ssize_t write(uint64_t pos, const void* buf, size_t n);
 
@@ -81,7 +82,7 @@ public:
     const std::string& stage_path() const { return stage_path_; }
 
 private:
-    int apply(int state_fd, const OptromCommand& cmd);
+    int apply(int state_fd, const OptromCommand& cmd, bool partial);
 
     std::string state_dir_;
     std::string flash_path_;
@@ -102,6 +103,8 @@ struct ImageWindow {
 };
 
 ssize_t image_read(const ImageWindow& w, uint64_t pos, void* buf, size_t n);
+// The whole flash of an adapter as a window.
+inline ImageWindow flash_window(const std::string& flash_path) { return ImageWindow{flash_path, 0, 0}; }
 ssize_t image_write(const ImageWindow& w, uint64_t pos, const void* buf, size_t n);
 
 }  // namespace vxsim::drv

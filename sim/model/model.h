@@ -105,6 +105,14 @@ struct FlashVersions {
     std::string nic = "3.1.2";     // NIC boot code on the same families
 };
 
+// What the adapter's VPD holds (every port's alike). HP boards write their
+// identifier length in one byte whatever the content.
+enum class VpdContent {
+    Valid,        // identifier, read-only keywords closed by a correct "RV", read-write section, end tag
+    BadChecksum,  // the same with the "RV" byte one off
+    Truncated,    // cut after the serial number: no "RV", no end tag, the rest erased (0xFF)
+};
+
 // One adapter board: one flash, one serial number, one or more PCI functions.
 struct Adapter {
     std::string id;                // scenario-local name, also names the state files
@@ -123,8 +131,10 @@ struct Adapter {
     std::string pep_version;       // running PEP firmware ("" = attribute absent)
     bool optrom_attrs = true;      // optrom_*_version attributes present in sysfs
     bool partial_flash = true;     // driver accepts "1:%x:%x"/"2:%x:%x" (rejects control code 4)
+    uint32_t active_image = 0;     // boards with two image sets: 0 primary, 1 secondary running
     uint32_t driver_flags = 0x04;  // ioctl channels: capability bits of the driver data (0x04: large LUN maps)
     Channel channel = Channel::Sysfs;
+    VpdContent vpd = VpdContent::Valid;
     FlashVersions flash;
     std::vector<PciFunction> functions;
 };
@@ -140,7 +150,7 @@ std::string fault_endpoint_list();
 struct Fault {
     std::string endpoint;          // "optrom_ctl", "optrom", "ioctl", "bsg", "netlink", ...
     std::string match;             // endpoint-specific selector ("" = any), e.g. a command or "0xc0747900"
-    std::string action;            // "ebusy", "enosys", "eio", "status:<n>", "short", "refuse"
+    std::string action;            // "ebusy", "enosys", "eio", "status:<n>", "short", "refuse", "partial"
     int32_t count = 1;             // -1 = always
 };
 

@@ -77,7 +77,7 @@ private:
 };
 
 bool valid_action(const std::string& a) {
-    if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse")
+    if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse" || a == "partial")
         return true;
     uint64_t status = 0;
     return a.rfind("status:", 0) == 0 && parse_number(a.substr(7), status) && status <= 0xFFFFFFFFu;

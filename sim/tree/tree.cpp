@@ -32,8 +32,6 @@
 namespace vxsim {
 namespace {
 
-constexpr unsigned BSG_NODES = (root::MAJOR_BSG_LAST - root::MAJOR_BSG_FIRST + 1) * 256;
-
 std::string fmt(const char* f, auto... args) {
     char buf[256];
     int n = std::snprintf(buf, sizeof buf, f, args...);
@@ -385,6 +383,12 @@ private:
             w_.file(c + "/mpi_version", line(a.mpi_version));
         if (!a.pep_version.empty())
             w_.file(c + "/pep_version", line(a.pep_version));
+        // Our attributes: the running EDC firmware (the image in flash runs),
+        // and which image set runs on boards with two.
+        if (vx_adapter_has(a.device_id, VX_MARK_MPI_EDC))
+            w_.file(c + "/edc_version", line(a.flash.edc));
+        if (vx_adapter_has(a.device_id, VX_MARK_ACTIVE_IMAGE))
+            w_.file(c + "/active_image", num(a.active_image));
         w_.file(c + "/max_npiv_vports", num(p.max_npiv_vports));
         w_.file(c + "/flash_block_size", num(FLASH_BLOCK_SIZE));  // our attribute, decimal
         if (p.vport_id >= 0)
@@ -725,9 +729,9 @@ std::vector<DeviceNode> plan_device_nodes(const Scenario& s) {
     // Old 8-bit minors: 256 per major, hosts first so that they never run out.
     unsigned next = 0;
     auto take = [&](DeviceNode n) {
-        if (next >= BSG_NODES)
+        if (next >= root::BSG_NODES)
             return;
-        n.major = root::MAJOR_BSG_FIRST + next / 256;
+        n.major = root::bsg_major(next);
         n.minor = next % 256;
         ++next;
         nodes.push_back(std::move(n));

@@ -352,7 +352,7 @@ int main(int argc, char** argv) {
     fault_add->add_option("--endpoint", fault.endpoint, fault_endpoint_list())
         ->required();
     fault_add->add_option("--match", fault.match, "Request selector (\"\" = any; \"abc*\" = prefix)");
-    fault_add->add_option("--action", fault.action, "ebusy, enosys, eio, short, refuse, status:<n>")->required();
+    fault_add->add_option("--action", fault.action, "ebusy, enosys, eio, short, refuse, partial, status:<n>")->required();
     std::string fault_count;
     fault_add->add_option("--count", fault_count, "Matching requests to fail (-1 = always)");
     CLI::App* fault_list_cmd = fault_cmd->add_subcommand("list", "List armed faults");

@@ -35,12 +35,14 @@ install_to "$stage" /usr
 # The manifest names the files as on the target host, without DESTDIR.
 missing=$(while read -r f; do [[ -e $stage$f || -L $stage$f ]] || echo "$f"; done <"$build/install_manifest.txt")
 check "every installed file lies under DESTDIR" test -z "$missing"
+# /etc/hba.conf is the wrapper's file, edited rather than installed: not in the manifest.
 check "the manifest lists every staged file" \
-  test "$(cd "$stage" && find . -type f -o -type l | cut -c2- | sort)" = "$(sort "$build/install_manifest.txt")"
+  test "$(cd "$stage" && find . \( -type f -o -type l \) ! -path ./etc/hba.conf | cut -c2- | sort)" = \
+       "$(sort "$build/install_manifest.txt")"
 check "no ldconfig under DESTDIR" test ! -e "$tmp/ldconfig.calls"
 lib=$(find "$stage/usr" -path "*/lib*/libvxsdm.so.6.*" -type f | head -1)
 libdir=$(dirname "$lib")
-for f in "$lib" "$stage/usr/bin/vxcli" "$stage/usr/libexec/vxsim/vxsim" "$stage/usr/libexec/vxsim/libvxsim_driver.so"; do
+for f in "$lib" "$stage/usr/bin/vxcli" "$stage/usr/bin/vxhbalist" "$stage/usr/libexec/vxsim/vxsim" "$stage/usr/libexec/vxsim/libvxsim_driver.so"; do
   check "stripped: ${f#"$stage"}" stripped "$f"
 done
 check "the build tree keeps debug info" has_debug "$build/tools/vxcli/vxcli"
@@ -57,10 +59,29 @@ pc=$libdir/pkgconfig/libvxsdm.pc
 check "libvxsdm.pc names the prefix, not DESTDIR" test "$(pc_var "$pc" prefix)" = /usr
 check "libvxsdm.pc libdir" test "$(pc_var "$pc" libdir)" = "${libdir#"$stage"}"
 check "CMake package installed" test -f "$libdir/cmake/vxsdm/vxsdmConfig.cmake"
+check "the staged hba.conf holds our line, naming the library as installed" \
+  test "$(cat "$stage/etc/hba.conf")" = "com.varnex-vxsdm ${libdir#"$stage"}/libvxsdm.so.6"
 
 # 2. Straight onto a host at another prefix: ldconfig runs, files name the prefix.
+# The install edits the host's /etc/hba.conf: a copy stands in for it, in a
+# mount namespace of its own, so the host's file is never touched.
 prefix=$tmp/prefix
-install_to "" "$prefix"
+conf=$tmp/hba.conf
+printf '# vendor libraries\nother.vendor-lib /nonexistent/libother.so\n' >"$conf"
+host_conf=$(sha256sum /etc/hba.conf 2>/dev/null || true)
+userns=(); [[ $(id -u) -eq 0 ]] || userns=(-r)
+export -f install_to; export tmp build
+if [[ -e /etc/hba.conf ]] && unshare "${userns[@]}" -m true 2>/dev/null; then
+  unshare "${userns[@]}" -m --propagation private bash -c \
+    'mount --bind "$0" /etc/hba.conf && install_to "" "$1"' "$conf" "$prefix" ||
+    fail "install to $prefix"
+  plib=$(find "$prefix" -path "*/lib*/libvxsdm.so.6" | head -1)
+  check "hba.conf: our line, naming the library under --prefix, after the others" \
+    test "$(cat "$conf")" = "$(printf '# vendor libraries\nother.vendor-lib /nonexistent/libother.so\ncom.varnex-vxsdm %s' "$plib")"
+  check "the host's own hba.conf is untouched" test "$(sha256sum /etc/hba.conf 2>/dev/null || true)" = "$host_conf"
+else
+  fail "no mount namespace to install without DESTDIR (it edits /etc/hba.conf)"
+fi
 check "ldconfig runs once without DESTDIR" ldconfig_runs
 ppc=$(find "$prefix" -path "*/lib*/pkgconfig/libvxsdm.pc" | head -1)
 check "libvxsdm.pc follows --prefix" test "$(pc_var "$ppc" prefix)" = "$prefix"

@@ -110,7 +110,8 @@ const char* const CONVERGED = R"json({"name": "converged", "adapters": [
     {"pci_address": "0000:04:00.1", "port": {"host_no": 2, "vlan_id": 7, "vn_port_mac": "0e:fc:00:0a:0b:0c",
      "fabric_param": 512}}]},
   {"id": "crane0", "device_id": "0x2070", "serial_number": "VXC20700001", "mpi_version": "2.1.4",
-   "pep_version": "1.0.9", "functions": [{"pci_address": "0000:06:00.0", "port": {"host_no": 3}}]}]})json";
+   "pep_version": "1.0.9", "flash": {"mpi": "2.2.0", "pep": "1.1.3"},
+   "functions": [{"pci_address": "0000:06:00.0", "port": {"host_no": 3}}]}]})json";
 
 // A Plover on the newer ioctl node whose remote ports carry what only that
 // channel reports: loop ids, initiators and other port types, a gone target.
@@ -172,15 +173,29 @@ SIM_TEST(Queries, NodeConversion, NODE) {
     }
 }
 
-SIM_TEST(Queries, MultiProcessorBoardWithoutLayoutFailsAfterRunningVersions, CONVERGED) {
+SIM_TEST(Queries, MultiProcessorBoardReportsRunningAndFlashVersions, CONVERGED) {
     const std::vector<int> h = open_all(3);
     auto n = patterned<DEVICENODEPROPERTY>();
-    EXPECT_EQ(SDGetHbaDeviceNodeProperty(h[2], &n), 0x20000075u);
-    // The running versions and the common fields are written before the layout is asked for.
+    ASSERT_EQ(SDGetHbaDeviceNodeProperty(h[2], &n), 0u);
+    // The running versions go to the plain fields, the copies in flash to the BI ones.
     EXPECT_EQ(bytes(n.MpiFwVersion, 3), (std::vector<uint8_t>{2, 1, 4}));
     EXPECT_EQ(bytes(n.PepFwVersion, 3), (std::vector<uint8_t>{1, 0, 9}));
-    EXPECT_EQ(n.BIValid & 0xFF, 0xA7u);
-    EXPECT_TRUE(untouched(n.BIMpiFwVersion, 8));
+    EXPECT_EQ(bytes(n.BIMpiFwVersion, 3), (std::vector<uint8_t>{2, 2, 0}));
+    EXPECT_EQ(bytes(n.BIPepFwVersion, 3), (std::vector<uint8_t>{1, 1, 3}));
+    EXPECT_EQ(n.BIValid & 0xFF, 0xE7u);
+
+    // The running versions read at discovery are the board's FCoE component versions.
+    SD_UINT32 size = 8;
+    std::vector<uint8_t> buf(8 + 2 * sizeof(REGIONVERSION), PATTERN);
+    EXPECT_EQ(SDGetCnaPortData(h[2], 0, SDM_CNA_FCOE_VERSIONS, buf.data(), &size), SDM_STATUS_BUFFER_TOO_SMALL);
+    ASSERT_EQ(size, buf.size());
+    ASSERT_EQ(SDGetCnaPortData(h[2], 0, SDM_CNA_FCOE_VERSIONS, buf.data(), &size), 0u);
+    const auto* v = reinterpret_cast<const ADAPTERREGIONVERSION*>(buf.data());
+    EXPECT_EQ(v->Length, 2u);
+    REGIONVERSION r[2];
+    memcpy(r, buf.data() + 8, sizeof r);
+    EXPECT_EQ((Numbers{r[0].Region, r[0].Location, r[0].VersionLength, r[1].Region}), (Numbers{0x02, 0, 3, 0x09}));
+    EXPECT_EQ(bytes(r[1].Version, 3), (std::vector<uint8_t>{1, 0, 9}));
 }
 
 SIM_TEST(Queries, PortLinkStateAndSpeedTables, LINKS) {

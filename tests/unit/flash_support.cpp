@@ -1,11 +1,18 @@
 #include "flash_support.h"
 
+#include "vx_channel.h"
+
 #include <cstring>
 #include <string>
 
 FakeFlash g_flash;
 
-int vxapi_flash_read_at(int, vxapi_priv_database*, uint32_t offset, uint8_t* buf, uint32_t len, uint32_t* pext_stat) {
+namespace {
+
+// A channel whose flash is g_flash: raw reads and the sector-size query.
+int32_t fake_read(int, vxapi_priv_database*, uint8_t* buf, uint32_t len, uint32_t region, uint32_t offset,
+                  uint32_t* pext_stat) {
+    EXPECT_EQ(region, VX_REGION_RAW);
     g_flash.reads.emplace_back(offset, len);
     if (uint64_t(offset) + len > g_flash.bytes.size()) {
         *pext_stat = 6;
@@ -16,10 +23,20 @@ int vxapi_flash_read_at(int, vxapi_priv_database*, uint32_t offset, uint8_t* buf
     return 0;
 }
 
-uint32_t vxapi_get_flash_sector_size(int, vxapi_priv_database*, uint32_t* pflash_sector_size) {
+uint32_t fake_sector(int, vxapi_priv_database*, uint32_t* pflash_sector_size) {
     *pflash_sector_size = g_flash.sector;
     return g_flash.sector == 0;
 }
+
+const vxapi_channel_ops fake_channel = [] {
+    vxapi_channel_ops ops{};
+    ops.name = "fake flash";
+    ops.read_optrom = fake_read;
+    ops.get_flash_sector_size = fake_sector;
+    return ops;
+}();
+
+}  // namespace
 
 Port::Port(uint16_t device_id, uint16_t ssvid, uint16_t ssdid) {
     phy.device_id = device_id;
@@ -27,6 +44,7 @@ Port::Port(uint16_t device_id, uint16_t ssvid, uint16_t ssdid) {
     phy.ssdevice_id = ssdid;
     inst.phy_info = &phy;
     inst.oshandle = -1;
+    inst.channel = &fake_channel;
 }
 
 vxsim::Adapter sim_adapter(uint16_t device_id, uint16_t ssvid, uint16_t ssdid) {

@@ -31,14 +31,32 @@ enum class slot {
     get_driver_specifics,
     get_vpd,
     get_dcbx_param,
+    read_optrom,
+    update_optrom,
+    activate_region,
+    get_flash_sector_size,
+    flash_update_caps,
+    query_adapter_versions,
+    get_active_image_set,
+    get_nvram,
+    set_nvram,
+    set_vpd,
+    send_scsipt,
+    send_fc_scsipt,
+    send_ct_passthru,
+    send_els_passthru,
 };
 
 // One expected request and what the driver hands back for it.
 struct expectation {
     slot which;
-    std::optional<uint32_t> arg;   // the index (discovered port/target) or the type mask (port summary)
+    std::optional<uint32_t> arg;   // the index (discovered port/target), the type mask (port summary),
+                                   // the region (option ROM) or the reset code (activation)
+    std::optional<uint32_t> offset;  // the flash offset (option ROM)
+    std::vector<uint8_t> sent;     // what an update handed over (filled as it is served)
     std::optional<uint32_t> size;  // the buffer size the leaf passes (sized requests)
-    std::vector<uint8_t> bytes;    // written to the start of the record
+    std::vector<uint8_t> bytes;    // written to the start of the record (pass-through: the data in)
+    std::vector<uint8_t> sense;    // pass-through: the sense a check condition brings back
     uint32_t ext_stat = EXT_STATUS_OK;
     uint32_t ext_dstat = 0;
     int32_t result = 0;
@@ -46,6 +64,7 @@ struct expectation {
 
     expectation& with_arg(uint32_t v) { arg = v; return *this; }
     expectation& with_size(uint32_t v) { size = v; return *this; }
+    expectation& with_offset(uint32_t v) { offset = v; return *this; }
     template <typename Record>
     expectation& answer(const Record& rec) {
         const auto* p = reinterpret_cast<const uint8_t*>(&rec);
@@ -53,6 +72,7 @@ struct expectation {
         return *this;
     }
     expectation& answer_bytes(std::vector<uint8_t> b) { bytes = std::move(b); return *this; }
+    expectation& with_sense(std::vector<uint8_t> s) { sense = std::move(s); return *this; }
     expectation& status(uint32_t s, uint32_t detail = 0) { ext_stat = s; ext_dstat = detail; return *this; }
     expectation& fails(int32_t rc, int e = 0) { result = rc; err = e; return *this; }
 };
@@ -81,9 +101,27 @@ public:
 
     static const vxapi_channel_ops table;
 
+    // The pass-through slots: `arg` is the LUN, `size` the data buffer's
+    // (either way); the answer's data land in the response buffer and its
+    // sense where the leaf would put them.
+    static int32_t serve_scsi(slot s, uint16_t lun, void* data, uint32_t data_size, uint8_t* sense,
+                              uint32_t sense_room, uint32_t* sense_len, uint32_t* pext_stat, uint32_t* pext_dstat) {
+        channel* self = current();
+        const std::vector<uint8_t> answer = self && !self->queue_.empty() ? self->queue_.front().sense
+                                                                          : std::vector<uint8_t>{};
+        const int32_t rc = serve(s, data, data ? data_size : 0, pext_stat, pext_dstat, lun, data_size);
+        const uint32_t n = answer.size() < sense_room ? static_cast<uint32_t>(answer.size()) : sense_room;
+        if (n)
+            memcpy(sense, answer.data(), n);
+        if (sense_len && n)
+            *sense_len = n;
+        return rc;
+    }
+
     // The body of every slot: the next expectation must be for this slot.
     static int32_t serve(slot s, void* rec, size_t rec_size, uint32_t* pext_stat, uint32_t* pext_dstat,
-                         std::optional<uint32_t> arg, std::optional<uint32_t> size) {
+                         std::optional<uint32_t> arg, std::optional<uint32_t> size,
+                         std::optional<uint32_t> offset = std::nullopt, const uint8_t* sent = nullptr) {
         channel* self = current();
         if (!self || self->queue_.empty()) {
             ADD_FAILURE() << "unexpected request on slot " << static_cast<int>(s);
@@ -98,6 +136,11 @@ public:
         if (e.size) {
             EXPECT_EQ(size, e.size) << "slot " << static_cast<int>(s);
         }
+        if (e.offset) {
+            EXPECT_EQ(offset, e.offset) << "slot " << static_cast<int>(s);
+        }
+        if (sent && size)
+            self->written_.assign(sent, sent + *size);
         if (rec && !e.bytes.empty())
             memcpy(rec, e.bytes.data(), e.bytes.size() < rec_size ? e.bytes.size() : rec_size);
         if (pext_stat)
@@ -108,7 +151,11 @@ public:
         return e.result;
     }
 
+    // The bytes of the last update served.
+    const std::vector<uint8_t>& written() const { return written_; }
+
 private:
+    std::vector<uint8_t> written_;
     static channel*& current() {
         static channel* c = nullptr;
         return c;
@@ -152,6 +199,62 @@ inline const vxapi_channel_ops channel::table = {
     },
     [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t* st) {
         return channel::serve(slot::get_dcbx_param, b, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t region, uint32_t offset, uint32_t* st) {
+        return channel::serve(slot::read_optrom, b, size, st, nullptr, region, size, offset);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t region, uint32_t offset, uint32_t* st) {
+        return channel::serve(slot::update_optrom, nullptr, 0, st, nullptr, region, size, offset, b);
+    },
+    [](int, vxapi_priv_database*, uint32_t code, uint32_t* st) {
+        return channel::serve(slot::activate_region, nullptr, 0, st, nullptr, code, std::nullopt);
+    },
+    [](int, vxapi_priv_database*, uint32_t* size) {
+        return static_cast<uint32_t>(
+            channel::serve(slot::get_flash_sector_size, size, sizeof *size, nullptr, nullptr, std::nullopt, std::nullopt));
+    },
+    [](int, vxapi_priv_database*, uint8_t* caps, uint32_t len, uint8_t set, uint32_t* st) {
+        return channel::serve(slot::flash_update_caps, caps, len, st, nullptr, set, len);
+    },
+    [](int, vxapi_priv_database*, EXT_ADAPTER_VERSIONS* v, uint32_t* st) {
+        return record_slot(slot::query_adapter_versions, v, st);
+    },
+    [](int, vxapi_priv_database*, uint32_t* image, uint32_t* st) {
+        return record_slot(slot::get_active_image_set, image, st);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::get_nvram, b, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_nvram, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_vpd, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
+    },
+    [](int, vxapi_priv_database*, const EXT_SCSI_ADDR* a, const uint8_t*, uint32_t, void*,
+       uint32_t req_size, void* resp, uint32_t* resp_size, uint8_t* sense, uint32_t* sense_size, uint32_t* st,
+       uint8_t* scsi) {
+        uint32_t detail = 0;
+        const uint32_t room = sense && sense_size ? *sense_size : 0;
+        const int32_t rc = channel::serve_scsi(slot::send_scsipt, a->Lun, resp,
+                                               resp ? *resp_size : req_size, sense, room, sense_size, st, &detail);
+        *scsi = static_cast<uint8_t>(detail);
+        return rc;
+    },
+    [](int, vxapi_priv_database*, EXT_FC_SCSI_PASSTHRU* pt, void*, uint32_t req_size, void* resp,
+       uint32_t resp_size, uint32_t* st, uint32_t* dst) {
+        uint32_t len = 0;
+        const int32_t rc = channel::serve_scsi(slot::send_fc_scsipt, pt->FCScsiAddr.Lun, resp,
+                                               resp ? resp_size : req_size, pt->SenseData,
+                                               pt->SenseLength, &len, st, dst);
+        pt->SenseLength = static_cast<uint16_t>(len);
+        return rc;
+    },
+    [](int, vxapi_priv_database*, const void*, uint32_t, void* resp, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::send_ct_passthru, resp, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, const void*, uint32_t, void* resp, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::send_els_passthru, resp, size, st, nullptr, std::nullopt, size);
     },
 };
 

@@ -13,7 +13,7 @@
 
 #include "endpoints.h"
 #include "fabric.h"
-#include "fc_bsg.h"
+#include "vx_fc_bsg.h"
 #include "ioctl.h"
 #include "scsi_target.h"
 
@@ -383,12 +383,12 @@ Bytes msg(uint32_t code, Bytes rest) {
 struct BsgCall {
     long result;
     sg_io_v4 h;
-    FcBsgReply reply;
+    fc_bsg_reply reply;
     Bytes in;
 };
 
 BsgCall bsg(const Sim& sim, NodeKind kind, const char* rport, uint32_t host, Bytes req, Bytes out,
-            uint32_t max_response = sizeof(FcBsgReply)) {
+            uint32_t max_response = sizeof(fc_bsg_reply)) {
     Desc d;
     d.kind = kind;
     d.host = host;

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <map>
@@ -76,6 +77,23 @@ std::string option_lines(const std::vector<std::pair<std::string, std::string>>&
     return out;
 }
 
+// The first word of a two-word command ("flash" of "flash read").
+bool is_group(const std::string& word) {
+    for (const Command& c : commands())
+        if (std::string(c.name).starts_with(word + " "))
+            return true;
+    return false;
+}
+
+// The actions of a group, for its usage error and completion.
+std::vector<std::string> group_actions(const std::string& group) {
+    std::vector<std::string> out;
+    for (const Command& c : commands())
+        if (std::string(c.name).starts_with(group + " "))
+            out.push_back(std::string(c.name).substr(group.size() + 1));
+    return out;
+}
+
 // What the command line holds besides CLI11's parse: enough to answer
 // --json and name the command even when parsing fails.
 struct Prescan {
@@ -94,8 +112,8 @@ Prescan prescan(int argc, char** argv) {
             p.json = true;
         else if (a == "-h" || a == "--help")
             p.help = true;
-        else if (p.command.empty() && !a.starts_with("-"))
-            p.command = a;
+        else if (!a.starts_with("-") && (p.command.empty() || (is_group(p.command) && !find_command(p.command))))
+            p.command = p.command.empty() ? a : p.command + " " + a;
     }
     return p;
 }
@@ -239,7 +257,14 @@ std::string command_help(const Command& command, const CLI::App& app) {
 
 int run_vxcli(int argc, char** argv) try {
     const Prescan pre = prescan(argc, argv);
-    if (!pre.command.empty() && pre.command != "help" && pre.command != COMPLETE && !find_command(pre.command))
+    if (is_group(pre.command) && !pre.help) {
+        std::string actions;
+        for (const std::string& a : group_actions(pre.command))
+            actions += (actions.empty() ? "" : ", ") + a;
+        return usage_error(pre.json, fmt::format("{}: name what to do: {}; see 'vxcli help'", pre.command, actions));
+    }
+    if (!pre.command.empty() && pre.command != "help" && pre.command != COMPLETE && !find_command(pre.command) &&
+        !is_group(pre.command))
         return usage_error(pre.json, fmt::format("unknown command '{}'; 'vxcli help' lists the commands", pre.command));
 
     CLI::App app{ABOUT, "vxcli"};
@@ -250,10 +275,25 @@ int run_vxcli(int argc, char** argv) try {
     app.add_flag("--version", version);
     app.add_flag("--json", opt.json);
 
-    std::map<std::string, CLI::App*> subs;
+    std::map<std::string, CLI::App*> subs, groups;
     std::string port, columns;
     for (const Command& c : commands()) {
-        CLI::App* sub = app.add_subcommand(c.name, c.summary);
+        // A two-word command is an action of its group ("flash read").
+        const std::string name = c.name;
+        const size_t space = name.find(' ');
+        CLI::App* parent = &app;
+        if (space != std::string::npos) {
+            CLI::App*& group = groups[name.substr(0, space)];
+            if (!group) {
+                group = app.add_subcommand(name.substr(0, space), "");
+                group->set_help_flag();
+                group->add_flag("-h,--help", help, "Show this help");
+                group->fallthrough();
+                group->require_subcommand(1);
+            }
+            parent = group;
+        }
+        CLI::App* sub = parent->add_subcommand(space == std::string::npos ? name : name.substr(space + 1), c.summary);
         sub->set_help_flag();
         sub->add_flag("-h,--help", help, "Show this help");
         sub->fallthrough();  // --json after the command too
@@ -270,11 +310,11 @@ int run_vxcli(int argc, char** argv) try {
             c.options(*sub);
         subs[c.name] = sub;
     }
-    std::string help_topic;
+    std::vector<std::string> help_words;
     CLI::App* help_cmd = app.add_subcommand("help", "Show the help of a command");
     help_cmd->set_help_flag();
     help_cmd->fallthrough();
-    help_cmd->add_option("COMMAND", help_topic);
+    help_cmd->add_option("COMMAND", help_words);
     CLI::App* complete_cmd = app.add_subcommand(COMPLETE, "")->group("");
     complete_cmd->set_help_flag();
     complete_cmd->prefix_command();  // takes every word as it is, options too
@@ -306,6 +346,9 @@ int run_vxcli(int argc, char** argv) try {
         return EXIT_OK;
     }
     if (help_cmd->parsed()) {
+        std::string help_topic;
+        for (const std::string& w : help_words)
+            help_topic += (help_topic.empty() ? "" : " ") + w;
         const Command* topic = find_command(help_topic);
         if (!topic && !help_topic.empty() && help_topic != "help")
             return usage_error(pre.json, fmt::format("unknown command '{}'; 'vxcli help' lists the commands", help_topic));
@@ -353,6 +396,17 @@ std::string complete(const std::vector<std::string>& words, const CLI::App& app)
             continue;
         command = find_command(words[i]);
         help_topic = words[i] == "help";
+        if (!command && is_group(words[i])) {
+            if (i + 2 >= words.size()) {  // the action is being typed
+                std::string out;
+                for (const std::string& a : group_actions(words[i]))
+                    if (a.starts_with(cur))
+                        out += a + "\n";
+                return out;
+            }
+            command = find_command(words[i] + " " + words[i + 1]);
+            ++i;
+        }
         if (!command && !help_topic)
             return "";  // an unknown command: nothing to offer
     }
@@ -360,8 +414,11 @@ std::string complete(const std::vector<std::string>& words, const CLI::App& app)
     std::vector<std::string> candidates;
     std::string keep;  // the part of `cur` a candidate continues (a column list so far)
     if (!command && (help_topic || !cur.starts_with("-"))) {
-        for (const Command& c : commands())
-            candidates.push_back(c.name);
+        for (const Command& c : commands()) {
+            const std::string word = std::string(c.name).substr(0, std::string(c.name).find(' '));
+            if (std::find(candidates.begin(), candidates.end(), word) == candidates.end())
+                candidates.push_back(word);
+        }
         if (!help_topic)
             candidates.push_back("help");
     } else if (!command) {
@@ -372,7 +429,12 @@ std::string complete(const std::vector<std::string>& words, const CLI::App& app)
             candidates.push_back(keep + column_name(c));
     } else if (cur.starts_with("-")) {
         candidates.push_back("--json");
-        for (const CLI::Option* opt : app.get_subcommand(command->name)->get_options())
+        const std::string full = command->name;
+        const size_t space = full.find(' ');
+        const CLI::App* sub = space == std::string::npos
+                                  ? app.get_subcommand(full)
+                                  : app.get_subcommand(full.substr(0, space))->get_subcommand(full.substr(space + 1));
+        for (const CLI::Option* opt : sub->get_options())
             for (const std::string& name : opt->get_lnames())
                 candidates.push_back("--" + name);
     } else if (command->ports != PortArg::None) {

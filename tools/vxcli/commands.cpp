@@ -8,7 +8,16 @@ const std::vector<Command>& commands() {
         show_command(),
         targets_command(),
         luns_command(),
+        nvram_command(),
+        vpd_command(),
         report_command(),
+        flash_layout_command(),
+        flash_read_command(),
+        flash_write_command(),
+        inquiry_command(),
+        readcap_command(),
+        reportluns_command(),
+        nameserver_command(),
         version_command(),
     };
     return table;

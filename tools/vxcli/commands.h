@@ -11,6 +11,15 @@ Command show_command();
 Command targets_command();
 Command luns_command();
 Command report_command();
+Command flash_layout_command();
+Command flash_read_command();
+Command flash_write_command();
+Command inquiry_command();
+Command readcap_command();
+Command reportluns_command();
+Command nameserver_command();
 Command version_command();
+Command nvram_command();
+Command vpd_command();
 
 }  // namespace vxcli
