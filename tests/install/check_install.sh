@@ -51,7 +51,7 @@ check "libvxsdm.so.6 and libvxsdm.so link to the library" \
 check "the vxsim command is a relative link" test "$(readlink "$stage/usr/bin/vxsim")" = ../libexec/vxsim/vxsim
 check "the vxsim link resolves inside DESTDIR" test -x "$stage/usr/bin/vxsim"
 for f in usr/include/vxsdm/vsdmgt.h usr/include/vxsdm/vsdmgtln.h usr/include/vxsdm/vsdnvram.h \
-         usr/share/man/man1/vxcli.1 usr/share/man/man1/vxsim.1 usr/share/bash-completion/completions/vxcli \
+         usr/share/man/man1/vxcli.1 usr/share/man/man1/vxsim.1 usr/share/man/man1/vxhbalist.1 usr/share/bash-completion/completions/vxcli \
          usr/share/vxsim/scenarios/default.json; do
   check "installed: $f" test -f "$stage/$f"
 done
