@@ -3,7 +3,9 @@
 // and closed again for every call so that a crash loses at most one line.
 #include "vx_sddbg.h"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -210,17 +212,38 @@ void vxapi_set_debug_level() {
     const long value = env ? strtol(env, nullptr, 16) : 0;
     mask |= static_cast<uint32_t>(value);
     vx_debug = mask;
+    // Known before the first line, so that the signal path (which cannot
+    // read the environment safely) writes to the same file.
+    if (secure_getenv(VXDBG_LOG_ENV))
+        vxdbg_set_log_path();
     if (value != 0 && api_dbg_sem_id == -1)
         api_dbg_sem_id = vxapi_sem_get(VX_SEM_KEY_DEBUG);
+}
+
+void vxdbg_set_log_path() {
+    if (vxdbglog_path[0] != '\0')
+        return;
+    // secure_getenv: a set-user-id program that loads the library must not
+    // let its caller name a file for root to append to.
+    const char* env = secure_getenv(VXDBG_LOG_ENV);
+    const bool usable = env && *env && strlen(env) < sizeof vxdbglog_path;
+    snprintf(vxdbglog_path, sizeof vxdbglog_path, "%s", usable ? env : VXDBG_DEFAULT_LOG);
 }
 
 FILE* vxdbg_get_fptr() {
     if (vxdbg_fp)
         return vxdbg_fp;
-    if (vx_debug != 0 && vxdbglog_path[0] == '\0')
-        snprintf(vxdbglog_path, sizeof vxdbglog_path, "%s", VXDBG_DEFAULT_LOG);
-    if (vxdbglog_path[0] != '\0')
-        vxdbg_fp = fopen(vxdbglog_path, "ae");
+    if (vx_debug != 0)
+        vxdbg_set_log_path();
+    if (vxdbglog_path[0] == '\0')
+        return nullptr;
+    // Not through a link: the path may name a directory others can write to.
+    const int fd = open(vxdbglog_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0)
+        return nullptr;
+    vxdbg_fp = fdopen(fd, "a");
+    if (!vxdbg_fp)
+        close(fd);
     return vxdbg_fp;
 }
 

@@ -25,6 +25,8 @@ inline constexpr uint8_t VXDBG_DEC = 10;
 inline constexpr uint8_t VXDBG_HEX = 16;
 
 inline constexpr const char* VXDBG_DEFAULT_LOG = "/usr/lib/libvxsdm.log";
+// Names another log file (an administrator may keep logs under /var/log).
+inline constexpr const char* VXDBG_LOG_ENV = "VX_FCAPI_LOG";
 
 // Read by every thread (the event thread traces too), set at each entry point.
 extern std::atomic<uint32_t> vx_debug;
@@ -35,6 +37,9 @@ void vxapi_set_debug_level();
 void vxdbg_print(const char* string, uint64_t number, uint8_t radix, uint8_t newline);
 void vxdbg_dump(const char* string, const uint8_t* buffer, uint8_t wd_size, uint64_t count);
 FILE* vxdbg_get_fptr();
+// Fills an empty vxdbglog_path: VX_FCAPI_LOG when it is set and fits, else
+// the default.
+void vxdbg_set_log_path();
 
 // True when a message with this guard is printed.
 inline bool vxdbg_on(uint32_t guard) { return (vx_debug & guard) != 0; }

@@ -140,6 +140,13 @@ struct Adapter {
 };
 
 // A fault armed on an endpoint: the next `count` matching requests fail.
+// The endpoints that take faults:
+inline constexpr const char* FAULT_ENDPOINTS[] = {"optrom_ctl", "optrom", "nvram", "vpd",
+                                                  "ioctl",      "bsg",    "sg",    "netlink"};
+bool is_fault_endpoint(const std::string& name);
+// "optrom_ctl, optrom, ...", for messages.
+std::string fault_endpoint_list();
+
 struct Fault {
     std::string endpoint;          // "optrom_ctl", "optrom", "ioctl", "bsg", "netlink", ...
     std::string match;             // endpoint-specific selector ("" = any), e.g. a command or "0xc0747900"
@@ -191,6 +198,10 @@ const char* target_kind_name(TargetKind k);
 bool load_scenario(const std::string& path, Scenario& out, std::string& error);
 bool parse_scenario(const std::string& json_text, Scenario& out, std::string& error);
 std::string scenario_to_json(const Scenario& s);
+
+// A number as people write it for the simulator: decimal, or hexadecimal
+// after "0x" (so "010" is ten, never octal). No sign, no blanks.
+bool parse_number(const std::string& text, uint64_t& out);
 
 // Helpers shared by tree and driver.
 std::string wwn_hex(uint64_t wwn);           // "0x2100001b32000001"

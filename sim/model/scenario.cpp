@@ -25,34 +25,7 @@ namespace {
 using json = nlohmann::json;
 using ojson = nlohmann::ordered_json;  // output keeps the reading order
 
-bool parse_u64_text(const std::string& s, uint64_t& out) {
-    if (s.empty())
-        return false;
-    int base = 10;
-    size_t i = 0;
-    if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
-        base = 16;
-        i = 2;
-    }
-    uint64_t v = 0;
-    for (; i < s.size(); ++i) {
-        const char c = s[i];
-        unsigned d;
-        if (c >= '0' && c <= '9')
-            d = unsigned(c - '0');
-        else if (base == 16 && c >= 'a' && c <= 'f')
-            d = unsigned(c - 'a' + 10);
-        else if (base == 16 && c >= 'A' && c <= 'F')
-            d = unsigned(c - 'A' + 10);
-        else
-            return false;
-        if (v > (std::numeric_limits<uint64_t>::max() - d) / unsigned(base))
-            return false;
-        v = v * unsigned(base) + d;
-    }
-    out = v;
-    return true;
-}
+bool parse_u64_text(const std::string& s, uint64_t& out) { return parse_number(s, out); }
 
 // "0x2100001b32000001", "21:00:00:1b:32:00:00:01" or a plain number.
 bool parse_wwn(const json& v, uint64_t& out) {
@@ -474,7 +447,11 @@ bool read_options(const json& j, const std::string& path, std::string& err, Host
 
 bool read_fault(const json& j, const std::string& path, std::string& err, Fault& f) {
     Obj o(j, path, err);
-    return o.str("endpoint", f.endpoint, true) && o.str("match", f.match) && o.str("action", f.action, true) &&
+    if (!o.str("endpoint", f.endpoint, true))
+        return false;
+    if (!is_fault_endpoint(f.endpoint))
+        return o.fail(path + ".endpoint", "unknown fault endpoint \"" + f.endpoint + "\" (" + fault_endpoint_list() + ")");
+    return o.str("match", f.match) && o.str("action", f.action, true) &&
            o.sint("count", f.count, -1, std::numeric_limits<int32_t>::max()) && o.done();
 }
 
@@ -918,6 +895,49 @@ uint8_t pci_function_number(const std::string& pci_address) {
         v = v * 10 + unsigned(c - '0');
     }
     return v > 255 ? 0 : static_cast<uint8_t>(v);
+}
+
+bool parse_number(const std::string& s, uint64_t& out) {
+    if (s.empty())
+        return false;
+    int base = 10;
+    size_t i = 0;
+    if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
+        base = 16;
+        i = 2;
+    }
+    uint64_t v = 0;
+    for (; i < s.size(); ++i) {
+        const char c = s[i];
+        unsigned d;
+        if (c >= '0' && c <= '9')
+            d = unsigned(c - '0');
+        else if (base == 16 && c >= 'a' && c <= 'f')
+            d = unsigned(c - 'a' + 10);
+        else if (base == 16 && c >= 'A' && c <= 'F')
+            d = unsigned(c - 'A' + 10);
+        else
+            return false;
+        if (v > (std::numeric_limits<uint64_t>::max() - d) / unsigned(base))
+            return false;
+        v = v * unsigned(base) + d;
+    }
+    out = v;
+    return true;
+}
+
+bool is_fault_endpoint(const std::string& name) {
+    for (const char* e : FAULT_ENDPOINTS)
+        if (name == e)
+            return true;
+    return false;
+}
+
+std::string fault_endpoint_list() {
+    std::string list;
+    for (const char* e : FAULT_ENDPOINTS)
+        list += (list.empty() ? "" : ", ") + std::string(e);
+    return list;
 }
 
 }  // namespace vxsim

@@ -81,13 +81,9 @@ bool valid_action(const std::string& a) {
     if (a == "ebusy" || a == "enosys" || a == "eio" || a == "short" || a == "refuse" || a == "partial" ||
         a == "foreign")
         return true;
+    uint64_t number = 0;
     const size_t prefix = a.rfind("status:", 0) == 0 ? 7 : a.rfind("delay:", 0) == 0 ? 6 : 0;
-    if (prefix == 0 || a.size() == prefix)
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    std::strtoul(a.c_str() + prefix, &end, 0);
-    return errno == 0 && *end == 0;
+    return prefix != 0 && parse_number(a.substr(prefix), number) && number <= 0xFFFFFFFFu;
 }
 
 bool parse_faults(const std::string& text, std::vector<Fault>& out, std::string& error, const std::string& path) {
@@ -137,8 +133,8 @@ bool read_faults(const std::string& root, std::vector<Fault>& out, std::string& 
 }
 
 bool add_fault(const std::string& root, const Fault& fault, std::string& error) {
-    if (fault.endpoint.empty()) {
-        error = "a fault needs an endpoint";
+    if (!is_fault_endpoint(fault.endpoint)) {
+        error = "unknown fault endpoint \"" + fault.endpoint + "\" (" + fault_endpoint_list() + ")";
         return false;
     }
     if (!valid_action(fault.action)) {
@@ -289,7 +285,7 @@ bool event_of_type(const Scenario& s, uint32_t host_no, const std::string& type,
     return false;
 }
 
-bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std::string& error) {
+bool read_journal(const std::string& root, std::vector<JournalLine>& out, std::string& error) {
     out.clear();
     const std::string path = root::journal(root);
     if (!fs::exists(path))
@@ -307,7 +303,7 @@ bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std
         if (line.empty())
             continue;
         json j = json::parse(line, nullptr, false);
-        out.push_back(j.is_discarded() ? json(line) : std::move(j));
+        out.push_back({j.is_discarded() ? json(line) : std::move(j), std::move(line)});
     }
     return true;
 }

@@ -50,7 +50,12 @@ const std::vector<std::string>& event_types();
 bool event_of_type(const Scenario& s, uint32_t host_no, const std::string& type, uint32_t port_id, SpoolEvent& out,
                    std::string& error);
 
-// The journal's lines, parsed; a line that is not JSON is kept as a string.
-bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std::string& error);
+// One journal line: parsed (a line that is not JSON is kept as a string) and
+// as it stands in the file.
+struct JournalLine {
+    nlohmann::json record;
+    std::string text;
+};
+bool read_journal(const std::string& root, std::vector<JournalLine>& out, std::string& error);
 
 }  // namespace vxsim::state

@@ -186,7 +186,8 @@ public:
         for (const char* d : {"block", "dev/block", "dev/char", "firmware", "fs", "kernel", "power"})
             w_.dir(d);
         for (const char* c :
-             {"scsi_host", "fc_host", "fc_remote_ports", "fc_vports", "scsi_device", "bsg", "scsi_generic", "block"})
+             {"scsi_host", "fc_host", "fc_remote_ports", "fc_vports", "fc_transport", "scsi_device", "scsi_disk", "bsg",
+              "scsi_generic", "block"})
             w_.dir(std::string("class/") + c);
         w_.dir("bus/scsi/devices");
         w_.dir("bus/scsi/drivers");
@@ -460,6 +461,15 @@ private:
         w_.file(tdir + "/uevent", "DEVTYPE=scsi_target\n");
         w_.link(tdir + "/subsystem", "bus/scsi");
         w_.link("bus/scsi/devices/" + tname, tdir);
+        // The FC transport's view of the target, where lsscsi -t finds its names.
+        const std::string t = tdir + "/fc_transport/" + tname;
+        w_.file(t + "/uevent", "");
+        w_.link(t + "/device", tdir);
+        w_.link(t + "/subsystem", "class/fc_transport");
+        w_.link("class/fc_transport/" + tname, t);
+        w_.file(t + "/node_name", wwn_text(r.wwnn));
+        w_.file(t + "/port_name", wwn_text(r.wwpn));
+        w_.file(t + "/port_id", fmt("0x%06x\n", r.port_id & 0xFFFFFF));
         for (const Lun& l : r.luns)
             lun(p, r, l, tdir);
     }
@@ -506,10 +516,28 @@ private:
             w_.file(b + "/dev", fmt("%u:%d\n", root::MAJOR_DISK, d.disk));
             w_.file(b + "/uevent", fmt("MAJOR=%u\nMINOR=%d\nDEVNAME=%s\nDEVTYPE=disk\n", root::MAJOR_DISK, d.disk, sd.c_str()));
             w_.file(b + "/size", num(static_cast<int64_t>(l.blocks * (l.block_size / 512))));
+            w_.file(b + "/ro", "0\n");
+            w_.file(b + "/removable", "0\n");
+            w_.file(b + "/queue/logical_block_size", num(l.block_size));
+            w_.file(b + "/queue/physical_block_size", num(l.block_size));
             w_.link(b + "/device", dir);
             w_.link(b + "/subsystem", "class/block");
             w_.link("class/block/" + sd, b);
+            w_.link("block/" + sd, b);
             w_.link(fmt("dev/block/%u:%d", root::MAJOR_DISK, d.disk), b);
+            // The disk driver's own class entry, as sd makes it.
+            const std::string k = dir + "/scsi_disk/" + n;
+            w_.file(k + "/uevent", "");
+            w_.link(k + "/device", dir);
+            w_.link(k + "/subsystem", "class/scsi_disk");
+            w_.link("class/scsi_disk/" + n, k);
+            w_.file(k + "/cache_type", "write back\n");
+            w_.file(k + "/FUA", "1\n");
+            w_.file(k + "/allow_restart", "1\n");
+            w_.file(k + "/manage_start_stop", "0\n");
+            w_.file(k + "/protection_type", "0\n");
+            w_.file(k + "/provisioning_mode", "full\n");
+            w_.file(k + "/thin_provisioning", "0\n");
         }
         const std::string sg = fmt("sg%u", d.sg);
         const std::string g = dir + "/scsi_generic/" + sg;
@@ -518,6 +546,7 @@ private:
         w_.link(g + "/device", dir);
         w_.link(g + "/subsystem", "class/scsi_generic");
         w_.link("class/scsi_generic/" + sg, g);
+        w_.link(dir + "/generic", g);
         w_.link(fmt("dev/char/%u:%u", root::MAJOR_SG, d.sg), g);
     }
 

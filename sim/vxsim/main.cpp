@@ -18,8 +18,10 @@
 #include "state.h"
 #include "tree.h"
 
-#ifndef VXSIM_SCENARIO_DIR
-#define VXSIM_SCENARIO_DIR ""
+// Where the shared scenarios lie, relative to the directory of the vxsim
+// executable once installed (<libexec>/vxsim -> <datadir>/vxsim/scenarios).
+#ifndef VXSIM_INSTALLED_SCENARIOS
+#define VXSIM_INSTALLED_SCENARIOS "../../share/vxsim/scenarios"
 #endif
 
 namespace {
@@ -36,18 +38,17 @@ int complain(const std::string& line) {
 std::string find_scenario(const std::string& name) {
     if (fs::exists(name) || name.find('/') != std::string::npos)
         return name;
-    // The variable, the source tree this vxsim was built from, or the shared
-    // data of an installed one (<prefix>/libexec/vxsim/vxsim ->
-    // <prefix>/share/vxsim/scenarios).
+    // The variable, then beside this vxsim: `scenarios` in a build tree (a
+    // link to the sources), the shared data once installed. Nothing is
+    // compiled in, so an installed vxsim never looks into a build tree.
     std::vector<std::string> dirs;
     if (const char* env = std::getenv("VXSIM_SCENARIOS"); env && *env)
         dirs.push_back(env);
-    dirs.push_back(VXSIM_SCENARIO_DIR);
-    char self[4096];
-    if (const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1); n > 0) {
-        self[n] = '\0';
-        const std::string exe(self);
-        dirs.push_back(exe.substr(0, exe.find_last_of('/')) + "/../../share/vxsim/scenarios");
+    const std::string self = fs::real_path("/proc/self/exe");
+    if (!self.empty()) {
+        const std::string here = self.substr(0, self.find_last_of('/'));
+        dirs.push_back(here + "/scenarios");
+        dirs.push_back(here + "/" VXSIM_INSTALLED_SCENARIOS);
     }
     for (const std::string& dir : dirs)
         for (const std::string& candidate : {dir + "/" + name, dir + "/" + name + ".json"})
@@ -56,15 +57,24 @@ std::string find_scenario(const std::string& name) {
     return name;
 }
 
-bool parse_number(const std::string& text, uint32_t& out) {
-    if (text.empty())
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long v = std::strtoull(text.c_str(), &end, 0);
-    if (errno != 0 || *end != 0 || v > 0xFFFFFFFFull || text[0] == '-')
+bool parse_u32(const std::string& text, uint32_t& out) {
+    uint64_t v = 0;
+    if (!parse_number(text, v) || v > 0xFFFFFFFFull)
         return false;
     out = static_cast<uint32_t>(v);
+    return true;
+}
+
+// A count: -1, or a number from 1 up.
+bool parse_count(const std::string& text, int32_t& out) {
+    uint64_t v = 0;
+    if (text == "-1") {
+        out = -1;
+        return true;
+    }
+    if (!parse_number(text, v) || v == 0 || v > 0x7FFFFFFFull)
+        return false;
+    out = static_cast<int32_t>(v);
     return true;
 }
 
@@ -84,6 +94,32 @@ bool resolve_root(std::string& root, std::string& error) {
         return false;
     }
     return true;
+}
+
+// Every SCSI host of the scenario, physical ports and NPIV ports alike.
+std::vector<uint32_t> host_numbers(const Scenario& s) {
+    std::vector<uint32_t> hosts;
+    for (const Adapter& a : s.adapters)
+        for (const PciFunction& f : a.functions) {
+            hosts.push_back(f.port.host_no);
+            for (const HostPort& v : f.vports)
+                hosts.push_back(v.host_no);
+        }
+    return hosts;
+}
+
+bool has_host(const Scenario& s, uint32_t host_no) {
+    for (uint32_t h : host_numbers(s))
+        if (h == host_no)
+            return true;
+    return false;
+}
+
+std::string host_list(const Scenario& s) {
+    std::string list;
+    for (uint32_t h : host_numbers(s))
+        list += (list.empty() ? "" : ", ") + std::to_string(h);
+    return list.empty() ? "none" : list;
 }
 
 size_t count_hosts(const Scenario& s, size_t& rports) {
@@ -128,7 +164,7 @@ struct RunArgs {
     std::string root;
     bool keep = false;
     bool real_sleep = false;
-    int64_t euid = -1;
+    std::string euid;  // "" = not given
     std::vector<std::string> command;
 };
 
@@ -146,6 +182,7 @@ int run(const RunArgs& a) {
     o.preload = fs::real_path(o.preload);
     o.command = a.command;
     o.real_sleep = a.real_sleep;
+    o.user_namespace = ::geteuid() != 0;
 
     // A root given with --root is built there, or reused as it is when it
     // holds one already and no scenario is named.
@@ -157,9 +194,12 @@ int run(const RunArgs& a) {
                        error) ||
         !check_scenario(s, error))
         return complain(error);
-    if (a.euid >= 0)
-        o.euid = static_cast<uint32_t>(a.euid);
-    else if (s.options.euid)
+    if (!a.euid.empty()) {
+        uint32_t euid = 0;
+        if (!parse_u32(a.euid, euid) || euid > 0x7FFFFFFF)
+            return complain("--euid takes a user id (decimal or 0x hexadecimal)");
+        o.euid = euid;
+    } else if (s.options.euid)
         o.euid = *s.options.euid;
 
     std::string root = a.root;
@@ -221,20 +261,25 @@ int event(EventArgs a) {
         return complain(error);
     state::SpoolEvent e;
     uint32_t host = 0;
-    if (!parse_number(a.host, host))
+    if (!parse_u32(a.host, host))
         return complain("--host takes a number (decimal or 0x hexadecimal)");
+    // An event for a host the scenario lacks would wait in the spool forever.
     Scenario s;
+    if (!load_scenario(root::scenario(a.root), s, error))
+        return complain(error);
+    if (!has_host(s, host))
+        return complain("the sim root has no SCSI host " + std::to_string(host) + " (hosts: " + host_list(s) + ")");
     if (!a.type.empty()) {
         uint32_t port_id = 0;
-        if (!a.port_id.empty() && !parse_number(a.port_id, port_id))
+        if (!a.port_id.empty() && !parse_u32(a.port_id, port_id))
             return complain("--port-id takes a number (decimal or 0x hexadecimal)");
-        if (!load_scenario(root::scenario(a.root), s, error) || !state::event_of_type(s, host, a.type, port_id, e, error))
+        if (!state::event_of_type(s, host, a.type, port_id, e, error))
             return complain(error);
     } else {
         e.kind = a.kind;
         e.host_no = host;
-        if (a.code.empty() || !parse_number(a.code, e.code) || (!a.data.empty() && !parse_number(a.data, e.data)))
-            return complain("--code (or --type) is required; --code and --data take numbers");
+        if (a.code.empty() || !parse_u32(a.code, e.code) || (!a.data.empty() && !parse_u32(a.data, e.data)))
+            return complain("--code (or --type) is required; --code and --data take numbers (decimal or 0x hexadecimal)");
     }
     std::string name;
     if (!state::append_event(a.root, e, &name, error))
@@ -266,21 +311,23 @@ int fault_list(std::string root, bool json) {
 
 int journal(std::string root, const std::string& endpoint, bool json) {
     std::string error;
-    std::vector<nlohmann::json> lines;
+    std::vector<state::JournalLine> lines;
     if (!resolve_root(root, error) || !state::read_journal(root, lines, error))
         return complain(error);
     if (!json)
         std::printf("%-6s %-8s %-12s %s\n", "SEQ", "PID", "ENDPOINT", "DETAILS");
-    for (const nlohmann::json& j : lines) {
+    for (const state::JournalLine& line : lines) {
+        const nlohmann::json& j = line.record;
         std::string ep = j.is_object() ? j.value("ep", "") : "";
         if (!endpoint.empty() && ep != endpoint)
             continue;
         if (json) {
-            std::printf("%s\n", j.is_string() ? j.get<std::string>().c_str() : j.dump().c_str());
+            // The line as the emulation wrote it: its key order is the record's.
+            std::printf("%s\n", line.text.c_str());
             continue;
         }
         if (!j.is_object()) {
-            std::printf("%-6s %-8s %-12s %s\n", "?", "?", "?", j.is_string() ? j.get<std::string>().c_str() : "");
+            std::printf("%-6s %-8s %-12s %s\n", "?", "?", "?", line.text.c_str());
             continue;
         }
         std::string details;
@@ -306,7 +353,7 @@ int main(int argc, char** argv) {
     run_cmd->add_option("--scenario", ra.scenario, "Scenario file or name (default: default.json)");
     run_cmd->add_option("--root", ra.root, "Sim root to build or reuse (kept afterwards)");
     run_cmd->add_flag("--keep", ra.keep, "Keep the temporary sim root");
-    run_cmd->add_option("--euid", ra.euid, "Effective user id the programs see")->check(CLI::Range(0, 0x7FFFFFFF));
+    run_cmd->add_option("--euid", ra.euid, "Effective user id the programs see");
     run_cmd->add_flag("--real-sleep", ra.real_sleep, "Do not shorten sleeps");
     run_cmd->add_option("command", ra.command, "Command and arguments, after --")->required();
 
@@ -336,11 +383,12 @@ int main(int argc, char** argv) {
     fault_cmd->add_option("--root", fault_root, "Sim root (default: $VXSIM_ROOT)");
     fault_cmd->require_subcommand(1);
     CLI::App* fault_add = fault_cmd->add_subcommand("add", "Arm a fault");
-    fault_add->add_option("--endpoint", fault.endpoint, "optrom_ctl, optrom, nvram, vpd, ioctl, bsg, netlink, ...")
+    fault_add->add_option("--endpoint", fault.endpoint, fault_endpoint_list())
         ->required();
     fault_add->add_option("--match", fault.match, "Request selector (\"\" = any; \"abc*\" = prefix)");
     fault_add->add_option("--action", fault.action, "ebusy, enosys, eio, short, refuse, partial, status:<n>")->required();
-    fault_add->add_option("--count", fault.count, "Matching requests to fail (-1 = always)");
+    std::string fault_count;
+    fault_add->add_option("--count", fault_count, "Matching requests to fail (-1 = always)");
     CLI::App* fault_list_cmd = fault_cmd->add_subcommand("list", "List armed faults");
     fault_list_cmd->add_flag("--json", fault_json, "Print the JSON list");
     CLI::App* fault_clear = fault_cmd->add_subcommand("clear", "Remove every fault");
@@ -367,6 +415,8 @@ int main(int argc, char** argv) {
         return event(ev);
     if (fault_add->parsed()) {
         std::string error;
+        if (!fault_count.empty() && !parse_count(fault_count, fault.count))
+            return complain("--count takes -1 (always) or a number from 1 (decimal or 0x hexadecimal)");
         if (!resolve_root(fault_root, error) || !state::add_fault(fault_root, fault, error))
             return complain(error);
         return 0;

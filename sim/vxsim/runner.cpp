@@ -48,7 +48,9 @@ public:
     Setup(const RunOptions& o, int report) : o_(o), report_(report) {}
 
     [[noreturn]] void run(char** env) {
-        if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0)
+        if (o_.user_namespace)
+            enter_user_namespace();
+        else if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0)
             fail(std::string(NEEDS_ROOT) + ": unshare: " + std::strerror(errno));
         // Before anything else: with shared propagation every mount below
         // would appear on the real host.
@@ -139,6 +141,25 @@ private:
 
     static std::string fd_path(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
+    // The caller becomes root of a user namespace of its own, which owns the
+    // new mount and IPC namespaces: what `unshare -Urm` does.
+    void enter_user_namespace() {
+        const uid_t uid = ::getuid();
+        const gid_t gid = ::getgid();
+        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC) != 0)
+            fail(std::string(NEEDS_ROOT) + ": unshare of a user namespace: " + std::strerror(errno));
+        const std::pair<std::string, std::string> maps[] = {
+            {"/proc/self/setgroups", "deny"},
+            {"/proc/self/uid_map", "0 " + std::to_string(uid) + " 1"},
+            {"/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"},
+        };
+        for (const auto& [path, text] : maps) {
+            fs::Fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+            if (!fd.ok() || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+                fail(std::string(NEEDS_ROOT) + ": " + fs::errno_text("write", path));
+        }
+    }
+
     int open_path(const std::string& path, int flags) {
         int fd = ::open(path.c_str(), O_PATH | O_CLOEXEC | flags);
         if (fd < 0)
@@ -209,8 +230,13 @@ private:
 
     void scsi_nodes() {
         for (const Node& n : scsi_nodes_)
-            if (::mknod(n.path.c_str(), n.type | 0660, n.dev) != 0)
+            if (::mknod(n.path.c_str(), n.type | 0660, n.dev) != 0) {
+                if (errno == EPERM && o_.user_namespace) {
+                    report("without root no device nodes can be made: the LUNs have no /dev/sg or /dev/sd nodes");
+                    return;
+                }
                 fail("cannot set up the simulated host: " + fs::errno_text("mknod", n.path));
+            }
     }
 
     const RunOptions& o_;
@@ -223,8 +249,8 @@ private:
 }  // namespace
 
 bool can_run(std::string& reason) {
-    if (::geteuid() != 0) {
-        reason = "not running as root (euid " + std::to_string(::geteuid()) + ")";
+    if (::geteuid() != 0 && !fs::exists("/proc/self/ns/user")) {
+        reason = "not running as root (euid " + std::to_string(::geteuid()) + ") and no user namespaces";
         return false;
     }
     if (!fs::exists("/proc/self/ns/mnt") || !fs::exists("/proc/self/ns/ipc")) {

@@ -15,6 +15,9 @@ struct RunOptions {
     std::vector<std::string> command;  // argv of the command
     std::string preload;               // the driver emulation library
     bool real_sleep = false;
+    // Not root: the host also gets a user namespace in which the caller is
+    // root (no device nodes can be made there).
+    bool user_namespace = false;
     std::optional<uint32_t> euid;      // VXSIM_EUID for the command
     // When set, the root is an empty directory: the host gets a tmpfs there
     // and this scenario is built into it inside the namespace.
@@ -25,8 +28,8 @@ struct RunOptions {
 // namespaces; the test harness recognises it to skip.
 inline constexpr const char* NEEDS_ROOT = "needs root and mount namespaces";
 
-// Checks what can be checked before touching anything: root, namespace
-// support. false with the reason.
+// Checks what can be checked before touching anything: root or user
+// namespaces, mount and IPC namespaces. false with the reason.
 bool can_run(std::string& reason);
 
 // Runs the command in private mount and IPC namespaces over the sim root and

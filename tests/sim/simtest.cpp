@@ -142,13 +142,14 @@ std::vector<uint8_t> nvram_image(uint32_t host_no) { return read_bytes(root::nvr
 std::vector<uint8_t> vpd_image(uint32_t host_no) { return read_bytes(root::vpd(sim_root(), host_no)); }
 
 std::vector<nlohmann::json> journal(const std::string& endpoint) {
-    std::vector<nlohmann::json> all, out;
+    std::vector<state::JournalLine> all;
+    std::vector<nlohmann::json> out;
     std::string error;
     if (!state::read_journal(sim_root(), all, error))
         ADD_FAILURE() << error;
-    for (nlohmann::json& j : all)
-        if (endpoint.empty() || (j.is_object() && j.value("ep", "") == endpoint))
-            out.push_back(std::move(j));
+    for (state::JournalLine& l : all)
+        if (endpoint.empty() || (l.record.is_object() && l.record.value("ep", "") == endpoint))
+            out.push_back(std::move(l.record));
     return out;
 }
 

@@ -163,6 +163,51 @@ TEST_F(Trace, DebugLevelFromEnvironment) {
     api_dbg_sem_id = -1;
 }
 
+// VX_FCAPI_LOG names the log when it is set and fits the path buffer; the
+// first line fixes the path for the process. A link is never followed.
+TEST_F(Trace, LogPathFromEnvironment) {
+    const std::string custom = dir_ + "/custom.log";
+    struct Case {
+        std::string value;  // "-": unset
+        std::string path;
+    } cases[] = {
+        {"-", VXDBG_DEFAULT_LOG},
+        {"", VXDBG_DEFAULT_LOG},
+        {std::string(600, 'x'), VXDBG_DEFAULT_LOG},
+        {custom, custom},
+    };
+    for (const Case& c : cases) {
+        vxdbglog_path[0] = '\0';
+        if (c.value == "-")
+            unsetenv("VX_FCAPI_LOG");
+        else
+            setenv("VX_FCAPI_LOG", c.value.c_str(), 1);
+        vxdbg_set_log_path();
+        EXPECT_EQ(std::string(vxdbglog_path), c.path) << c.value.size();
+    }
+
+    // Named before the first line: set at the entry point, written there.
+    vxdbglog_path[0] = '\0';
+    setenv("VX_FCAPI_LOG", custom.c_str(), 1);
+    vxapi_set_debug_level();
+    EXPECT_EQ(std::string(vxdbglog_path), custom);
+    vxdbg_print("to the named log", 0, VXDBG_NONE, 1);
+    EXPECT_NE(read_file(custom).find(": to the named log\n"), std::string::npos);
+
+    // Set once: a later value does not move the log.
+    setenv("VX_FCAPI_LOG", (dir_ + "/other.log").c_str(), 1);
+    vxapi_set_debug_level();
+    EXPECT_EQ(std::string(vxdbglog_path), custom);
+    unsetenv("VX_FCAPI_LOG");
+
+    // A link planted at the path is not written through.
+    const std::string target = dir_ + "/target";
+    ASSERT_EQ(symlink(target.c_str(), (dir_ + "/link.log").c_str()), 0);
+    snprintf(vxdbglog_path, sizeof vxdbglog_path, "%s/link.log", dir_.c_str());
+    vxdbg_print("not through a link", 0, VXDBG_NONE, 1);
+    EXPECT_EQ(access(target.c_str(), F_OK), -1);
+}
+
 // Callers trace a failure before they hand its errno on: the trace keeps it,
 // also when the log cannot be opened.
 TEST_F(Trace, ErrnoSurvivesATraceLine) {

@@ -60,6 +60,8 @@ TEST(sim_model_loader, rejects_bad_documents_with_one_line_naming_the_path) {
         {doc("", R"(,"remote_ports":[{"target_kind":"sleepy"}])"),
          R"(remote_ports[0].target_kind: expected "normal", "rejects_report_luns")"},
         {doc("", R"(,"remote_ports":[{"fc4_types":[8,256]}])"), "remote_ports[0].fc4_types[1]: expected"},
+        {doc("", "", R"("faults":[{"endpoint":"flash","action":"eio"}],)"),
+         R"($.faults[0].endpoint: unknown fault endpoint "flash" (optrom_ctl, optrom, nvram,)"},
     };
     Scenario s;
     std::string err;
