@@ -656,6 +656,8 @@ int vxapi_fut_table_live(const vxapi_flash_update_token* fut, const char* id, in
 int vxapi_fut_table_expired(const vxapi_flash_update_token* fut, const char* id, int64_t now);
 int vxapi_fut_table_take(vxapi_flash_update_token* fut, const char* id, int32_t pid, int64_t now);
 int vxapi_fut_table_clear(vxapi_flash_update_token* fut, const char* id, int32_t token);
+// True when any slot holds a token that has not expired. Signal-safe.
+bool vxapi_fut_any_live(const vxapi_flash_update_token* fut, int64_t now);
 
 // The token calls: under the database lock, the mapping flushed before
 // reading and after writing. Store chosen by OS_Type.

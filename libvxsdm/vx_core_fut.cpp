@@ -124,8 +124,10 @@ bool trusted_file(int fd, const char* path) {
 int open_fut_file(const char* path, int flags) {
     const int fd = open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644);
     if (fd < 0) {
-        if (errno == ELOOP)
+        const int err = errno;
+        if (err == ELOOP)
             trusted_file(-1, path);  // a symbolic link: traced as refused
+        errno = err;
         return -1;
     }
     if (!trusted_file(fd, path)) {
@@ -209,6 +211,13 @@ int vxapi_fut_table_expired(const vxapi_flash_update_token* fut, const char* id,
         if (same_id(fut[i], id) && vxapi_fut_expiry(fut[i]) < t)
             return static_cast<int>(i);
     return -1;
+}
+
+bool vxapi_fut_any_live(const vxapi_flash_update_token* fut, int64_t t) {
+    for (uint32_t i = 0; i < VX_FLASH_TOKENS; ++i)
+        if (fut[i].token != 0 && vxapi_fut_expiry(fut[i]) > t)
+            return true;
+    return false;
 }
 
 int vxapi_fut_table_take(vxapi_flash_update_token* fut, const char* id, int32_t pid, int64_t t) {

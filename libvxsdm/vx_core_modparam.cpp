@@ -28,26 +28,6 @@ void set_stat(uint32_t* pext_stat, uint32_t v) {
         *pext_stat = v;
 }
 
-class unique_fd {
-public:
-    explicit unique_fd(int fd) : fd_(fd) {}
-    ~unique_fd() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    unique_fd(const unique_fd&) = delete;
-    unique_fd& operator=(const unique_fd&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
-
 // The run-time file of `param`, open for reading and writing; -1 (traced
 // with `fn`, status 6 or 20) when the name is refused or there is no file.
 int open_param(const char* fn, const char* param, uint32_t* pext_stat) {
@@ -90,11 +70,11 @@ bool write_all(int fd, const char* buf, size_t len) {
 bool replace_file(const char* target, const char* data, size_t len, mode_t mode) {
     char tmp[sizeof vx_modprobe_conf + 16];
     snprintf(tmp, sizeof tmp, "%s.XXXXXX", target);
-    unique_fd fd(mkostemp(tmp, O_CLOEXEC));
-    if (fd.get() < 0)
+    const int fd = mkostemp(tmp, O_CLOEXEC);
+    if (fd < 0)
         return false;
-    const bool ok = fchmod(fd.get(), mode) == 0 && write_all(fd.get(), data, len) && fsync(fd.get()) == 0;
-    if (close(fd.release()) != 0 || !ok || rename(tmp, target) != 0) {
+    const bool ok = fchmod(fd, mode) == 0 && write_all(fd, data, len) && fsync(fd) == 0;
+    if (close(fd) != 0 || !ok || rename(tmp, target) != 0) {
         unlink(tmp);
         return false;
     }
@@ -116,14 +96,15 @@ int32_t vxapi_get_driver_module_param(const char* param, uint32_t* pvalue, uint3
         set_stat(pext_stat, EXT_STATUS_INVALID_PARAM);
         return 1;
     }
-    unique_fd fd(open_param("vxapi_get_driver_module_param", param, pext_stat));
-    if (fd.get() < 0)
+    const int fd = open_param("vxapi_get_driver_module_param", param, pext_stat);
+    if (fd < 0)
         return 1;
     char text[READ_LEN + 1] = {};
     ssize_t n;
     do {
-        n = read(fd.get(), text, READ_LEN);
+        n = read(fd, text, READ_LEN);
     } while (n < 0 && errno == EINTR);
+    close(fd);
     if (n <= 0) {
         set_stat(pext_stat, EXT_STATUS_ERR);
         vxdbg_line(ERR, "vxapi_get_driver_module_param: failed to get driver run-time parameter.");
@@ -137,8 +118,8 @@ int32_t vxapi_get_driver_module_param(const char* param, uint32_t* pvalue, uint3
 
 int32_t vxapi_set_driver_module_param(const char* param, uint32_t value, uint32_t* pext_stat) {
     vxdbg_num(TRC, "vxapi_set_driver_module_param: entered. value=", value, VXDBG_DEC, 1);
-    unique_fd fd(open_param("vxapi_set_driver_module_param", param, pext_stat));
-    if (fd.get() < 0)
+    const int fd = open_param("vxapi_set_driver_module_param", param, pext_stat);
+    if (fd < 0)
         return 1;
     // Exactly four bytes from the start of the text: shorter numbers carry
     // their terminating zero and zero filler, longer ones are cut.
@@ -146,8 +127,9 @@ int32_t vxapi_set_driver_module_param(const char* param, uint32_t value, uint32_
     snprintf(text, sizeof text, "%d", static_cast<int>(value));
     ssize_t n;
     do {
-        n = write(fd.get(), text, 4);
+        n = write(fd, text, 4);
     } while (n < 0 && errno == EINTR);
+    close(fd);
     if (n <= 0) {
         set_stat(pext_stat, EXT_STATUS_ERR);
         vxdbg_line(ERR, "vxapi_set_driver_module_param: failed to set driver run-time parameter.");

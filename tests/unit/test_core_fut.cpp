@@ -318,6 +318,20 @@ TEST_F(FutCalls, AttributesReachTheDriver) {
     EXPECT_EQ(crane->phy_info->new_fw_attributes, 0x100000001ull);
 }
 
+TEST_F(FutCalls, LastClientKeepsTheFileWhileATokenLives) {
+    const int h = vxmock::registry::handle(port(CRANE, "VXC1"));
+    SD_UINT32 token = 0;
+    ASSERT_EQ(SDStartFlashUpdate(h, 0, &token), SDM_STATUS_SUCCESS);
+    const std::string db = vx_db_fname;
+    ASSERT_EQ(vxapi_close_database(api_shm_fildes), 0);
+    ASSERT_EQ(access(db.c_str(), F_OK), 0) << "the holder may have died mid-update";
+    ASSERT_EQ(vxapi_open_database(nullptr), 0);
+    EXPECT_EQ(slot_of(0).token, getpid());
+    vxapi_fut_set_expiry(slot_of(0), time(nullptr) - 1);
+    ASSERT_EQ(vxapi_close_database(api_shm_fildes), 0);
+    EXPECT_NE(access(db.c_str(), F_OK), 0) << "expired: nothing to keep";
+}
+
 // ---- The file store of the service console ----
 
 TEST_F(FutCalls, FileStore) {
@@ -369,24 +383,6 @@ TEST_F(FutCalls, FileStore) {
     expect_end_refresh();
     EXPECT_EQ(SDEndFlashUpdate(h, 0, 4242), SDM_STATUS_UNKNOWN_ERROR);
     EXPECT_EQ(access(path.c_str(), F_OK), 0) << "nor removed";
-}
-
-TEST(FutIdentity, SerialNumberElsePciLocation) {
-    vxapi_phy_info phy{};
-    vxapi_priv_database rec{};
-    rec.phy_info = &phy;
-    char id[VX_FUT_ID_LEN];
-    phy.pci_domain = 1;
-    phy.pci_bus = 0x1c;
-    phy.pci_dev_func = (3 << 3) | 2;
-    ASSERT_EQ(vxapi_fut_identity(&rec, id, sizeof id), 0);
-    EXPECT_STREQ(id, "pci:0001:1c:03") << "every function of the board alike";
-    memset(phy.serial_num, 'S', sizeof phy.serial_num);  // no terminating zero
-    ASSERT_EQ(vxapi_fut_identity(&rec, id, sizeof id), 0);
-    EXPECT_EQ(strlen(id), VX_FUT_ID_LEN - 1);
-    rec.phy_info = nullptr;
-    EXPECT_EQ(vxapi_fut_identity(&rec, id, sizeof id), 1);
-    EXPECT_EQ(vxapi_fut_identity(nullptr, id, sizeof id), 1);
 }
 
 }  // namespace
