@@ -13,6 +13,7 @@
 #include "dcbx.h"
 #include "endpoints.h"
 #include "flash_ops.h"
+#include "pci.h"
 #include "vx_adapters.h"
 
 namespace vxsim::drv {
@@ -169,7 +170,7 @@ void get_data(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
         return;
     }
     case EXT_SC_GET_ACTIVE_IMAGE:
-        if (vx_adapter_has(p.adapter->device_id, VX_MARK_ACTIVE_IMAGE))
+        if (reports_image_set(p.adapter->device_id))
             fixed(ans, static_cast<uint32_t>(p.adapter->active_image), req.response_len);
         else
             ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE;

@@ -39,6 +39,12 @@ bool append_event(const std::string& root, const SpoolEvent& e, std::string* nam
 bool list_events(const std::string& root, std::vector<std::pair<std::string, SpoolEvent>>& out,
                  std::string& error);
 
+// The host's clock offset in seconds (0 when never moved), and moving it
+// forward or back. The file is replaced whole, so that a reader never sees
+// a part of it.
+bool read_clock_offset(const std::string& root, int64_t& out, std::string& error);
+bool advance_clock(const std::string& root, int64_t seconds, int64_t* now_offset, std::string& error);
+
 // The journal's lines, parsed; a line that is not JSON is kept as a string.
 bool read_journal(const std::string& root, std::vector<nlohmann::json>& out, std::string& error);
 
