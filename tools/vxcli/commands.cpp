@@ -12,6 +12,7 @@ const std::vector<Command>& commands() {
         flash_layout_command(),
         flash_read_command(),
         flash_write_command(),
+        params_command(),
         version_command(),
     };
     return table;

@@ -14,6 +14,7 @@ Command report_command();
 Command flash_layout_command();
 Command flash_read_command();
 Command flash_write_command();
+Command params_command();
 Command version_command();
 
 }  // namespace vxcli
