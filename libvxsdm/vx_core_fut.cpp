@@ -269,67 +269,66 @@ bool table_call(const char* fn, const vxapi_priv_database* inst, char (&id)[VX_F
 
 }  // namespace
 
-int32_t vxapi_is_fut_exist(vxapi_priv_database* api_priv_data_inst) {
-    static constexpr const char* fn = "vxapi_is_fut_exist";
-    if (OS_Type == VX_OS_ESX)
-        return vxapi_is_fut_exist_esxi(api_priv_data_inst);
+namespace {
+
+// Runs `op(table, id)` on the open table under the database lock, with the
+// adapter's identity; 1 when either cannot be had.
+template <typename Op>
+int32_t on_table(const char* fn, const vxapi_priv_database* inst, Op op) {
     char id[VX_FUT_ID_LEN];
-    if (!table_call(fn, api_priv_data_inst, id))
+    if (!table_call(fn, inst, id))
         return 1;
     table_hold table(fn);
     if (!table.fut())
         return 1;
-    return traced_exit(fn, vxapi_fut_table_live(table.fut(), id, now()) >= 0 ? 0 : 1);
+    return traced_exit(fn, op(table, id));
+}
+
+}  // namespace
+
+int32_t vxapi_is_fut_exist(vxapi_priv_database* api_priv_data_inst) {
+    if (OS_Type == VX_OS_ESX)
+        return vxapi_is_fut_exist_esxi(api_priv_data_inst);
+    return on_table("vxapi_is_fut_exist", api_priv_data_inst, [](table_hold& t, const char* id) {
+        return vxapi_fut_table_live(t.fut(), id, now()) >= 0 ? 0 : 1;
+    });
 }
 
 int32_t vxapi_get_fut(vxapi_priv_database* api_priv_data_inst, int32_t* ptoken) {
-    static constexpr const char* fn = "vxapi_get_fut";
     if (OS_Type == VX_OS_ESX)
         return vxapi_get_fut_esxi(api_priv_data_inst, ptoken);
-    char id[VX_FUT_ID_LEN];
-    if (!ptoken || !table_call(fn, api_priv_data_inst, id))
+    if (!ptoken)
         return 1;
-    table_hold table(fn);
-    if (!table.fut())
-        return 1;
-    const int32_t pid = static_cast<int32_t>(getpid());
-    if (vxapi_fut_table_take(table.fut(), id, pid, now()) < 0) {
-        trace(ERR, fn, ": no free token slot.");
-        return 1;
-    }
-    table.written();
-    *ptoken = pid;
-    return traced_exit(fn, 0);
+    return on_table("vxapi_get_fut", api_priv_data_inst, [ptoken](table_hold& t, const char* id) {
+        const int32_t pid = static_cast<int32_t>(getpid());
+        if (vxapi_fut_table_take(t.fut(), id, pid, now()) < 0) {
+            trace(ERR, "vxapi_get_fut", ": no free token slot.");
+            return 1;
+        }
+        t.written();
+        *ptoken = pid;
+        return 0;
+    });
 }
 
 int32_t vxapi_is_fut_expired(vxapi_priv_database* api_priv_data_inst, int32_t token) {
-    static constexpr const char* fn = "vxapi_is_fut_expired";
-    (void)token;  // any token of the adapter counts, whoever holds it
+    // Any token of the adapter counts, whoever holds it: `token` is not compared.
     if (OS_Type == VX_OS_ESX)
         return vxapi_is_fut_expired_esxi(api_priv_data_inst, token);
-    char id[VX_FUT_ID_LEN];
-    if (!table_call(fn, api_priv_data_inst, id))
-        return 1;
-    table_hold table(fn);
-    if (!table.fut())
-        return 1;
-    return traced_exit(fn, vxapi_fut_table_expired(table.fut(), id, now()) >= 0 ? 0 : 1);
+    return on_table("vxapi_is_fut_expired", api_priv_data_inst, [](table_hold& t, const char* id) {
+        return vxapi_fut_table_expired(t.fut(), id, now()) >= 0 ? 0 : 1;
+    });
 }
 
 int32_t vxapi_clear_fut(vxapi_priv_database* api_priv_data_inst, int32_t token) {
-    static constexpr const char* fn = "vxapi_clear_fut";
     if (OS_Type == VX_OS_ESX)
         return vxapi_clear_fut_esxi(api_priv_data_inst, token);
-    char id[VX_FUT_ID_LEN];
-    if (!table_call(fn, api_priv_data_inst, id))
-        return 1;
-    table_hold table(fn);
-    if (!table.fut())
-        return 1;
-    if (vxapi_fut_table_clear(table.fut(), id, token) < 0)
-        return traced_exit(fn, 1);
-    table.written();
-    return traced_exit(fn, 0);
+    return on_table("vxapi_clear_fut", api_priv_data_inst, [token](table_hold& t, const char* id) {
+        if (vxapi_fut_table_clear(t.fut(), id, token) < 0)
+            return 1;
+        t.written();
+        return 0;
+    });
 }
 
 vxapi_fut_take_result vxapi_take_fut(vxapi_priv_database* inst, int32_t* ptoken) {

@@ -43,6 +43,16 @@ uint32_t finish(const char* name, int Device, uint32_t status) {
     return status;
 }
 
+// The entry of the token calls: the checks above, then `record` must not be
+// null. 0 when the call may go on.
+uint32_t token_entry(const char* name, int Device, const void* record, vxapi_priv_database** pinst) {
+    trace_entry(name, Device);
+    const uint32_t status = token_checks(name, Device, pinst);
+    if (status != SDM_STATUS_SUCCESS)
+        return status;
+    return record ? SDM_STATUS_SUCCESS : null_record(name, Device);
+}
+
 // The capabilities request: `set` sends `caps` to the driver, else reads.
 uint32_t caps_request(const char* name, vxapi_priv_database* inst, EXT_FLASH_UPDATE_CAPS* caps, uint8_t set) {
     uint32_t ext_stat = EXT_STATUS_OK;
@@ -72,13 +82,10 @@ EXT_FLASH_UPDATE_CAPS pending_attributes(const vxapi_phy_info* phy) {
 extern "C" VXSD_API SD_UINT32 SDStartFlashUpdate(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32* pToken) {
     static constexpr const char* name = "SDStartFlashUpdate";
     (void)HbaDevPortNum;
-    trace_entry(name, Device);
     vxapi_priv_database* inst = nullptr;
-    uint32_t status = token_checks(name, Device, &inst);
+    uint32_t status = token_entry(name, Device, pToken, &inst);
     if (status != SDM_STATUS_SUCCESS)
         return finish(name, Device, status);
-    if (!pToken)
-        return finish(name, Device, null_record(name, Device));
     int32_t token = 0;
     switch (vxapi_take_fut(inst, &token)) {
     case vxapi_fut_take_result::taken:
@@ -97,9 +104,8 @@ extern "C" VXSD_API SD_UINT32 SDStartFlashUpdate(int Device, SD_UINT16 HbaDevPor
 
 extern "C" VXSD_API SD_UINT32 SDEndFlashUpdate(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32 Token) {
     static constexpr const char* name = "SDEndFlashUpdate";
-    trace_entry(name, Device);
     vxapi_priv_database* inst = nullptr;
-    uint32_t status = token_checks(name, Device, &inst);
+    uint32_t status = token_entry(name, Device, &Token, &inst);
     if (status != SDM_STATUS_SUCCESS)
         return finish(name, Device, status);
     if (vxapi_is_fut_expired(inst, static_cast<int32_t>(Token)) == 0) {
@@ -158,13 +164,10 @@ extern "C" VXSD_API SD_UINT32 SDGetFlashUpdateTokenHolder(int Device, SD_UINT16 
                                                           SD_UINT32* pSecondsLeft) {
     static constexpr const char* name = "SDGetFlashUpdateTokenHolder";
     (void)HbaDevPortNum;
-    trace_entry(name, Device);
     vxapi_priv_database* inst = nullptr;
-    const uint32_t status = token_checks(name, Device, &inst);
+    const uint32_t status = token_entry(name, Device, pHolder && pSecondsLeft ? pHolder : nullptr, &inst);
     if (status != SDM_STATUS_SUCCESS)
         return finish(name, Device, status);
-    if (!pHolder || !pSecondsLeft)
-        return finish(name, Device, null_record(name, Device));
     int32_t holder = 0;
     int64_t left = 0;
     if (vxapi_fut_holder(inst, &holder, &left) != 0)
@@ -203,13 +206,10 @@ extern "C" VXSD_API SD_UINT32 SDSendFlashUpdateFWAttributes(int Device, SD_UINT1
                                                             const SDM_FLASH_UPDATE_CAPS* pCaps) {
     static constexpr const char* name = "SDSendFlashUpdateFWAttributes";
     (void)HbaDevPortNum;
-    trace_entry(name, Device);
     vxapi_priv_database* inst = nullptr;
-    uint32_t status = token_checks(name, Device, &inst);
+    uint32_t status = token_entry(name, Device, pCaps, &inst);
     if (status != SDM_STATUS_SUCCESS)
         return finish(name, Device, status);
-    if (!pCaps)
-        return finish(name, Device, null_record(name, Device));
     EXT_FLASH_UPDATE_CAPS caps{};
     caps.Capabilities = pCaps->Capabilities;
     caps.OutageDuration = pCaps->OutageDuration;

@@ -69,21 +69,8 @@ SIM_TEST(FlashToken, TwoProcessesRacingOneWinsEveryRound, "crane.json") {
 }
 
 SIM_TEST(FlashToken, KilledHoldersTokenExpiresAfter900Seconds, "crane.json") {
-    int pipefd[2];
-    ASSERT_EQ(pipe(pipefd), 0);
-    const pid_t holder = fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        int h = 0;
-        SD_UINT32 token = 0;
-        const char ok = open_first(&h) == 0 && SDStartFlashUpdate(h, 0, &token) == 0 ? 'y' : 'n';
-        (void)!write(pipefd[1], &ok, 1);
-        pause();
-        _exit(0);
-    }
-    char ok = 0;
-    ASSERT_EQ(read(pipefd[0], &ok, 1), 1);
-    ASSERT_EQ(ok, 'y');
+    const pid_t holder = st::start_token_holder(0);
+    ASSERT_GT(holder, 0);
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
 
@@ -110,8 +97,6 @@ SIM_TEST(FlashToken, KilledHoldersTokenExpiresAfter900Seconds, "crane.json") {
     EXPECT_EQ(try_take(5), 1) << "still the dead holder's, 5 seconds before its end";
     ASSERT_EQ(st::run_vxsim({"clock", "advance", "6"}).status, 0);
     EXPECT_EQ(try_take(0), 0) << "expired: the adapter's slot is taken again";
-    close(pipefd[0]);
-    close(pipefd[1]);
 }
 
 // One online update through the exported calls: token, firmware region,

@@ -496,23 +496,8 @@ SIM_TEST(Vxcli, OnlineFlashUpdateNamesTheTokensHolder, "crane.json") {
         GTEST_SKIP() << "vxcli not built";
     write_file("/tmp/fw.bin", Bytes(0x1000, 0x21));
     const Bytes before = st::flash_image("crane0");
-    int pipefd[2];
-    ASSERT_EQ(pipe(pipefd), 0);
-    const pid_t holder = fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        int h = 0;
-        SD_UINT32 token = 0;
-        const char ok = SDGetNumberOfAdapters() == 2 && SDOpenDevice(1, &h) == 0 && SDStartFlashUpdate(h, 0, &token) == 0
-                            ? 'y'
-                            : 'n';
-        (void)!write(pipefd[1], &ok, 1);
-        pause();
-        _exit(0);
-    }
-    char ok = 0;
-    ASSERT_EQ(read(pipefd[0], &ok, 1), 1);
-    ASSERT_EQ(ok, 'y');
+    const pid_t holder = st::start_token_holder(1);
+    ASSERT_GT(holder, 0);
     expect_failure({"flash", "write", "0", "--region", "0x01", "--online", "--yes", "/tmp/fw.bin"}, 4,
                    "port 0: another flash update is running: process " + std::to_string(holder) + " holds it for ");
     const Run r = vxcli({"flash", "write", "0", "--region", "0x01", "--online", "--yes", "/tmp/fw.bin"});
@@ -523,8 +508,6 @@ SIM_TEST(Vxcli, OnlineFlashUpdateNamesTheTokensHolder, "crane.json") {
     EXPECT_EQ(st::flash_image("crane0"), before) << "nothing written";
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
-    close(pipefd[0]);
-    close(pipefd[1]);
     // A killed holder's token lives on until it expires.
     expect_failure({"flash", "write", "0", "--region", "0x01", "--online", "--yes", "/tmp/fw.bin"}, 4,
                    "port 0: another flash update is running: process " + std::to_string(holder));
