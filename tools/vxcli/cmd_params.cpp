@@ -103,7 +103,7 @@ void set(Context& ctx, const std::string& name, const std::string& text) {
     ctx.doc()["value"] = now;
     ctx.doc()["persisted"] = args.persist;
     ctx.print(fmt::format("{} {} (was {}){}\n", name, now, old,
-                          args.persist ? fmt::format("; recorded in {} (the old file kept as {}.bak)", CONF_FILE, CONF_FILE)
+                          args.persist ? fmt::format("; recorded in {} (a previous file is kept as {}.bak)", CONF_FILE, CONF_FILE)
                                        : std::string()));
 }
 
