@@ -24,5 +24,10 @@ install: build
 	@cmake --install $(BUILD)
 	@ldconfig
 
+# Removes what `make install` put in place, and our line of /etc/hba.conf.
+.PHONY: uninstall
+uninstall:
+	@scripts/uninstall $(BUILD)
+
 clean:
 	rm -rf build build-asan build-tsan build-fuzz

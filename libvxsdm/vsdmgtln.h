@@ -269,6 +269,41 @@ VXSD_STATIC_ASSERT(sizeof(DEVICEINFO) == 300, "DEVICEINFO with one entry");
 /* TypeMode bits of SDGetPortDatabase that reach the driver. */
 #define SDM_PORTDB_TYPE_MASK 0x101Fu
 
+/* AddressType of DESTINATIONADDRESS and FABRICADDRESS. */
+#define SDM_ADDRESS_WWNN 1u
+#define SDM_ADDRESS_WWPN 2u
+#define SDM_ADDRESS_PORTID 3u
+
+/* A LUN behind a remote port named by one of its FC addresses. A port id
+ * is AddressUsing[1..3], most significant byte first. */
+typedef struct {
+    SD_UINT16 AddressType;
+    union {
+        SD_UINT8 WWNN[8];
+        SD_UINT8 WWPN[8];
+        SD_UINT8 PortID[4];
+    } AddressUsing;
+    SD_UINT16 LunNumber;
+} DESTINATIONADDRESS;
+VXSD_STATIC_ASSERT(sizeof(DESTINATIONADDRESS) == 12, "DESTINATIONADDRESS size");
+VXSD_STATIC_ASSERT(offsetof(DESTINATIONADDRESS, AddressUsing) == 2, "DESTINATIONADDRESS.AddressUsing");
+VXSD_STATIC_ASSERT(offsetof(DESTINATIONADDRESS, LunNumber) == 10, "DESTINATIONADDRESS.LunNumber");
+
+/* A fabric port named by one of its FC addresses. */
+typedef struct {
+    SD_UINT16 AddressType;
+    union {
+        SD_UINT8 WWNN[8];
+        SD_UINT8 WWPN[8];
+        SD_UINT8 PortID[4];
+    } AddressUsing;
+    SD_UINT16 Reserved;
+} FABRICADDRESS;
+VXSD_STATIC_ASSERT(sizeof(FABRICADDRESS) == 12, "FABRICADDRESS size");
+
+/* Largest CDB and sense data a SCSI pass-through carries. */
+#define SDM_MAX_CDB_LEN 16u
+#define SDM_MAX_SENSE_LEN 256u
 /* Flash-update capabilities: the running firmware's attributes (from
  * SDGetFlashUpdateCapabilities), or those of the firmware just written
  * (handed to SDSendFlashUpdateFWAttributes). */
@@ -332,6 +367,75 @@ VXSD_API SD_UINT32 SDUpdateOptionRomEx2(int Device, SD_UINT32 DisableReset, SD_U
 VXSD_API SD_UINT32 SDUpdateOptionRomOffset(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer,
                                            SD_UINT32 BufferSize, SD_UINT32 Offset);
 
+/* NVRAM: the port's whole settings image, 256 bytes on the older families
+ * and 512 (nvram_swift, vsdnvram.h) on the Swift family and every family
+ * with a flash layout table. A larger BufferSize moves the image and no
+ * more; a read into a smaller buffer fills it with the image's start. An
+ * update must carry the whole image (SDM_STATUS_INVALID_PARAMETER
+ * otherwise); on the families with a flash layout table the library stores
+ * the image's checksum into pBuffer before writing, and the ports reload
+ * their settings unless DisableReset is nonzero. Mode is reserved: it is
+ * traced and ignored. Virtual ports read their physical port's image and
+ * cannot update it (SDM_STATUS_NOT_SUPPORTED). */
+VXSD_API SD_UINT32 SDGetNVRam(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32 Mode, SD_UINT8* pBuffer,
+                              SD_UINT32 BufferSize);
+VXSD_API SD_UINT32 SDUpdateNVRam(int Device, SD_UINT32 DisableReset, SD_UINT32 Mode, SD_UINT8* pBuffer,
+                                 SD_UINT32 BufferSize);
+
+/* VPD: 512 bytes, 1024 on the Wren, Tern and Ibis families. SDGetVpd needs
+ * a buffer of that size (SDM_STATUS_BUFFER_TOO_SMALL with the size stored in
+ * *pBufferSize otherwise) and stores the size read in *pBufferSize; a failed
+ * read leaves the buffer as it was. SDUpdateVpd writes *pBufferSize bytes
+ * (at most the VPD size); the families with a flash layout table and
+ * virtual ports are refused (SDM_STATUS_NOT_SUPPORTED). SDSwiftSaveVpd
+ * writes the VPD of the port and of the other port of its pair (PCI
+ * functions 0 and 1, 2 and 3), the flash regions 0x14 and 0x16 on the
+ * families with a flash layout table; 0x20000100 when the other port cannot
+ * be opened. */
+VXSD_API SD_UINT32 SDGetVpd(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32* pBufferSize);
+VXSD_API SD_UINT32 SDUpdateVpd(int Device, SD_UINT16 HbaDevPortNum, SD_UINT8* pBuffer, SD_UINT32* pBufferSize);
+VXSD_API SD_UINT32 SDSwiftSaveVpd(int Device, SD_UINT8* pvpd, SD_UINT32 buf_size);
+
+/* SCSI pass-through to LUN pTargetInfo->LUN of target pTargetInfo->TargetID
+ * (BusNumber is not used). At most one data buffer: pReqBuf for data to the
+ * device, pRespBuf for data from it; both null sends no data. pSenseBuf
+ * (SenseBufSize bytes, cleared) receives the sense of a check condition.
+ * A SCSI status other than GOOD comes back as SDM_STATUS_SCSI_... */
+VXSD_API SD_UINT32 SDSendScsiPassThru(int Device, TARGETINFORMATION* pTargetInfo, SD_UINT8* pCdbBuf,
+                                      SD_UINT32 ValidCdbLen, void* pReqBuf, SD_UINT32 ReqBufSize, void* pRespBuf,
+                                      SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+/* The same by the remote port's name (AddressType SDM_ADDRESS_WWPN only);
+ * a check condition returns SDM_STATUS_SCSI_CHECK_CONDITION with the sense. */
+VXSD_API SD_UINT32 SDSendScsiPassThruFC(int Device, DESTINATIONADDRESS* pDestAddr, SD_UINT8* pCdbBuf,
+                                        SD_UINT32 ValidCdbLen, void* pReqBuf, SD_UINT32 ReqBufSize, void* pRespBuf,
+                                        SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+
+/* INQUIRY (standard data, at most 255 bytes), READ CAPACITY(10) and REPORT
+ * LUNS. A target that refuses REPORT LUNS gets its LUNs 0-255 probed with
+ * READ CAPACITY instead: the list is built in the response buffer (as far
+ * as it fits) and the call returns SDM_STATUS_NOT_FROM_DEVICE, leaving the
+ * caller's LUN field at 255. */
+VXSD_API SD_UINT32 SDSendScsiInquiryCmd(int Device, TARGETINFORMATION* pTargetInfo, void* pRespBuf,
+                                        SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReadCapacityCmd(int Device, TARGETINFORMATION* pTargetInfo, void* pRespBuf,
+                                             SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReportLunsCmd(int Device, TARGETINFORMATION* pTargetInfo, void* pRespBuf,
+                                           SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiInquiryCmdFC(int Device, DESTINATIONADDRESS* pDestAddr, void* pRespBuf,
+                                          SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReadCapacityCmdFC(int Device, DESTINATIONADDRESS* pDestAddr, void* pRespBuf,
+                                               SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+VXSD_API SD_UINT32 SDSendScsiReportLunsCmdFC(int Device, DESTINATIONADDRESS* pDestAddr, void* pRespBuf,
+                                             SD_UINT32 RespBufSize, SD_UINT8* pSenseBuf, SD_UINT32 SenseBufSize);
+
+/* A CT request (a CT_IU, its 16-byte header first) to the fabric's
+ * services; the reply (accept or reject) fills pRespBuffer, cut at its size
+ * (SDM_STATUS_DATA_OVERRUN). Only a port logged in to a fabric may send. */
+VXSD_API SD_UINT32 SDSendCTPassThru(int Device, void* pReqBuffer, SD_UINT32 ReqBufferSize, void* pRespBuffer,
+                                    SD_UINT32 RespBufferSize);
+/* Not supported: always SDM_STATUS_NOT_SUPPORTED. */
+VXSD_API SD_UINT32 SDSendElsRnid(int Device, FABRICADDRESS* pFabricAddr, SD_UINT16 NIDFormat, void* pRespBuffer,
+                                 SD_UINT32 RespBufferSize);
 /* Online flash update (the Crane family; physical ports only). Take the
  * adapter's token, write regions with SDUpdateOptionRomEx2, end the update
  * with the same token, then optionally start the new firmware without a

@@ -46,6 +46,24 @@ struct vxapi_channel_ops {
     int32_t (*query_adapter_versions)(int handle, vxapi_priv_database* inst, EXT_ADAPTER_VERSIONS* ver,
                                       uint32_t* pext_stat);
     int32_t (*get_active_image_set)(int handle, vxapi_priv_database* inst, uint32_t* image, uint32_t* pext_stat);
+    // The port's NVRAM image and VPD as the driver keeps them, `size` bytes.
+    int32_t (*get_nvram)(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+    int32_t (*set_nvram)(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                         uint32_t* pext_stat);
+    int32_t (*set_vpd)(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                       uint32_t* pext_stat);
+    // Pass-through: the newer and older ioctl tables differ here only in
+    // the name their traces carry (vxapi_send_scsipt_n / _o).
+    int32_t (*send_scsipt)(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
+                           uint32_t cdb_len, void* req, uint32_t req_size, void* resp, uint32_t* resp_size,
+                           uint8_t* sense, uint32_t* sense_size, uint32_t* pext_stat, uint8_t* scsi_status);
+    int32_t (*send_fc_scsipt)(int handle, vxapi_priv_database* inst, EXT_FC_SCSI_PASSTHRU* pt, void* req,
+                              uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                              uint32_t* pext_dstat);
+    int32_t (*send_ct_passthru)(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                void* resp, uint32_t resp_size, uint32_t* pext_stat);
+    int32_t (*send_els_passthru)(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                 void* resp, uint32_t resp_size, uint32_t* pext_stat);
 };
 
 extern const vxapi_channel_ops vxapi_ioctl_channel;    // newer record generation
@@ -93,6 +111,50 @@ int32_t vxapi_ioctl_query_adapter_versions(int handle, vxapi_priv_database* inst
                                            uint32_t* pext_stat);
 int32_t vxapi_ioctl_get_active_image_set(int handle, vxapi_priv_database* inst, uint32_t* image,
                                          uint32_t* pext_stat);
+int32_t vxapi_ioctl_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat);
+int32_t vxapi_ioctl_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat);
+int32_t vxapi_ioctl_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                            uint32_t* pext_stat);
+int32_t vxapi_send_scsipt_n(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
+                            uint32_t cdb_len, void* req, uint32_t req_size, void* resp, uint32_t* resp_size,
+                            uint8_t* sense, uint32_t* sense_size, uint32_t* pext_stat, uint8_t* scsi_status);
+int32_t vxapi_send_scsipt_o(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
+                            uint32_t cdb_len, void* req, uint32_t req_size, void* resp, uint32_t* resp_size,
+                            uint8_t* sense, uint32_t* sense_size, uint32_t* pext_stat, uint8_t* scsi_status);
+int32_t vxapi_ioctl_send_fc_scsipt(int handle, vxapi_priv_database* inst, EXT_FC_SCSI_PASSTHRU* pt, void* req,
+                                   uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                                   uint32_t* pext_dstat);
+int32_t vxapi_ioctl_send_ct_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                     void* resp, uint32_t resp_size, uint32_t* pext_stat);
+int32_t vxapi_ioctl_send_els_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                      void* resp, uint32_t resp_size, uint32_t* pext_stat);
+
+// One SCSI pass-through record on its way to a target: the executor fills
+// in Direction, moves the data and hands back the driver's status and
+// detail, and writes SenseLength and SenseData into the record as the
+// driver does. vxapi_send_scsipt_ioctl is the ioctl channel's executor,
+// vxsysfs_scsipt_sg the sysfs channel's.
+using vxapi_scsipt_exec = int32_t (*)(int handle, vxapi_priv_database* inst, EXT_SCSI_PASSTHRU* pt, void* req,
+                                      uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                                      uint32_t* pext_dstat);
+int32_t vxapi_send_scsipt_ioctl(int handle, vxapi_priv_database* inst, EXT_SCSI_PASSTHRU* pt, void* req,
+                                uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                                uint32_t* pext_dstat);
+// The steps around the executor that every channel shares: the CDB length
+// check, the caller's sense cleared, the record built, the driver status
+// judged, and on a check condition the sense copied back. `name` is the
+// leaf's for its traces.
+int32_t vxapi_scsipt_run(const char* name, vxapi_scsipt_exec exec, int handle, vxapi_priv_database* inst,
+                         const EXT_SCSI_ADDR* addr, const uint8_t* cdb, uint32_t cdb_len, void* req,
+                         uint32_t req_size, void* resp, uint32_t* resp_size, uint8_t* sense, uint32_t* sense_size,
+                         uint32_t* pext_stat, uint8_t* scsi_status);
+// Which way the data of a pass-through goes: neither buffer given, no data;
+// the response buffer alone, data in; the request buffer alone, data out.
+// False when both are given (a pass-through never moves data both ways).
+bool vxapi_scsipt_data(void* req, uint32_t req_size, void* resp, uint32_t resp_size, uint8_t* direction,
+                       void** data, uint32_t* len);
 
 // The checks every leaf makes before it dispatches: a port with a channel
 // and the pointers the call needs. On failure the extended status is 9 and

@@ -239,6 +239,9 @@ int vxapi_get_api_inst_by_handle(uint32_t handle, int* index);
 vxapi_priv_database* vxapi_get_api_priv_inst_from_user_instance(uint32_t instance);
 int vxapi_get_instance_from_api_priv_inst(const vxapi_priv_database* record, uint32_t* instance);
 vxapi_priv_database* vxapi_get_api_priv_inst_from_adaptername(const char* name);
+// The adapter name of a port record at list position `position`:
+// "varnex-<model>-<position>", at most `len` bytes.
+void vxapi_adapter_name(const vxapi_priv_database* record, uint32_t position, char* out, size_t len);
 int vxapi_get_host_no_by_handle(uint32_t handle, uint32_t* host_no);
 uint32_t vxapi_get_open_adapter_count();
 int vxapi_is_host_no_present(uint32_t host_no);
@@ -265,6 +268,40 @@ void vxapi_free_api_phy_info_mem();
 // ---- Open and close ----
 int vxapi_open_adapter(vxapi_priv_database* record, uint32_t* handle, uint32_t* status);
 int vxapi_close_adapter(vxapi_priv_database* record, uint32_t* status);
+
+// Another physical port of `inst`'s board (same PCI domain, bus and device)
+// by PCI function number; null when the board has none there.
+vxapi_priv_database* vxapi_get_board_port(const vxapi_priv_database* inst, uint32_t function);
+
+// A port used for one request on the caller's behalf (a board's other
+// port): its ioctl node is opened when nobody has it open, and closed again
+// at the end of the scope. Sysfs ports need no node.
+class vxapi_port_use {
+public:
+    explicit vxapi_port_use(vxapi_priv_database* rec) : rec_(rec) {
+        if (rec_ && !(rec_->features & VX_FEAT_SYSFS) && rec_->open_cnt == 0) {
+            uint32_t handle = 0, status = 0;
+            opened_ = vxapi_open_adapter(rec_, &handle, &status) == 0;
+            ok_ = opened_;
+        } else {
+            ok_ = rec_ != nullptr;
+        }
+    }
+    ~vxapi_port_use() {
+        if (opened_) {
+            uint32_t status = 0;
+            vxapi_close_adapter(rec_, &status);
+        }
+    }
+    vxapi_port_use(const vxapi_port_use&) = delete;
+    vxapi_port_use& operator=(const vxapi_port_use&) = delete;
+    bool ok() const { return ok_; }
+
+private:
+    vxapi_priv_database* rec_;
+    bool opened_ = false;
+    bool ok_ = false;
+};
 
 // ---- System V semaphores (each a set of one semaphore used as a lock) ----
 // Opens the set of `key` or creates it unlocked. A set that root (or this
@@ -335,6 +372,9 @@ extern volatile uint8_t api_signal_handler_in_process;
 // True once a load has published its ports and shared database; callers test
 // it before they read the lists without a lock.
 bool vxapi_lib_loaded();
+// Loaded, with its port list, and with the shared database set up when it
+// is in use: the state in which the counting and naming calls answer.
+bool vxapi_lib_valid();
 // The termination signal that waits for this process's locks to be given
 // back, 0 when none.
 int vxapi_termination_pending();
@@ -470,6 +510,11 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
                          uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer = nullptr,
                          uint32_t reserved1 = 0);
+// The same for a request record that the driver writes back into (the
+// pass-through records, whose sense comes back in them); instance 0.
+int vxapi_send_ext_ioctl_inout(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
+                               void* req, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t* pext_stat,
+                               uint32_t* pext_dstat);
 
 // ---- Discovery call-outs: flash layout, image versions, VPD fields ----
 // (vx_core_flash, vx_core_vpd). `handle` is 0 when called during discovery.
@@ -518,6 +563,8 @@ int PrintVpd(const uint8_t* vpd, char* resultText, const vxapi_priv_database* ap
 // The port's VPD (`buf_sz` bytes): EXT_CC_GET_VPD on ioctl ports, the "vpd"
 // attribute on sysfs ports. The leaf convention.
 int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+// Writes `buf_sz` bytes of VPD: EXT_CC_SET_VPD, or the "vpd" attribute.
+int vxapi_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
 // The VPD "SN" field (at most 32 characters) into the adapter record's
 // serial_num, on the families that keep it there. 0 when found.
 int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst);
@@ -529,6 +576,12 @@ inline constexpr uint32_t VX_NVRAM_SWIFT_SIZE = 512;  // Swift and FLT families:
 // True for the families that keep the 512-byte layout.
 bool vxapi_nvram_is_swift(uint16_t device_id);
 uint32_t vxapi_nvram_size(uint16_t device_id);
+// The flash region that holds the NVRAM of the port at PCI function
+// `pci_function` on the FLT families; 0 on the others (the driver keeps it).
+uint32_t vxapi_nvram_region(uint16_t device_id, uint32_t pci_function);
+// The flash regions of the first and second port's VPD on the FLT families.
+inline constexpr uint32_t VX_REGION_VPD_PORT0 = 0x14;
+inline constexpr uint32_t VX_REGION_VPD_PORT1 = 0x16;
 // The checksum of an image of `size` bytes. 512-byte layout (`swift`): the
 // image as little-endian 32-bit words sums to 0, the last word being the
 // checksum. 256-byte layout: the bytes sum to 0 modulo 256, the last byte
@@ -536,6 +589,13 @@ uint32_t vxapi_nvram_size(uint16_t device_id);
 // is null or too small for one checksum unit.
 int vxapi_nvram_set_checksum(uint8_t* nvram, uint32_t size, bool swift);
 int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift);
+// The port's NVRAM image as the driver keeps it (`nvr_buf_size` bytes at
+// most): EXT_CC_GET_NVRAM / EXT_CC_SET_NVRAM on ioctl ports, the "nvram"
+// attribute on sysfs ports. The leaf convention.
+int vxapi_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat);
+int vxapi_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat);
 
 // ---- Leaf operations of the management interface (vx_core_query) ----
 // Each takes the port's OS handle (its oshandle) and record, and hands the
@@ -568,6 +628,32 @@ int32_t vxapi_get_lun_data_list(int handle, vxapi_priv_database* inst, FO_LUN_DA
                                 uint32_t* pext_stat);
 int32_t vxapi_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn, uint32_t wwpn_len,
                                EXT_SCSI_ADDR* addr, uint32_t* pext_stat);
+// ---- Pass-through leaves (vx_core_passthru) ----
+// A SCSI command to bus/target/LUN `addr`: `cdb_len` 1-16; at most one of
+// `req` (data out) and `resp` (data in, *resp_size bytes); `sense` (room
+// *sense_size bytes, cleared first) receives the sense of a check
+// condition and *sense_size its length. *scsi_status is the target's
+// status byte. Result 1 also for a driver status other than 0, 7, 8, 15.
+int32_t vxapi_send_scsipt(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
+                          uint32_t cdb_len, void* req, uint32_t req_size, void* resp, uint32_t* resp_size,
+                          uint8_t* sense, uint32_t* sense_size, uint32_t* pext_stat, uint8_t* scsi_status);
+// The same by FC address, the record built by the caller; sense comes back
+// in the record. The driver's status and detail status.
+int32_t vxapi_send_fc_scsipt(int handle, vxapi_priv_database* inst, EXT_FC_SCSI_PASSTHRU* pt, void* req,
+                             uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                             uint32_t* pext_dstat);
+// A CT request (CT_IU) to the fabric's services; refused (status 1, result
+// 1) unless the port is up on a fabric (topology 4 or 8).
+int32_t vxapi_send_ct_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                               void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// An ELS request: the 32-byte EXT_ELS_PT_REQ naming the port, then the ELS
+// payload; `resp` receives the LS_ACC or LS_RJT.
+int32_t vxapi_send_els_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// Port topologies on which the fabric's services answer.
+inline constexpr uint16_t VX_TOPOLOGY_FL_PORT = 4;
+inline constexpr uint16_t VX_TOPOLOGY_F_PORT = 8;
+
 // LUN number from the first two bytes of an 8-byte SCSI LUN; 0xFFFFFFFF for
 // the extended addressing method.
 uint32_t vxapi_get_lun_addr(const uint8_t* lun);
@@ -702,6 +788,10 @@ size_t vxapi_module_param_conf_line(char* line, const char* param, uint32_t valu
 // ---- Flash steps of the property calls (vx_core_flash) ----
 // Refreshes the boot-image versions of a node record from the adapter's flash.
 int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);
+// The node record's boot-image versions, refreshed from flash on the boards
+// whose ioctl driver does not keep them current (a virtual port reads its
+// physical port's flash). Nothing on the sysfs channel or other boards.
+void vxapi_refresh_node_boot_versions(vxapi_priv_database* inst, EXT_HBA_NODE* node);
 // The MPI and PEP firmware versions kept in flash (3 bytes each).
 int vxapi_get_flash_mpi_pep_versions(uint32_t handle, vxapi_priv_database* inst, uint8_t* mpi_ver, uint8_t* pep_ver);
 // DCBX parameters of a converged port into `size` bytes of `buf`

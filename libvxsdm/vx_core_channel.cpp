@@ -4,7 +4,8 @@
 #include "vx_sysfs.h"
 
 // Both ioctl generations share their functions: the send path frames the
-// record generation the port's features name.
+// record generation the port's features name. The SCSI pass-through alone
+// has one function per generation.
 #define VX_IOCTL_SLOTS                                                                                         \
     vxapi_ioctl_query_hbanode, vxapi_ioctl_query_hbaport, vxapi_ioctl_query_chip, vxapi_ioctl_query_driver,     \
         vxapi_ioctl_query_fw, vxapi_ioctl_query_cnaport, vxapi_ioctl_query_discport, vxapi_ioctl_query_disctgt, \
@@ -12,11 +13,15 @@
         vxapi_ioctl_get_driver_specifics, vxapi_ioctl_get_vpd, vxapi_ioctl_get_dcbx_param,                    \
         vxapi_ioctl_read_optrom, vxapi_ioctl_update_optrom, vxapi_ioctl_activate_region,                      \
         vxapi_ioctl_get_flash_sector_size, vxapi_ioctl_flash_update_caps, vxapi_ioctl_query_adapter_versions, \
-        vxapi_ioctl_get_active_image_set
+        vxapi_ioctl_get_active_image_set, vxapi_ioctl_get_nvram, vxapi_ioctl_set_nvram, vxapi_ioctl_set_vpd
+#define VX_IOCTL_PT_SLOTS \
+    vxapi_ioctl_send_fc_scsipt, vxapi_ioctl_send_ct_passthru, vxapi_ioctl_send_els_passthru
 
-const vxapi_channel_ops vxapi_ioctl_channel = {"ioctl", VX_IOCTL_SLOTS};
-const vxapi_channel_ops vxapi_ioctl_o_channel = {"ioctl (older)", VX_IOCTL_SLOTS};
+const vxapi_channel_ops vxapi_ioctl_channel = {"ioctl", VX_IOCTL_SLOTS, vxapi_send_scsipt_n, VX_IOCTL_PT_SLOTS};
+const vxapi_channel_ops vxapi_ioctl_o_channel = {"ioctl (older)", VX_IOCTL_SLOTS, vxapi_send_scsipt_o,
+                                                 VX_IOCTL_PT_SLOTS};
 #undef VX_IOCTL_SLOTS
+#undef VX_IOCTL_PT_SLOTS
 
 const vxapi_channel_ops vxapi_sysfs_channel = {
     "sysfs",
@@ -41,6 +46,13 @@ const vxapi_channel_ops vxapi_sysfs_channel = {
     vxsysfs_flash_update_capabilities,
     vxsysfs_query_adapter_versions,
     vxsysfs_get_active_image_set,
+    vxsysfs_get_nvram,
+    vxsysfs_set_nvram,
+    vxsysfs_set_vpd,
+    vxsysfs_send_scsipt,
+    vxsysfs_send_fc_scsipt,
+    vxsysfs_send_ct_passthru,
+    vxsysfs_send_els_passthru,
 };
 
 void vxapi_set_channel(vxapi_priv_database* inst) {

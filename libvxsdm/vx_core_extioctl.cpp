@@ -107,12 +107,11 @@ private:
 
 bool fits_32bit(const void* p, uint32_t len) { return !p || vxapi_ptr_to_64bit(p) + len <= UINT32_MAX; }
 
-}  // namespace
-
-int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
-                         uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
-                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer,
-                         uint32_t reserved1) {
+// `req_back` is the request again when the driver writes into it too (the
+// pass-through records carry sense back): a staged copy is copied back.
+int send_ext(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode, uint16_t instance,
+             const void* req, void* req_back, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t* pext_stat,
+             uint32_t* pext_dstat, vxapi_ext_answer* answer, uint32_t reserved1) {
     if (!record)
         return 1;
     const uint32_t number = ext_ioctl_number(command);
@@ -156,6 +155,8 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
     const int saved = errno;
     if (sent_resp != resp)
         memcpy(resp, sent_resp, resp_len);
+    if (req_back && sent_req != req)
+        memcpy(req_back, sent_req, req_len);
     if (pext_stat)
         *pext_stat = ext.Status;
     if (pext_dstat)
@@ -164,4 +165,21 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
         *answer = {ext.Instance, ext.HbaSelect};
     errno = saved;
     return rc;
+}
+
+}  // namespace
+
+int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
+                         uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
+                         uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer,
+                         uint32_t reserved1) {
+    return send_ext(handle, record, command, subcode, instance, req, nullptr, req_len, resp, resp_len, pext_stat,
+                    pext_dstat, answer, reserved1);
+}
+
+int vxapi_send_ext_ioctl_inout(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,
+                               void* req, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t* pext_stat,
+                               uint32_t* pext_dstat) {
+    return send_ext(handle, record, command, subcode, 0, req, req, req_len, resp, resp_len, pext_stat, pext_dstat,
+                    nullptr, 0);
 }

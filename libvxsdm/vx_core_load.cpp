@@ -171,6 +171,8 @@ void terminate_process(int sig, bool in_handler) {
 
 bool vxapi_lib_loaded() { return lib_loaded.load(std::memory_order_acquire); }
 
+bool vxapi_lib_valid() { return vxapi_lib_loaded() && api_priv_database && (!api_use_database || database_ready()); }
+
 int vxapi_termination_pending() { return pending_signal.load(); }
 
 void vxapi_finish_pending_termination() {
@@ -353,6 +355,7 @@ int vxapi_unload_lib() {
     vxapi_free_api_phy_info_mem();
     if (locked)
         vxapi_sem_unlock_delete(api_thread_sem_id);
+    vxsysfs_walk_reset();  // a reload may number its hosts anew
     vxdbg_num(LOAD_TRACE, "vxapi_unload_lib: exiting. ret=", static_cast<uint64_t>(result), VXDBG_DEC, 1);
     return result;
 }

@@ -1,6 +1,10 @@
-// NVRAM images: which layout a family keeps, and the checksums of both
-// layouts (the firmware refuses an image whose sum is not 0).
+// NVRAM images: which layout a family keeps, the checksums of both layouts
+// (the firmware refuses an image whose sum is not 0), and the leaves that
+// read and write a port's image.
+#include <iterator>
+
 #include "vx_adapters.h"
+#include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
 
@@ -39,6 +43,21 @@ uint32_t vxapi_nvram_size(uint16_t device_id) {
     return vxapi_nvram_is_swift(device_id) ? VX_NVRAM_SWIFT_SIZE : VX_NVRAM_SIZE;
 }
 
+uint32_t vxapi_nvram_region(uint16_t device_id, uint32_t pci_function) {
+    if (!vx_adapter_has(device_id, VX_MARK_FLT))
+        return 0;
+    const bool odd = pci_function % 2 != 0;
+    switch (vx_adapter_family(device_id)) {
+    case vx_family::Tern:
+    case vx_family::Ibis: return odd ? 0xAC : 0xAA;
+    case vx_family::Crane: {
+        static constexpr uint32_t crane[] = {0x15, 0x17, 0xD5, 0xD7};
+        return pci_function < std::size(crane) ? crane[pci_function] : 0x15;
+    }
+    default: return odd ? 0x17 : 0x15;
+    }
+}
+
 int vxapi_nvram_set_checksum(uint8_t* nvram, uint32_t size, bool swift) {
     uint32_t sum = 0, at = 0;
     if (!sum_before_checksum(nvram, size, swift, &sum, &at)) {
@@ -68,4 +87,34 @@ int vxapi_nvram_verify_checksum(const uint8_t* nvram, uint32_t size, bool swift)
         return 1;
     }
     return 0;
+}
+
+int32_t vxapi_ioctl_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat) {
+    return vxapi_send_ext_ioctl(handle, inst, EXT_CC_GET_NVRAM, 0, 0, nullptr, 0, buf, buf_sz, pext_stat, nullptr);
+}
+
+int32_t vxapi_ioctl_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                              uint32_t* pext_stat) {
+    return vxapi_send_ext_ioctl(handle, inst, EXT_CC_SET_NVRAM, 0, 0, buf, buf_sz, nullptr, 0, pext_stat, nullptr);
+}
+
+int vxapi_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_get_nvram", inst, pnvr_buf && nvr_buf_size, pext_stat))
+        return 1;
+    vxdbg_num(TRC, "vxapi_get_nvram: entered. size=", nvr_buf_size, VXDBG_DEC, 1);
+    const int rc = inst->channel->get_nvram(handle, inst, pnvr_buf, nvr_buf_size, pext_stat);
+    vxdbg_num(rc ? ERR : TRC, "vxapi_get_nvram: exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 1);
+    return rc;
+}
+
+int vxapi_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* pnvr_buf, uint32_t nvr_buf_size,
+                    uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_set_nvram", inst, pnvr_buf && nvr_buf_size, pext_stat))
+        return 1;
+    vxdbg_num(TRC, "vxapi_set_nvram: entered. size=", nvr_buf_size, VXDBG_DEC, 1);
+    const int rc = inst->channel->set_nvram(handle, inst, pnvr_buf, nvr_buf_size, pext_stat);
+    vxdbg_num(rc ? ERR : TRC, "vxapi_set_nvram: exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 1);
+    return rc;
 }

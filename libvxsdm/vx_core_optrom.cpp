@@ -255,10 +255,9 @@ int vxapi_flash_update_capabilities(uint32_t handle, vxapi_priv_database* inst, 
 
 // ---- Region reset ----
 
-namespace {
-
-// The other physical ports of the port's board, by PCI function.
-vxapi_priv_database* board_port(const vxapi_priv_database* inst, uint32_t function) {
+vxapi_priv_database* vxapi_get_board_port(const vxapi_priv_database* inst, uint32_t function) {
+    if (!inst || !inst->phy_info)
+        return nullptr;
     const vxapi_phy_info* self = inst->phy_info;
     vxapi_priv_database* found = nullptr;
     vx_dlist_each<vxapi_priv_database>(api_priv_database, [&](vxapi_priv_database* rec) {
@@ -274,21 +273,12 @@ vxapi_priv_database* board_port(const vxapi_priv_database* inst, uint32_t functi
     return found;
 }
 
+namespace {
+
 // Activates `code` on a sibling port, opening its ioctl node for the request when needed.
 bool activate_sibling(vxapi_priv_database* rec, uint16_t code, uint32_t* ext_stat) {
-    bool opened = false;
-    if (!(rec->features & VX_FEAT_SYSFS) && rec->open_cnt == 0) {
-        uint32_t handle = 0, status = 0;
-        if (vxapi_open_adapter(rec, &handle, &status) != 0)
-            return false;
-        opened = true;
-    }
-    const bool ok = vxapi_activate_region(rec->oshandle, rec, code, ext_stat) == 0 && *ext_stat == EXT_STATUS_OK;
-    if (opened) {
-        uint32_t status = 0;
-        vxapi_close_adapter(rec, &status);
-    }
-    return ok;
+    const vxapi_port_use use(rec);
+    return use.ok() && vxapi_activate_region(rec->oshandle, rec, code, ext_stat) == 0 && *ext_stat == EXT_STATUS_OK;
 }
 
 }  // namespace
@@ -325,7 +315,7 @@ uint32_t vxapi_reset_region(uint32_t Device, vxapi_priv_database* inst, uint32_t
     for (uint32_t function = 0; function < walk; ++function) {
         if (function == self)
             continue;
-        vxapi_priv_database* sibling = board_port(inst, function);
+        vxapi_priv_database* sibling = vxapi_get_board_port(inst, function);
         if (!sibling) {
             vxdbg_num(TRC, "vxapi_reset_region: 2nd port not found. function=", function, VXDBG_DEC, 1);
             break;

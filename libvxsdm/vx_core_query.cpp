@@ -4,6 +4,7 @@
 
 #include "exioct.h"
 #include "exioctln.h"
+#include "vx_adapters.h"
 #include "vx_channel.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
@@ -264,4 +265,14 @@ uint32_t vxapi_get_lun_addr(const uint8_t* lun) {
     default:  // extended addressing: not a plain number
         return 0xFFFFFFFF;
     }
+}
+
+void vxapi_refresh_node_boot_versions(vxapi_priv_database* inst, EXT_HBA_NODE* node) {
+    const uint16_t device_id = inst && inst->phy_info ? inst->phy_info->device_id : 0;
+    // Boards whose boot-image versions the ioctl driver does not keep current.
+    if (!vx_adapter_has(device_id, VX_MARK_FLASH_BI_REFRESH) || (inst->features & VX_FEAT_SYSFS))
+        return;
+    vxapi_priv_database* flash_port = inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
+    uint32_t flash_stat = 0;
+    vxapi_read_flash_versions(flash_port->oshandle, flash_port, node, &flash_stat);
 }

@@ -116,6 +116,14 @@ int vxapi_get_instance_from_api_priv_inst(const vxapi_priv_database* record, uin
     return result;
 }
 
+void vxapi_adapter_name(const vxapi_priv_database* record, uint32_t position, char* out, size_t len) {
+    if (!out || len == 0)
+        return;
+    const char* model = record && record->phy_info ? reinterpret_cast<const char*>(record->phy_info->model) : "";
+    // The model field need not be terminated.
+    snprintf(out, len, "varnex-%.16s-%d", model, static_cast<int>(position));
+}
+
 vxapi_priv_database* vxapi_get_api_priv_inst_from_adaptername(const char* name) {
     if (!name)
         return nullptr;
@@ -123,8 +131,7 @@ vxapi_priv_database* vxapi_get_api_priv_inst_from_adaptername(const char* name) 
     uint32_t position = 0;
     vx_dlist_each<vxapi_priv_database>(api_priv_database, [&](vxapi_priv_database* record) {
         char text[64];
-        const char* model = record->phy_info ? reinterpret_cast<const char*>(record->phy_info->model) : "";
-        snprintf(text, sizeof text, "varnex-%.16s-%d", model, static_cast<int>(position++));
+        vxapi_adapter_name(record, position++, text, sizeof text);
         if (strcmp(text, name) != 0)
             return true;
         found = record;

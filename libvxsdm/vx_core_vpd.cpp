@@ -147,10 +147,24 @@ int32_t vxapi_ioctl_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf,
     return vxapi_send_ext_ioctl(handle, inst, EXT_CC_GET_VPD, 0, 0, nullptr, 0, buf, buf_sz, pext_stat, nullptr);
 }
 
+int32_t vxapi_ioctl_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                            uint32_t* pext_stat) {
+    return vxapi_send_ext_ioctl(handle, inst, EXT_CC_SET_VPD, 0, 0, buf, buf_sz, nullptr, 0, pext_stat, nullptr);
+}
+
 int vxapi_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
     if (!vxapi_leaf_ready("vxapi_get_vpd", inst, buf, pext_stat))
         return 1;
     return inst->channel->get_vpd(handle, inst, buf, buf_sz, pext_stat);
+}
+
+int vxapi_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
+    if (!vxapi_leaf_ready("vxapi_set_vpd", inst, buf && buf_sz, pext_stat))
+        return 1;
+    vxdbg_num(TRC, "vxapi_set_vpd: entered. size=", buf_sz, VXDBG_DEC, 1);
+    const int rc = inst->channel->set_vpd(handle, inst, buf, buf_sz, pext_stat);
+    vxdbg_num(rc ? ERR : TRC, "vxapi_set_vpd: exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 1);
+    return rc;
 }
 
 int vxapi_get_vpd_serialnum(int handle, vxapi_priv_database* inst) {

@@ -48,19 +48,22 @@ uint32_t null_record(const char* name, int handle) {
 
 uint32_t errno_status() { return errno != 0 ? static_cast<uint32_t>(errno) : SDM_STATUS_UNKNOWN_ERROR; }
 
-}  // namespace vxsd
+uint32_t failure_status(int32_t rc, uint32_t ext_stat) {
+    if (ext_stat != EXT_STATUS_OK)
+        return SDXlateSDMErr(ext_stat, 0);
+    if (rc < 0)
+        return errno_status();
+    return SDM_STATUS_UNKNOWN_ERROR;
+}
 
-using namespace vxsd;
-
-namespace {
+vxapi_priv_database* flash_port(vxapi_priv_database* inst) {
+    return inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
+}
 
 bool tolerated(uint32_t ext_stat) {
     return ext_stat == EXT_STATUS_OK || ext_stat == EXT_STATUS_DATA_OVERRUN || ext_stat == EXT_STATUS_DATA_UNDERRUN;
 }
 
-// Status rule of the node, port, discovered-port and converged-port calls:
-// a data overrun or underrun still delivers the record. `convert` tells
-// whether the record is to be converted; the status is returned.
 uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_stat, bool* convert) {
     *convert = false;
     if (!tolerated(ext_stat)) {
@@ -78,6 +81,12 @@ uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_st
     }
     return SDM_STATUS_UNKNOWN_ERROR;
 }
+
+}  // namespace vxsd
+
+using namespace vxsd;
+
+namespace {
 
 // Status rule of the chip, driver and firmware calls: only a clean answer
 // converts. `failure` is the call's own trace text.
@@ -107,13 +116,7 @@ void format_text(char* dst, size_t dst_size, const uint8_t* src, size_t src_size
 uint32_t node_conversion(int handle, vxapi_priv_database* inst, EXT_HBA_NODE& node, DEVICENODEPROPERTY* prop) {
     const vxapi_phy_info* phy = inst->phy_info;
     const uint16_t device_id = phy ? phy->device_id : 0;
-    // Boards whose boot-image versions the ioctl driver does not keep current.
-    if (vx_adapter_has(device_id, VX_MARK_FLASH_BI_REFRESH) && !(inst->features & VX_FEAT_SYSFS)) {
-        vxapi_priv_database* flash_port =
-            inst->interface_type == VX_IFTYPE_VIRTUAL && inst->parent ? inst->parent : inst;
-        uint32_t flash_stat = 0;
-        vxapi_read_flash_versions(flash_port->oshandle, flash_port, &node, &flash_stat);
-    }
+    vxapi_refresh_node_boot_versions(inst, &node);
     memcpy(prop->WWN, node.WWNN, sizeof prop->WWN);
     memcpy(prop->Manufacturer, node.Manufacturer, sizeof prop->Manufacturer);
     // At most 15 characters, although the field holds 32: callers size their

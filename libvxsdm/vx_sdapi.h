@@ -26,6 +26,18 @@ uint32_t null_record(const char* name, int handle);
 uint32_t errno_status();
 // The region of the current layout with this code (first 255 regions), or null.
 const INT_OPT_ROM_REGION* current_region(uint32_t code);
+// Driver statuses with which a record still arrives: success, overrun, underrun.
+bool tolerated(uint32_t ext_stat);
+// Status rule of the node, port, discovered-port and converged-port calls:
+// a data overrun or underrun still delivers the record. `convert` tells
+// whether the record is to be converted; the status is returned.
+uint32_t record_status(const char* name, int handle, int32_t rc, uint32_t ext_stat, bool* convert);
+// The status of a failed flash, NVRAM or VPD request: the driver's status
+// when it gave one, else errno for a failed ioctl, else "unknown error".
+uint32_t failure_status(int32_t rc, uint32_t ext_stat);
+// The port whose flash a request reaches: a virtual port shares its
+// physical port's.
+vxapi_priv_database* flash_port(vxapi_priv_database* inst);
 
 }  // namespace vxsd
 

@@ -30,21 +30,6 @@ vx_family family_of(const vxapi_priv_database* inst) { return vx_adapter_family(
 
 bool is_vport(const vxapi_priv_database* inst) { return inst->interface_type == VX_IFTYPE_VIRTUAL; }
 
-// Reads go through the physical port: a virtual port shares its flash.
-vxapi_priv_database* flash_port(vxapi_priv_database* inst) {
-    return is_vport(inst) && inst->parent ? inst->parent : inst;
-}
-
-// The status of a failed flash request: the driver's status when it gave
-// one, else errno for a failed ioctl, else "unknown error".
-uint32_t failure_status(int32_t rc, uint32_t ext_stat) {
-    if (ext_stat != EXT_STATUS_OK)
-        return SDXlateSDMErr(ext_stat, 0);
-    if (rc < 0)
-        return errno_status();
-    return SDM_STATUS_UNKNOWN_ERROR;
-}
-
 void trace_text(uint32_t guard, const char* fn, const char* text, uint64_t number = 0, uint8_t radix = VXDBG_NONE) {
     if (!vxdbg_on(guard))
         return;
@@ -210,16 +195,16 @@ uint32_t SDUpdateOptionRomCommon(int Device, uint8_t* pBuffer, uint32_t BufferSi
     }
 
     if (swift) {
-        // The VPD's version keywords follow the new image. Saving the VPD
-        // back needs the VPD write, which comes with the NVRAM/VPD work.
+        // The VPD's version keywords follow the new image, on both ports.
         uint8_t vpd[VPD_LEN] = {};
-        if (vxapi_get_vpd(inst->oshandle, inst, vpd, sizeof vpd, &ext_stat) != 0 || ext_stat != EXT_STATUS_OK ||
+        uint32_t vpd_len = sizeof vpd;
+        if (SDGetVpd(Device, 0, vpd, &vpd_len) != SDM_STATUS_SUCCESS ||
             vxapi_update_nv_vpd_version(write, write_len, vpd, sizeof vpd, region) != 0) {
             vxdbg_line(SD_ERROR, "SDUpdateOptionRomCommon: Update Swift VPD version fields failed");
             return SDM_STATUS_VPD_VERSION_FAILED;
         }
+        return SDSwiftSaveVpd(Device, vpd, sizeof vpd);
     }
-    (void)Device;
     return SDM_STATUS_SUCCESS;
 }
 

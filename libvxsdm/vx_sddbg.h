@@ -52,3 +52,12 @@ inline void vxdbg_num(uint32_t guard, const char* text, uint64_t number, uint8_t
     if (vxdbg_on(guard))
         vxdbg_print(text, number, radix, newline);
 }
+// "<fn><text>[number]" on one line: the shape of a message that names the
+// function it comes from when the text is shared by several functions.
+inline void vxdbg_named(uint32_t guard, const char* fn, const char* text, uint64_t number = 0,
+                        uint8_t radix = VXDBG_NONE) {
+    if (!vxdbg_on(guard))
+        return;
+    vxdbg_print(fn, 0, VXDBG_NONE, 0);
+    vxdbg_print(text, number, radix, 1);
+}

@@ -96,33 +96,22 @@ uint32_t page_size() {
     return size >= 4096 ? static_cast<uint32_t>(size) : 4096;
 }
 
-// Walks this host's entries of the remote-port class until `match` accepts
-// one; `rpath` then holds its path with a trailing "/".
+// Walks the host's own remote ports (under its device directory, in name
+// order) until `match` accepts one; `rpath` then holds its class path with
+// a trailing "/".
 template <typename F>
 int find_rport(vxsysfs_path_t& rpath, uint32_t host_no, F&& match) {
-    vxsysfs_path_t dir;
-    vxsysfs_get_fc_rport_path(dir, nullptr);
     rpath[0] = '\0';
-    vxsysfs_list_hold list(vxsysfs_open_entry_list(dir));
-    if (!list.get())
+    const vxsysfs_host_dir host(host_no);
+    vxsysfs_rport_names names;
+    if (!host.ok() || !names.list(host.fd(), host_no))
         return 0;
-    char prefix[32];
-    snprintf(prefix, sizeof prefix, "%s-%u:", "rport", host_no);
-    const size_t prefix_len = strlen(prefix);
-    int found = 0;
-    vx_dlist_each<char>(list.get(), [&](char* name) {
-        if (strncmp(name, prefix, prefix_len) != 0)
-            return true;
-        char* end = vxsysfs_get_fc_rport_path(rpath, name);
-        if (match(rpath, end)) {
-            found = 1;
-            return false;
+    for (size_t i = 0; i < names.size(); ++i)
+        if (match(host.fd(), names[i])) {
+            vxsysfs_get_fc_rport_path(rpath, names[i]);
+            return 1;
         }
-        return true;
-    });
-    if (!found)
-        rpath[0] = '\0';
-    return found;
+    return 0;
 }
 
 }  // namespace
@@ -304,22 +293,20 @@ int vxsysfs_find_rport_by_wwpn(vxsysfs_path_t& rpath, uint32_t host_no, const ui
         rpath[0] = '\0';
         return 0;
     }
-    return find_rport(rpath, host_no, [&](vxsysfs_path_t& port, char* end) {
-        vxsysfs_path_t attr;
-        memcpy(attr, port, sizeof attr);
-        vxsysfs_path_append(attr, attr + (end - port), "port_name");
-        uint8_t name[8];
-        vxsysfs_get_hex_attr(attr, name, sizeof name);
-        return memcmp(name, wwpn, sizeof name) == 0;
+    return find_rport(rpath, host_no, [&](int host_fd, const char* name) {
+        char text[VXSYSFS_ATTR_LEN];
+        uint8_t port_name[8];
+        vxsysfs_rport_text(host_fd, name, "port_name", text, sizeof text);
+        vxsysfs_to_array_hex(port_name, text, sizeof port_name);
+        return memcmp(port_name, wwpn, sizeof port_name) == 0;
     });
 }
 
 int vxsysfs_find_rport_by_tid(vxsysfs_path_t& rpath, uint32_t host_no, uint32_t tid) {
-    return find_rport(rpath, host_no, [&](vxsysfs_path_t& port, char* end) {
-        vxsysfs_path_t attr;
-        memcpy(attr, port, sizeof attr);
-        vxsysfs_path_append(attr, attr + (end - port), "scsi_target_id");
-        return vxsysfs_get_int_attr(attr) == tid;
+    return find_rport(rpath, host_no, [&](int host_fd, const char* name) {
+        char text[VXSYSFS_ATTR_LEN];
+        vxsysfs_rport_text(host_fd, name, "scsi_target_id", text, sizeof text);
+        return strtoul(text, nullptr, 10) == tid;
     });
 }
 

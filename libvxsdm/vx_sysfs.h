@@ -3,8 +3,12 @@
 // operations.
 #pragma once
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sysfs/libsysfs.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -85,6 +89,109 @@ public:
 private:
     dlist* list_;
 };
+
+// ---- One host's subtree, read directly (vx_sysfs_walk) ----
+inline constexpr size_t VXSYSFS_RPORT_NAME_LEN = 48;  // "rport-H:C-R" with three 32-bit numbers fits
+// Snapshots of the indexed walk older than this are taken again.
+inline constexpr uint64_t VXSYSFS_WALK_MAX_AGE_NS = 1'000'000'000;
+
+// The device directory of SCSI host N ({mnt}/class/scsi_host/host{N}/device,
+// physical and virtual ports alike), open while the object lives.
+class vxsysfs_host_dir {
+public:
+    explicit vxsysfs_host_dir(uint32_t host_no);
+    ~vxsysfs_host_dir();
+    vxsysfs_host_dir(const vxsysfs_host_dir&) = delete;
+    vxsysfs_host_dir& operator=(const vxsysfs_host_dir&) = delete;
+    bool ok() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
+    uint32_t host_no() const { return host_no_; }
+
+private:
+    uint32_t host_no_;
+    int fd_ = -1;
+};
+
+// One openat and one read of attribute `rel` below `dirfd`: the text, cut to
+// `size` - 1 bytes, NUL-terminated, trailing newlines removed. False (and
+// an empty text) when it cannot be read.
+bool vxsysfs_read_at(int dirfd, const char* rel, char* out, size_t size);
+// Calls fn(entry) for every entry of directory `rel` below `dirfd` ("."
+// for the directory itself) until it returns false. False when the
+// directory cannot be listed.
+template <typename F>
+bool vxsysfs_each_entry(int dirfd, const char* rel, F&& fn) {
+    const int fd = dirfd >= 0 ? openat(dirfd, rel, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (!dir) {
+        if (fd >= 0)
+            close(fd);
+        return false;
+    }
+    while (const dirent* e = readdir(dir))
+        if (!fn(e))
+            break;
+    closedir(dir);
+    return true;
+}
+// Host, channel and number of a remote port's name "rport-H:C-R"; false
+// when the name is not one.
+bool vxsysfs_parse_rport_name(const char* name, uint32_t* host, uint32_t* channel, uint32_t* number);
+// Attribute `attr` of the host's remote port `name` (rport-N:C-R).
+bool vxsysfs_rport_text(int host_fd, const char* name, const char* attr, char* out, size_t size);
+// "Online" and roles exactly "FCP Target": the ports the indexed walk lists.
+bool vxsysfs_rport_listed(int host_fd, const char* name);
+
+// Names of remote ports, in name order (the order the class lists have).
+class vxsysfs_rport_names {
+public:
+    vxsysfs_rport_names() = default;
+    ~vxsysfs_rport_names();
+    vxsysfs_rport_names(const vxsysfs_rport_names&) = delete;
+    vxsysfs_rport_names& operator=(const vxsysfs_rport_names&) = delete;
+
+    // The entries rport-{N}: of the host's directory. False, and no names,
+    // when the directory cannot be read or memory runs out.
+    bool list(int host_fd, uint32_t host_no);
+    // False when memory runs out.
+    bool push(const char* name);
+    void clear();
+    void swap(vxsysfs_rport_names& other);
+    size_t size() const { return count_; }
+    const char* operator[](size_t i) const { return names_[i]; }
+
+private:
+    using name_t = char[VXSYSFS_RPORT_NAME_LEN];
+    name_t* names_ = nullptr;
+    size_t count_ = 0;
+    size_t capacity_ = 0;
+};
+
+// Target N:C:T's directory through the SCSI bus's entry for it (it lies
+// under its own remote port's device). A descriptor, or -1 when there is none.
+int vxsysfs_open_target(uint32_t host_no, uint32_t channel, uint32_t tid);
+// The LUN devices (H:C:T:L entries) of an open target directory; with a
+// map, each LUN below `max_lun` is marked present in it (decoded by its
+// address method).
+uint32_t vxsysfs_count_target_luns(int target_fd, uint8_t* lun_map, uint32_t max_lun);
+// The remote port that holds target N:C:T, by the target's place in the
+// tree. False when there is no such target under a remote port of host N.
+bool vxsysfs_target_rport(uint32_t host_no, uint32_t channel, uint32_t tid, char* name, size_t name_len);
+// The SCSI channels to look for the host's targets on: bit C for channel C
+// (below 64). Channel 0 always, and those of the host's remote ports as they
+// were last listed (listed now the first time).
+uint64_t vxsysfs_host_channels(const vxsysfs_host_dir& host);
+
+// The indexed walk: the name of the index-th qualifying remote port of the
+// host. Index 0 takes a snapshot of them (names in walk order) that later
+// indexes reuse; it is taken again when older than a second, or when the
+// indexed port no longer qualifies on a fresh read. False past the end.
+bool vxsysfs_walk_port(const vxsysfs_host_dir& host, uint16_t index, char* name, size_t name_len);
+// Forgets every host's snapshot (library unload).
+void vxsysfs_walk_reset();
+// The snapshots' clock in nanoseconds (monotonic); tests may replace it.
+using vxsysfs_clock_fn = uint64_t (*)();
+extern std::atomic<vxsysfs_clock_fn> vxsysfs_walk_clock;
 
 // ---- Attribute readers (full path of one attribute file) ----
 // Text without trailing newlines, always NUL-terminated within `size`;
@@ -309,8 +416,16 @@ int vxsysfs_get_optrom_layout(uint32_t handle, vxapi_priv_database* instance, ui
 // Start and size of a region code in the current layout; region 255 falls
 // back to the whole flash of the adapter. Both 0 and result 1 when unknown.
 int vxsysfs_map_region(const vxapi_priv_database* instance, uint32_t region, uint32_t* offset, uint32_t* size);
-// The "vpd" attribute of the port's host, `buf_sz` bytes at most.
+// The binary attributes "vpd" and "nvram" of the port's host: reads take
+// `buf_sz` bytes at most (a shorter image is kept as far as it goes), writes
+// must be taken whole, under the flash semaphore (the driver programs the
+// flash part behind them). Extended status 9 when the attribute cannot be
+// opened, 1 when the driver refuses the transfer.
 int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat);
+int vxsysfs_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                      uint32_t* pext_stat);
 // DCBX parameters of a converged port: the host's "dcbx" attribute
 // (EXT_DCBX_PARAM and the peer's TLVs), `size` bytes at most. Extended
 // status 20 when the driver has no such attribute.
@@ -342,6 +457,33 @@ int32_t vxsysfs_query_adapter_versions(int handle, vxapi_priv_database* inst, EX
                                        uint32_t* pext_stat);
 // The host's "active_image" attribute (0 primary, 1 secondary image set).
 int32_t vxsysfs_get_active_image_set(int handle, vxapi_priv_database* inst, uint32_t* image, uint32_t* pext_stat);
+// ---- Pass-through (vx_sysfs_passthru) ----
+// SCSI commands go to the LUN's own node (its disk, else its SCSI generic
+// node) with SG_IO; CT goes to the host's bsg node, ELS to the remote
+// port's. Statuses as the driver's: 9 on entry, 1 once the node is
+// reached, 15 with the SCSI status as detail, 7 for data cut at the
+// caller's buffer, 20 when the port has no bsg.
+int32_t vxsysfs_send_scsipt(int handle, vxapi_priv_database* inst, const EXT_SCSI_ADDR* addr, const uint8_t* cdb,
+                            uint32_t cdb_len, void* req, uint32_t req_size, void* resp, uint32_t* resp_size,
+                            uint8_t* sense, uint32_t* sense_size, uint32_t* pext_stat, uint8_t* scsi_status);
+// The executor behind vxsysfs_send_scsipt (vxapi_scsipt_exec).
+int32_t vxsysfs_scsipt_sg(int handle, vxapi_priv_database* inst, EXT_SCSI_PASSTHRU* pt, void* req,
+                          uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                          uint32_t* pext_dstat);
+// By port name only (DestType 2); other address forms get status 6.
+int32_t vxsysfs_send_fc_scsipt(int handle, vxapi_priv_database* inst, EXT_FC_SCSI_PASSTHRU* pt, void* req,
+                               uint32_t req_size, void* resp, uint32_t resp_size, uint32_t* pext_stat,
+                               uint32_t* pext_dstat);
+int32_t vxsysfs_send_ct_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                 void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// The destination is the head's WWPN; the port must be online.
+int32_t vxsysfs_send_els_passthru(int handle, vxapi_priv_database* inst, const void* req, uint32_t req_size,
+                                  void* resp, uint32_t resp_size, uint32_t* pext_stat);
+// The midlayer's numbers for a LUN number as callers give it: the number
+// itself, then its flat-space form (0x4000 | lun) for LUNs above 255. 1 or
+// 2 numbers written to `out`; the count is returned.
+uint32_t vxsysfs_midlayer_luns(uint32_t lun, uint32_t out[2]);
+
 // Boot-image versions from flash, for the families whose virtual ports lack
 // the boot-code attributes.
 int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node,

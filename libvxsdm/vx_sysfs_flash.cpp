@@ -1,5 +1,6 @@
 // Flash on the sysfs transport: the fixed-table layout, the region look-up
-// of the option-ROM requests, and the flash reads the queries use.
+// of the option-ROM requests, the flash reads the queries use, and the
+// attributes that carry a port's NVRAM and VPD.
 #include <cstring>
 
 #include "vx_adapters.h"
@@ -82,21 +83,68 @@ int vxsysfs_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_N
     return vxapi_read_flash_versions(handle, inst, node, pext_stat);
 }
 
-int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
-    (void)handle;
+namespace {
+
+// One transfer of a whole image through a binary attribute of the port's
+// host ("vpd", "nvram"), named `fn` in the traces.
+int image_attr(const char* fn, const char* attr, vxapi_priv_database* inst, uint8_t* rbuf, const uint8_t* wbuf,
+               uint32_t size, uint32_t* pext_stat) {
     uint32_t local = 0;
-    pext_stat = pext_stat ? pext_stat : &local;
-    *pext_stat = EXT_STATUS_DEV_NOT_FOUND;
-    if (!inst || !buf)
-        return 1;
-    vxsysfs_path_t path;
-    vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), "vpd");
-    // A short answer is kept as far as it goes; only an attribute that
-    // cannot be read at all fails.
-    if (buf_sz != 0 && vxsysfs_read_file(path, buf, buf_sz) == buf_sz) {
-        vxdbg_line(ERR, "vxsysfs_get_vpd: vpd read failed.");
+    uint32_t& ext_stat = pext_stat ? *pext_stat : local;
+    ext_stat = EXT_STATUS_DEV_NOT_FOUND;
+    if (!inst || !(rbuf || wbuf) || size == 0) {
+        vxdbg_named(ERR, fn, ": invalid parameter.");
         return 1;
     }
-    *pext_stat = EXT_STATUS_OK;
+    vxsysfs_path_t path;
+    vxsysfs_path_append(path, vxsysfs_get_device_path(path, inst), attr);
+    if (sysfs_path_is_file(path) != 0) {
+        vxdbg_named(ERR, fn, ": > attribute missing");
+        return 1;
+    }
+    ext_stat = EXT_STATUS_ERR;
+    uint32_t missing = 0;
+    if (rbuf) {
+        // A short answer is kept as far as it goes; only an attribute that
+        // gives nothing at all fails.
+        missing = vxsysfs_read_file(path, rbuf, size);
+        if (missing == size) {
+            vxdbg_named(ERR, fn, ": > read failed");
+            return 1;
+        }
+    } else {
+        vxapi_sem_hold flash(api_flash_sem_id, VX_SEM_KEY_FLASH);
+        missing = vxsysfs_write_file(path, wbuf, size);
+        if (missing != 0) {
+            vxdbg_named(ERR, fn, ": > write failed. residual=", missing, VXDBG_DEC);
+            return 1;
+        }
+    }
+    ext_stat = EXT_STATUS_OK;
+    vxdbg_named(TRC, fn, ": exiting. size=", size - missing, VXDBG_DEC);
     return 0;
+}
+
+}  // namespace
+
+int vxsysfs_get_vpd(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
+    (void)handle;
+    return image_attr("vxsysfs_get_vpd", "vpd", inst, buf, nullptr, buf_sz, pext_stat);
+}
+
+int vxsysfs_set_vpd(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                    uint32_t* pext_stat) {
+    (void)handle;
+    return image_attr("vxsysfs_set_vpd", "vpd", inst, nullptr, buf, buf_sz, pext_stat);
+}
+
+int vxsysfs_get_nvram(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t buf_sz, uint32_t* pext_stat) {
+    (void)handle;
+    return image_attr("vxsysfs_get_nvram", "nvram", inst, buf, nullptr, buf_sz, pext_stat);
+}
+
+int vxsysfs_set_nvram(int handle, vxapi_priv_database* inst, const uint8_t* buf, uint32_t buf_sz,
+                      uint32_t* pext_stat) {
+    (void)handle;
+    return image_attr("vxsysfs_set_nvram", "nvram", inst, nullptr, buf, buf_sz, pext_stat);
 }

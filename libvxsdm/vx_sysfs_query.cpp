@@ -1,6 +1,5 @@
 // sysfs twins of the leaf queries: driver records and VPD fields built from
 // the host's attributes.
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -92,91 +91,15 @@ constexpr speed_row speeds[] = {
 
 bool starts_with(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
 
-// The entries of a class directory that begin with a prefix, in name order
-// (the order libsysfs lists them in). The directory is read directly: a
-// class holds the entries of every host, and building the sorted list of
-// all of them for one host's few would cost each query milliseconds on a
-// large host.
-class prefixed_entries {
-public:
-    static constexpr size_t NAME_LEN = 64;
-
-    prefixed_entries(const char* dir, const char* prefix) {
-        DIR* d = opendir(dir);
-        if (!d)
-            return;
-        while (const dirent* e = readdir(d)) {
-            if (!starts_with(e->d_name, prefix) || strlen(e->d_name) >= NAME_LEN)
-                continue;
-            // Entries are directories, or in the class directories links to them.
-            if (e->d_type != DT_DIR && e->d_type != DT_LNK && e->d_type != DT_UNKNOWN)
-                continue;
-            if (!add(e->d_name))
-                break;
-        }
-        closedir(d);
-        if (count_ > 1)
-            qsort(names_, count_, NAME_LEN, [](const void* a, const void* b) {
-                return strcmp(static_cast<const char*>(a), static_cast<const char*>(b));
-            });
-    }
-    ~prefixed_entries() { free(names_); }
-    prefixed_entries(const prefixed_entries&) = delete;
-    prefixed_entries& operator=(const prefixed_entries&) = delete;
-
-    size_t size() const { return count_; }
-    const char* operator[](size_t i) const { return names_ + i * NAME_LEN; }
-
-private:
-    bool add(const char* name) {
-        if (count_ == capacity_) {
-            const size_t grown = capacity_ ? capacity_ * 2 : 64;
-            auto* more = static_cast<char*>(realloc(names_, grown * NAME_LEN));
-            if (!more)
-                return false;
-            names_ = more;
-            capacity_ = grown;
-        }
-        snprintf(names_ + count_ * NAME_LEN, NAME_LEN, "%s", name);
-        ++count_;
-        return true;
-    }
-
-    char* names_ = nullptr;
-    size_t count_ = 0;
-    size_t capacity_ = 0;
-};
-
-// The host's remote-port entries ("rport-{N}:..."), in list order; `fn`
-// gets each entry's name and path (with a trailing "/") and returns false to stop.
+// The host's remote ports ("rport-{N}:..." under its device directory), in
+// name order; `fn` gets each name and returns false to stop.
 template <typename F>
-void each_rport(uint32_t host_no, F&& fn) {
-    vxsysfs_path_t dir;
-    vxsysfs_get_fc_rport_path(dir, nullptr);
-    char prefix[32];
-    snprintf(prefix, sizeof prefix, "%s-%d:", "rport", static_cast<int>(host_no));
-    const prefixed_entries names(dir, prefix);
-    for (size_t i = 0; i < names.size(); ++i) {
-        vxsysfs_path_t rpath;
-        vxsysfs_get_fc_rport_path(rpath, names[i]);
-        if (!fn(names[i], static_cast<const char*>(rpath)))
-            return;
-    }
-}
-
-// The scsi_device entries that begin with `prefix` ("{N}:"), in list order.
-template <typename F>
-void each_scsi_device(const char* prefix, F&& fn) {
-    vxsysfs_path_t dir;
-    vxsysfs_get_scsi_dev_path(dir, nullptr);
-    const prefixed_entries names(dir, prefix);
+void each_rport(const vxsysfs_host_dir& host, F&& fn) {
+    vxsysfs_rport_names names;
+    names.list(host.fd(), host.host_no());
     for (size_t i = 0; i < names.size(); ++i)
-        fn(names[i]);
-}
-
-void rport_attr(vxsysfs_path_t& path, const char* rpath, const char* name) {
-    snprintf(path, sizeof path, "%s", rpath);
-    vxsysfs_path_append(path, nullptr, name);
+        if (!fn(names[i]))
+            return;
 }
 
 // Names, address and target id of a remote port.
@@ -185,35 +108,27 @@ struct rport_info {
     uint8_t wwpn[8];
     uint8_t port_id[3];
     uint16_t target_id;
+    bool has_target_id;  // a target id is set ("-1" or nothing: none)
 };
 
-void vxsysfs_get_rport_attributes(const char* rpath, rport_info* info) {
-    vxsysfs_path_t path;
-    rport_attr(path, rpath, "node_name");
-    vxsysfs_get_hex_attr(path, info->wwnn, sizeof info->wwnn);
-    rport_attr(path, rpath, "port_name");
-    vxsysfs_get_hex_attr(path, info->wwpn, sizeof info->wwpn);
-    // "0x010400" as three bytes: the text has no more than six digits.
-    rport_attr(path, rpath, "port_id");
-    vxsysfs_get_hex_attr(path, info->port_id, sizeof info->port_id);
-    rport_attr(path, rpath, "scsi_target_id");
-    info->target_id = static_cast<uint16_t>(vxsysfs_get_int_attr(path));
-}
-
-bool rport_roles_contain(const char* rpath, const char* role) {
-    vxsysfs_path_t path;
-    rport_attr(path, rpath, "roles");
+void vxsysfs_get_rport_attributes(int host_fd, const char* name, rport_info* info) {
     char text[VXSYSFS_ATTR_LEN];
-    vxsysfs_get_str_attr(path, text, sizeof text);
-    return strstr(text, role) != nullptr;
+    vxsysfs_rport_text(host_fd, name, "node_name", text, sizeof text);
+    vxsysfs_to_array_hex(info->wwnn, text, sizeof info->wwnn);
+    vxsysfs_rport_text(host_fd, name, "port_name", text, sizeof text);
+    vxsysfs_to_array_hex(info->wwpn, text, sizeof info->wwpn);
+    // "0x010400" as three bytes: the text has no more than six digits.
+    vxsysfs_rport_text(host_fd, name, "port_id", text, sizeof text);
+    vxsysfs_to_array_hex(info->port_id, text, sizeof info->port_id);
+    vxsysfs_rport_text(host_fd, name, "scsi_target_id", text, sizeof text);
+    info->target_id = static_cast<uint16_t>(strtoul(text, nullptr, 10));
+    info->has_target_id = text[0] != '\0' && text[0] != '-';
 }
 
 // B of "rport-H:B-R"; 0 when the name does not parse.
 uint16_t rport_channel(const char* name) {
-    unsigned host = 0, channel = 0, number = 0;
-    if (sscanf(name, "rport-%u:%u-%u", &host, &channel, &number) != 3)
-        return 0;
-    return static_cast<uint16_t>(channel);
+    uint32_t host = 0, channel = 0, number = 0;
+    return vxsysfs_parse_rport_name(name, &host, &channel, &number) ? static_cast<uint16_t>(channel) : 0;
 }
 
 uint32_t& status_word(uint32_t* pext_stat, uint32_t& local) { return pext_stat ? *pext_stat : local; }
@@ -433,9 +348,12 @@ int vxsysfs_query_hbanode(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* n
 uint16_t vxsysfs_count_port(const vxapi_priv_database* inst) {
     if (!inst)
         return 0;
+    const vxsysfs_host_dir host(inst->host_no);
     uint16_t count = 0;
-    each_rport(inst->host_no, [&](const char*, const char* rpath) {
-        if (vxsysfs_is_rport_a_target(rpath))
+    each_rport(host, [&](const char* name) {
+        char roles[VXSYSFS_ATTR_LEN];
+        vxsysfs_rport_text(host.fd(), name, "roles", roles, sizeof roles);
+        if (strcmp(roles, "FCP Target") == 0)
             ++count;
         return true;
     });
@@ -445,18 +363,33 @@ uint16_t vxsysfs_count_port(const vxapi_priv_database* inst) {
 uint16_t vxsysfs_count_target(const vxapi_priv_database* inst) {
     if (!inst)
         return 0;
-    char prefix[16];
-    snprintf(prefix, sizeof prefix, "%d:", static_cast<int>(inst->host_no));
+    const vxsysfs_host_dir host(inst->host_no);
     // One bit per possible target id.
     uint8_t seen[65536 / 8] = {};
     uint16_t count = 0;
-    each_scsi_device(prefix, [&](const char* name) {
-        const uint16_t tid = vxsysfs_get_target_id(name);
-        const uint8_t bit = static_cast<uint8_t>(1u << (tid % 8));
-        if (!(seen[tid / 8] & bit)) {
-            seen[tid / 8] |= bit;
-            ++count;
-        }
+    // A target with a LUN lies under its remote port's device, named
+    // target{N}:{C}:{T}; the host's LUNs are found nowhere else.
+    each_rport(host, [&](const char* name) {
+        vxsysfs_each_entry(host.fd(), name, [&](const dirent* e) {
+            unsigned h = 0, c = 0, t = 0;
+            if (strncmp(e->d_name, "target", 6) != 0 || sscanf(e->d_name + 6, "%u:%u:%u", &h, &c, &t) != 3 ||
+                h != host.host_no())
+                return true;
+            vxsysfs_path_t rel;
+            vxsysfs_path_format(rel, "%s/%s", name, e->d_name);
+            const int target = openat(host.fd(), rel, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            const bool has_lun = target >= 0 && vxsysfs_count_target_luns(target, nullptr, 0) > 0;
+            if (target >= 0)
+                close(target);
+            const uint16_t tid = static_cast<uint16_t>(t);
+            const uint8_t bit = static_cast<uint8_t>(1u << (tid % 8));
+            if (has_lun && !(seen[tid / 8] & bit)) {
+                seen[tid / 8] |= bit;
+                ++count;
+            }
+            return true;
+        });
+        return true;
     });
     return count;
 }
@@ -714,15 +647,13 @@ int vxsysfs_query_discport(int handle, vxapi_priv_database* inst, uint16_t index
     if (inst->phys_path[0] == '\0')
         return 0;
     vxdbg_num(TRC, "vxsysfs_query_discport: entered. index=", index, VXDBG_DEC, 1);
-    // Only online FCP target ports are listed (and counted for the index).
-    uint32_t counted = 0;
-    each_rport(inst->host_no, [&](const char*, const char* rpath) {
-        if (!vxsysfs_is_rport_online(rpath) || !vxsysfs_is_rport_a_target(rpath))
-            return true;
-        if (counted++ != index)
-            return true;
+    // Only online FCP target ports are listed (and counted for the index);
+    // the walk's snapshot names the port, its record is read now.
+    const vxsysfs_host_dir host(inst->host_no);
+    char name[VXSYSFS_RPORT_NAME_LEN];
+    if (vxsysfs_walk_port(host, index, name, sizeof name)) {
         rport_info info{};
-        vxsysfs_get_rport_attributes(rpath, &info);
+        vxsysfs_get_rport_attributes(host.fd(), name, &info);
         memcpy(port->WWNN, info.wwnn, sizeof port->WWNN);
         memcpy(port->WWPN, info.wwpn, sizeof port->WWPN);
         memcpy(port->Id + 1, info.port_id, sizeof info.port_id);
@@ -731,8 +662,7 @@ int vxsysfs_query_discport(int handle, vxapi_priv_database* inst, uint16_t index
         port->Bus = 0;
         port->LoopID = 0xFFFF;
         ext_stat = 0;
-        return false;
-    });
+    }
     vxdbg_num(TRC, "vxsysfs_query_discport: exiting. stat=", ext_stat, VXDBG_DEC, 1);
     return 0;
 }
@@ -749,19 +679,44 @@ int vxsysfs_query_disctgt(int handle, vxapi_priv_database* inst, uint16_t tid, E
     if (inst->phys_path[0] == '\0')
         return 0;
     vxdbg_num(TRC, "vxsysfs_query_disctgt: entered. tid=", tid, VXDBG_DEC, 1);
-    char prefix[16];
-    snprintf(prefix, sizeof prefix, "%d:", static_cast<int>(inst->host_no));
-    each_scsi_device(prefix, [&](const char* name) {
-        if (vxsysfs_get_target_id(name) == tid)
-            ++tgt->LunCount;
-    });
+    // The host's LUNs with this target id, on every channel its remote ports
+    // use: each target is looked up by name, not found by listing them all.
+    const vxsysfs_host_dir host(inst->host_no);
+    const uint64_t channels = vxsysfs_host_channels(host);
+    char holder[VXSYSFS_RPORT_NAME_LEN] = "";
+    for (uint32_t c = 0; c < 64; ++c) {
+        if (!(channels & (uint64_t{1} << c)))
+            continue;
+        const int fd = vxsysfs_open_target(inst->host_no, c, tid);
+        if (fd < 0)
+            continue;
+        tgt->LunCount = static_cast<uint16_t>(tgt->LunCount + vxsysfs_count_target_luns(fd, nullptr, 0));
+        close(fd);
+        if (holder[0] == '\0')
+            vxsysfs_target_rport(inst->host_no, c, tid, holder, sizeof holder);
+    }
     if (tgt->LunCount == 0)
         return 0;
-    vxsysfs_path_t rpath;
-    if (!vxsysfs_find_rport_by_tid(rpath, inst->host_no, tid))
-        return 0;
+    // The port with this target id: the one that holds the target, as its own
+    // attribute confirms; else the first such port of the host.
     rport_info info{};
-    vxsysfs_get_rport_attributes(rpath, &info);
+    bool found = false;
+    if (holder[0] != '\0') {
+        vxsysfs_get_rport_attributes(host.fd(), holder, &info);
+        found = info.target_id == tid;
+    }
+    if (!found)
+        each_rport(host, [&](const char* name) {
+            char text[VXSYSFS_ATTR_LEN];
+            vxsysfs_rport_text(host.fd(), name, "scsi_target_id", text, sizeof text);
+            if (strtoul(text, nullptr, 10) != tid)
+                return true;
+            vxsysfs_get_rport_attributes(host.fd(), name, &info);
+            found = true;
+            return false;
+        });
+    if (!found)
+        return 0;
     memcpy(tgt->WWNN, info.wwnn, sizeof tgt->WWNN);
     memcpy(tgt->WWPN, info.wwpn, sizeof tgt->WWPN);
     memcpy(tgt->Id + 1, info.port_id, sizeof info.port_id);
@@ -776,24 +731,13 @@ void vxsysfs_count_luns(uint32_t host_no, TGT_LUN_DATA_ENTRY* entry, uint32_t ma
     if (!entry)
         return;
     entry->LunCount = 0;
-    char prefix[32];
-    snprintf(prefix, sizeof prefix, "%d:0:%d:", static_cast<int>(host_no), static_cast<int>(entry->TargetId));
-    each_scsi_device(prefix, [&](const char* name) {
-        const uint16_t lun = vxsysfs_get_lun_no(name);
-        uint32_t number = 0;
-        switch (lun >> 14) {
-        case 1: number = lun & 0x3FFF; break;  // flat space: 14 bits
-        case 2: number = lun & 0x1F; break;    // logical unit addressing
-        default: number = lun & 0xFF; break;   // peripheral
-        }
-        // A LUN past the map is counted but not marked, never folded onto a
-        // smaller one: the count tells the reader that the map is incomplete.
-        if (number < max_lun)
-            (reinterpret_cast<uint8_t*>(entry) + TGT_LUN_DATA_ENTRY_HEADER)[number] |= EXT_DEF_LUN_PRESENT;
-        else
-            vxdbg_num(TRC, "vxsysfs_count_luns: lun beyond the map=", number, VXDBG_DEC, 1);
-        ++entry->LunCount;
-    });
+    // Channel 0 only, as the driver's list has it.
+    const int fd = vxsysfs_open_target(host_no, 0, entry->TargetId);
+    if (fd < 0)
+        return;
+    entry->LunCount = static_cast<uint16_t>(
+        vxsysfs_count_target_luns(fd, reinterpret_cast<uint8_t*>(entry) + TGT_LUN_DATA_ENTRY_HEADER, max_lun));
+    close(fd);
 }
 
 int vxsysfs_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, _TGT_LUN_DATA_LIST* list,
@@ -816,13 +760,14 @@ int vxsysfs_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, _TGT_LU
     vxdbg_num(TRC, "vxsysfs_get_tgt_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
     ext_stat = EXT_STATUS_DEV_NOT_FOUND;
     auto* next = reinterpret_cast<uint8_t*>(list) + TGT_LUN_DATA_LIST_HEADER;
-    each_rport(inst->host_no, [&](const char*, const char* rpath) {
+    const vxsysfs_host_dir host(inst->host_no);
+    each_rport(host, [&](const char* name) {
         if (room < entry_size)
             return false;
-        if (!vxsysfs_is_rport_online(rpath) || !vxsysfs_is_rport_a_target(rpath))
+        if (!vxsysfs_rport_listed(host.fd(), name))
             return true;
         rport_info info{};
-        vxsysfs_get_rport_attributes(rpath, &info);
+        vxsysfs_get_rport_attributes(host.fd(), name, &info);
         // The entry names its target in one byte: a larger id is left out
         // rather than reported as another target's.
         if (info.target_id > VX_TGT_LUN_MAX_TARGET) {
@@ -888,12 +833,16 @@ int vxsysfs_get_port_summary(int handle, vxapi_priv_database* inst, uint32_t* ty
     data->ReturnListEntryCount = 0;
     const uint32_t room = static_cast<uint32_t>((size - EXT_DEVICEDATA_HEADER) / sizeof(EXT_DEVICEDATAENTRY));
     auto* entries = reinterpret_cast<uint8_t*>(data) + EXT_DEVICEDATA_HEADER;
-    each_rport(inst->host_no, [&](const char* name, const char* rpath) {
-        const bool online = vxsysfs_is_rport_online(rpath) != 0;
-        const bool target = rport_roles_contain(rpath, "FCP Target");
-        const bool initiator = rport_roles_contain(rpath, "FCP Initiator");
+    const vxsysfs_host_dir host(inst->host_no);
+    each_rport(host, [&](const char* name) {
+        char text[VXSYSFS_ATTR_LEN];
+        vxsysfs_rport_text(host.fd(), name, "port_state", text, sizeof text);
+        const bool online = strcmp(text, "Online") == 0;
+        vxsysfs_rport_text(host.fd(), name, "roles", text, sizeof text);
+        const bool target = strstr(text, "FCP Target") != nullptr;
+        const bool initiator = strstr(text, "FCP Initiator") != nullptr;
         rport_info info{};
-        vxsysfs_get_rport_attributes(rpath, &info);
+        vxsysfs_get_rport_attributes(host.fd(), name, &info);
         const uint32_t port_id = static_cast<uint32_t>(info.port_id[0]) << 16 |
                                  static_cast<uint32_t>(info.port_id[1]) << 8 | info.port_id[2];
         if (!summary_selects(mask, online, target, initiator, port_id))
@@ -909,11 +858,7 @@ int vxsysfs_get_port_summary(int handle, vxapi_priv_database* inst, uint32_t* ty
                                                   (initiator ? VX_DEVCTL_INITIATOR : 0) |
                                                   (info.port_id[0] != 0 ? VX_DEVCTL_FABRIC : 0));
         entry.TargetAddress.Bus = rport_channel(name);
-        vxsysfs_path_t path;
-        rport_attr(path, rpath, "scsi_target_id");
-        char text[VXSYSFS_ATTR_LEN];
-        vxsysfs_get_str_attr(path, text, sizeof text);
-        entry.TargetAddress.Target = text[0] != '\0' && text[0] != '-' ? info.target_id : 0xFFFF;
+        entry.TargetAddress.Target = info.has_target_id ? info.target_id : 0xFFFF;
         entry.TargetAddress.Lun = 0;
         entry.DeviceFlags = online ? VX_DEVFLAG_ONLINE : 0;
         entry.LoopID = 0xFFFF;  // sysfs knows no loop ids
@@ -939,19 +884,23 @@ int vxsysfs_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_
         ext_stat = EXT_STATUS_INVALID_PARAM;
         return 1;
     }
-    vxsysfs_path_t rpath;
-    if (!vxsysfs_find_rport_by_wwpn(rpath, inst->host_no, wwpn))
+    const vxsysfs_host_dir host(inst->host_no);
+    bool found = false;
+    each_rport(host, [&](const char* name) {
+        char text[VXSYSFS_ATTR_LEN];
+        uint8_t port_name[8];
+        vxsysfs_rport_text(host.fd(), name, "port_name", text, sizeof text);
+        vxsysfs_to_array_hex(port_name, text, sizeof port_name);
+        if (memcmp(port_name, wwpn, sizeof port_name) != 0)
+            return true;
+        vxsysfs_rport_text(host.fd(), name, "scsi_target_id", text, sizeof text);
+        addr->Bus = rport_channel(name);
+        addr->Target = static_cast<uint16_t>(strtoul(text, nullptr, 10));
+        found = true;
+        return false;
+    });
+    if (!found)
         return 0;
-    // The port's name is the last component of ".../rport-H:B-R/".
-    char name[VXSYSFS_PATH_LEN];
-    snprintf(name, sizeof name, "%s", rpath);
-    name[strlen(name) - 1] = '\0';
-    const char* slash = strrchr(name, '/');
-    const uint16_t channel = rport_channel(slash ? slash + 1 : name);
-    vxsysfs_path_t path;
-    rport_attr(path, rpath, "scsi_target_id");
-    addr->Bus = channel;
-    addr->Target = static_cast<uint16_t>(vxsysfs_get_int_attr(path));
     addr->Lun = 0;
     ext_stat = 0;
     return 0;

@@ -41,6 +41,8 @@ enum vx_adapter_mark : uint32_t {
     VX_MARK_MPI_PEP = 1u << 7,          // multi-processor converged family: MPI/PEP versions (3 ids)
     VX_MARK_OLD_VPD_IMAGE = 1u << 8,    // VPD kept inside the 128 KiB boot image (4 ids)
     VX_MARK_IOCTL_O = 1u << 9,          // served by the older ioctl driver generation
+    VX_MARK_VPD_MODEL = 1u << 10,       // the VPD identifier string is the board's model description:
+                                        // the seven families after Swift (13 ids)
 };
 
 // Port speed codes as the driver reports them (the 16 and 32 Gbit codes read
@@ -58,14 +60,14 @@ struct vx_adapter_type {
     vx_family family;
     uint32_t marks;
     const char* model;          // model name the driver reports for the board
-    uint8_t supported_speeds;   // PortSupportedSpeed: bits from 0x02, 0x04, 0x10, 0x32
+    uint8_t supported_speeds;   // PortSupportedSpeed: the code of the fastest speed the board runs at
     uint32_t flash_size;        // bytes of flash on the board
     uint8_t ports;              // PCI functions (physical ports) per board
 };
 
 namespace vx_detail {
 inline constexpr uint32_t NEW = VX_MARK_NEWER;
-inline constexpr uint32_t FLT = VX_MARK_NEWER | VX_MARK_FLT;
+inline constexpr uint32_t FLT = VX_MARK_NEWER | VX_MARK_FLT | VX_MARK_VPD_MODEL;
 inline constexpr uint32_t OLD = VX_MARK_IOCTL_O;
 }  // namespace vx_detail
 
@@ -77,14 +79,14 @@ inline constexpr std::array<vx_adapter_type, 26> vx_adapter_table{{
     {0x1021, vx_family::Robin, vx_detail::OLD | VX_MARK_OLD_VPD_IMAGE, "VXR1021", 0x02, 0x100000, 2},
     {0x1030, vx_family::Heron, vx_detail::OLD, "VXH1030", 0x02, 0x20000, 1},
     {0x1031, vx_family::Heron, vx_detail::OLD, "VXH1031", 0x02, 0x20000, 2},
-    {0x1040, vx_family::Egret, vx_detail::OLD, "VXE1040", 0x02 | 0x04, 0x100000, 1},
-    {0x1041, vx_family::Egret, vx_detail::OLD, "VXE1041", 0x02 | 0x04, 0x100000, 2},
+    {0x1040, vx_family::Egret, vx_detail::OLD, "VXE1040", 0x04, 0x100000, 1},
+    {0x1041, vx_family::Egret, vx_detail::OLD, "VXE1041", 0x04, 0x100000, 2},
     // Swift generation: fixed layout, 512-byte NVRAM, VPD serial numbers.
-    {0x1050, vx_family::Swift, vx_detail::NEW | vx_detail::OLD, "VXS1050", 0x02 | 0x04, 0x100000, 1},
-    {0x1051, vx_family::Swift, vx_detail::NEW | vx_detail::OLD, "VXS1051", 0x02 | 0x04, 0x100000, 2},
-    {0x1052, vx_family::Swift, vx_detail::NEW, "VXS1052", 0x02 | 0x04, 0x100000, 1},
-    {0x1053, vx_family::Swift, vx_detail::NEW, "VXS1053", 0x02 | 0x04, 0x100000, 2},
-    {0x1054, vx_family::Swift, vx_detail::NEW, "VXS1054", 0x02 | 0x04, 0x100000, 4},
+    {0x1050, vx_family::Swift, vx_detail::NEW | vx_detail::OLD, "VXS1050", 0x04, 0x100000, 1},
+    {0x1051, vx_family::Swift, vx_detail::NEW | vx_detail::OLD, "VXS1051", 0x04, 0x100000, 2},
+    {0x1052, vx_family::Swift, vx_detail::NEW, "VXS1052", 0x04, 0x100000, 1},
+    {0x1053, vx_family::Swift, vx_detail::NEW, "VXS1053", 0x04, 0x100000, 2},
+    {0x1054, vx_family::Swift, vx_detail::NEW, "VXS1054", 0x04, 0x100000, 4},
     // Converged (FCoE) families with a flash layout table.
     {0x2010, vx_family::Kite, vx_detail::FLT | VX_MARK_CNA | VX_MARK_FLASH_BI_REFRESH, "VXK2010", 0x10, 0x200000, 2},
     {0x2011, vx_family::Kite, vx_detail::FLT | VX_MARK_CNA | VX_MARK_FLASH_BI_REFRESH, "VXK2011", 0x10, 0x200000, 2},
@@ -92,21 +94,21 @@ inline constexpr std::array<vx_adapter_type, 26> vx_adapter_table{{
      vx_detail::FLT | VX_MARK_CNA | VX_MARK_FLASH_BI_REFRESH | VX_MARK_ADAPTER_VERSIONS | VX_MARK_MPI_EDC,
      "VXL2020", 0x10, 0x400000, 2},
     // Fibre Channel families with a flash layout table.
-    {0x2030, vx_family::Wren, vx_detail::FLT, "VXW2030", 0x04 | 0x10, 0x800000, 1},
-    {0x2031, vx_family::Wren, vx_detail::FLT, "VXW2031", 0x04 | 0x10, 0x800000, 2},
-    {0x2040, vx_family::Ibis, vx_detail::FLT | VX_MARK_ACTIVE_IMAGE, "VXI2040", 0x04 | 0x10, 0x1000000, 2},
-    {0x2050, vx_family::Plover, vx_detail::FLT, "VXP2050", 0x04 | 0x10 | 0x32, 0x400000, 1},
-    {0x2051, vx_family::Plover, vx_detail::FLT, "VXP2051", 0x04 | 0x10 | 0x32, 0x400000, 2},
-    {0x2060, vx_family::Tern, vx_detail::FLT | VX_MARK_ACTIVE_IMAGE, "VXT2060", 0x10 | 0x32, 0x800000, 1},
-    {0x2061, vx_family::Tern, vx_detail::FLT | VX_MARK_ACTIVE_IMAGE, "VXT2061", 0x10 | 0x32, 0x800000, 2},
+    {0x2030, vx_family::Wren, vx_detail::FLT, "VXW2030", 0x08, 0x800000, 1},
+    {0x2031, vx_family::Wren, vx_detail::FLT, "VXW2031", 0x08, 0x800000, 2},
+    {0x2040, vx_family::Ibis, vx_detail::FLT | VX_MARK_ACTIVE_IMAGE, "VXI2040", 0x08, 0x1000000, 2},
+    {0x2050, vx_family::Plover, vx_detail::FLT, "VXP2050", 0x16, 0x400000, 1},
+    {0x2051, vx_family::Plover, vx_detail::FLT, "VXP2051", 0x16, 0x400000, 2},
+    {0x2060, vx_family::Tern, vx_detail::FLT | VX_MARK_ACTIVE_IMAGE, "VXT2060", 0x32, 0x800000, 1},
+    {0x2061, vx_family::Tern, vx_detail::FLT | VX_MARK_ACTIVE_IMAGE, "VXT2061", 0x32, 0x800000, 2},
     {0x2070, vx_family::Crane,
-     vx_detail::FLT | VX_MARK_CNA | VX_MARK_ADAPTER_VERSIONS | VX_MARK_MPI_PEP, "VXC2070", 0x10 | 0x32,
+     vx_detail::FLT | VX_MARK_CNA | VX_MARK_ADAPTER_VERSIONS | VX_MARK_MPI_PEP, "VXC2070", 0x32,
      0x1000000, 2},
     {0x2071, vx_family::Crane,
-     vx_detail::FLT | VX_MARK_CNA | VX_MARK_ADAPTER_VERSIONS | VX_MARK_MPI_PEP, "VXC2071", 0x10 | 0x32,
+     vx_detail::FLT | VX_MARK_CNA | VX_MARK_ADAPTER_VERSIONS | VX_MARK_MPI_PEP, "VXC2071", 0x32,
      0x1000000, 2},
     {0x2072, vx_family::Crane,
-     vx_detail::FLT | VX_MARK_CNA | VX_MARK_ADAPTER_VERSIONS | VX_MARK_MPI_PEP, "VXC2072", 0x10 | 0x32,
+     vx_detail::FLT | VX_MARK_CNA | VX_MARK_ADAPTER_VERSIONS | VX_MARK_MPI_PEP, "VXC2072", 0x32,
      0x1000000, 4},
 }};
 

@@ -28,6 +28,21 @@ ImageWindow image_window(const Sim& sim, const HostRef& h, AttrKind kind) {
                        0};
 }
 
+ssize_t nvram_write(const ImageWindow& w, uint64_t pos, const void* buf, size_t n) {
+    const ssize_t r = image_write(w, pos, buf, n);
+    if (r <= 0)
+        return r;
+    // The driver checksums what it programs, as the firmware reads nothing else.
+    uint8_t image[512];
+    const ssize_t len = image_read(w, 0, image, sizeof image);
+    if (len > 0) {
+        set_nvram_checksum(image, static_cast<size_t>(len));
+        if (ssize_t e = image_write(w, 0, image, static_cast<size_t>(len)); e < 0)
+            return e;
+    }
+    return r;
+}
+
 namespace {
 
 constexpr size_t STORE_MAX = 4096;
@@ -76,7 +91,10 @@ ssize_t transfer(const Sim& sim, Desc& d, bool writing, void* rbuf, const void* 
         r = writing ? dev.write(pos, wbuf, n) : dev.read(pos, rbuf, n);
     } else if (d.attr == AttrKind::Nvram || d.attr == AttrKind::Vpd) {
         ImageWindow w = image_window(sim, *h, d.attr);
-        r = writing ? image_write(w, pos, wbuf, n) : image_read(w, pos, rbuf, n);
+        if (!writing)
+            r = image_read(w, pos, rbuf, n);
+        else
+            r = d.attr == AttrKind::Nvram ? nvram_write(w, pos, wbuf, n) : image_write(w, pos, wbuf, n);
     } else
         r = -EIO;  // optrom_ctl is write-only; its open refuses readers
     journal_result(f, r);

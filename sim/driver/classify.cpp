@@ -9,7 +9,7 @@ namespace vxsim::drv {
 
 bool is_reserved_major(unsigned major) {
     return major == root::MAJOR_IOCTL || major == root::MAJOR_CONTROL || major == root::MAJOR_SG ||
-           (major >= root::MAJOR_BSG_FIRST && major <= root::MAJOR_BSG_LAST);
+           root::is_bsg_major(major);
 }
 
 bool is_reserved_block_major(unsigned major) { return major == root::MAJOR_DISK; }

@@ -23,6 +23,9 @@ ssize_t endpoint_attr_write(const Sim& sim, Desc& d, const void* buf, size_t n, 
 // Where a port's NVRAM or VPD image lives, as its attribute shows it (a
 // virtual port shows its physical port's images).
 ImageWindow image_window(const Sim& sim, const HostRef& h, AttrKind kind);
+// A write into an NVRAM window, after which the driver stores the image's
+// checksum (what the firmware checks before it takes the settings).
+ssize_t nvram_write(const ImageWindow& w, uint64_t pos, const void* buf, size_t n);
 
 // Extended-ioctl requests on the ioctl, control and older-generation nodes (ioctl.cpp).
 long endpoint_ioctl(const Sim& sim, Desc& d, unsigned long request, void* arg);

@@ -88,21 +88,6 @@ void fixed(IoctlAnswer& ans, const T& rec, uint32_t room) {
         ans.status = EXT_STATUS_DATA_OVERRUN;
 }
 
-// The bytes the port's "vpd" attribute shows.
-std::vector<uint8_t> vpd_bytes(const Sim& sim, const IoctlPort& p) {
-    constexpr size_t LIMIT = 64 * 1024;  // far above any VPD
-    ImageWindow w = image_window(sim, HostRef{p.adapter, p.fn, p.physical}, AttrKind::Vpd);
-    std::vector<uint8_t> out;
-    uint8_t chunk[1024];
-    while (out.size() < LIMIT) {
-        ssize_t r = image_read(w, out.size(), chunk, sizeof chunk);
-        if (r <= 0)
-            break;
-        out.insert(out.end(), chunk, chunk + r);
-    }
-    return out;
-}
-
 void query(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req) {
     const uint32_t room = req.response_len;
     switch (req.subcode) {
@@ -196,6 +181,8 @@ size_t ioctl_request_bytes(uint8_t command, uint16_t subcode) {
         return FLASH_REQUEST_MAX;
     if (command == EXT_CC_FLASH_UPDATE_CAPS)
         return EXT_FLASH_CAPS_LEN;
+    if (command == EXT_CC_SET_NVRAM || command == EXT_CC_SET_VPD)
+        return IMAGE_REQUEST_MAX;
     return 0;
 }
 
@@ -223,6 +210,9 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
     case EXT_CC_GET_LUN_DATA:
     case EXT_CC_WWPN_TO_SCSIADDR:
     case EXT_CC_GET_VPD:
+    case EXT_CC_SET_VPD:
+    case EXT_CC_GET_NVRAM:
+    case EXT_CC_SET_NVRAM:
     case EXT_CC_SEND_SCSI_PASSTHRU:
     case EXT_CC_SEND_CT_PASSTHRU:
     case EXT_CC_SEND_ELS_PASSTHRU:
@@ -274,19 +264,10 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
     case EXT_CC_GET_OPTROM_LAYOUT:
     case EXT_CC_ACTIVATE_REGION:
     case EXT_CC_FLASH_UPDATE_CAPS: ioctl_flash(sim, ans, p, req); break;
-    case EXT_CC_GET_VPD: {
-        std::vector<uint8_t> vpd = vpd_bytes(sim, p);
-        if (vpd.empty()) {
-            ans.status = EXT_STATUS_ERR;
-            break;
-        }
-        if (vpd.size() > req.response_len) {
-            vpd.resize(req.response_len);
-            ans.status = EXT_STATUS_DATA_OVERRUN;
-        }
-        ans.response = std::move(vpd);
-        break;
-    }
+    case EXT_CC_GET_VPD:
+    case EXT_CC_SET_VPD:
+    case EXT_CC_GET_NVRAM:
+    case EXT_CC_SET_NVRAM: ioctl_image(sim, ans, p, req); break;
     default: break;
     }
     return ans;
@@ -297,6 +278,9 @@ std::string ioctl_command_name(uint8_t command) {
     case EXT_CC_QUERY: return "EXT_CC_QUERY";
     case EXT_CC_GET_DATA: return "EXT_CC_GET_DATA";
     case EXT_CC_GET_VPD: return "EXT_CC_GET_VPD";
+    case EXT_CC_SET_VPD: return "EXT_CC_SET_VPD";
+    case EXT_CC_GET_NVRAM: return "EXT_CC_GET_NVRAM";
+    case EXT_CC_SET_NVRAM: return "EXT_CC_SET_NVRAM";
     case EXT_CC_GET_LUN_DATA: return "EXT_CC_GET_LUN_DATA";
     case EXT_CC_DRIVER_SPECIFICS: return "EXT_CC_DRIVER_SPECIFICS";
     case EXT_CC_WWPN_TO_SCSIADDR: return "EXT_CC_WWPN_TO_SCSIADDR";

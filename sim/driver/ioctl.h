@@ -114,6 +114,8 @@ size_t ioctl_request_bytes(uint8_t command, uint16_t subcode);
 inline constexpr size_t PASSTHRU_REQUEST_MAX = 65536;
 // The largest flash update (above every flash of the adapter table).
 inline constexpr size_t FLASH_REQUEST_MAX = 64u << 20;
+// The largest NVRAM or VPD write (above every image).
+inline constexpr size_t IMAGE_REQUEST_MAX = 4096;
 
 // ---- Pass-through (ioctl_passthru.cpp) ----
 
@@ -133,6 +135,11 @@ IoctlAnswer ioctl_dispatch(const Sim& sim, const std::vector<IoctlPort>& ports, 
 
 // The flash commands: read, update, layout, activation, update capabilities.
 void ioctl_flash(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req);
+// NVRAM and VPD, read and written (ioctl_image.cpp): the images the port's
+// attributes show. A read hands over what fits the response buffer (a VPD
+// cut short is a data overrun); a write must fit the image (status 6
+// otherwise), and an NVRAM write gets its checksum from the driver.
+void ioctl_image(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest& req);
 
 // "EXT_CC_QUERY" etc. for the journal; the number in hexadecimal for others.
 std::string ioctl_command_name(uint8_t command);

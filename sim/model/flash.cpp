@@ -584,15 +584,14 @@ std::vector<uint8_t> build_nvram(const Adapter& a, size_t fn) {
         std::memcpy(p + 480, model.data(), std::min<size_t>(model.size(), 16));
         put16(p + 504, a.subsystem_vendor_id);
         put16(p + 506, a.subsystem_device_id);
-        uint32_t sum = 0;
-        for (int i = 0; i < 127; ++i)
-            sum += get32(p + 4 * i);
-        put32(p + 508, uint32_t(0) - sum);
+        // Setup tools take the adapter class from word 126 of the older
+        // layout, in this one too: the reserved word there repeats the id.
+        put16(p + 252, a.subsystem_device_id);
+        set_nvram_checksum(p, n.size());
         return n;
     }
 
-    // The older word-addressed layout. Its check byte is word 127 bits 8-15
-    // (byte 255): it makes the 8-bit sum of all 256 bytes 0.
+    // The older word-addressed layout.
     std::vector<uint8_t> n(256, 0);
     uint8_t* p = n.data();
     auto word = [p](size_t w, uint16_t v) { put16(p + 2 * w, v); };
@@ -616,11 +615,25 @@ std::vector<uint8_t> build_nvram(const Adapter& a, size_t fn) {
     word(124, a.subsystem_device_id);
     word(125, a.subsystem_vendor_id);
     word(126, a.subsystem_device_id);
-    uint8_t sum = 0;
-    for (int i = 0; i < 255; ++i)
-        sum = uint8_t(sum + p[i]);
-    p[255] = uint8_t(-sum);
+    set_nvram_checksum(p, n.size());
     return n;
+}
+
+void set_nvram_checksum(uint8_t* image, size_t size) {
+    if (size >= 512) {
+        // 32-bit little-endian words summing to 0; the last one is the checksum.
+        uint32_t sum = 0;
+        for (size_t i = 0; i < 127; ++i)
+            sum += get32(image + 4 * i);
+        put32(image + 508, uint32_t(0) - sum);
+    } else if (size >= 256) {
+        // The older layout's check byte is word 127 bits 8-15 (byte 255): it
+        // makes the 8-bit sum of all 256 bytes 0.
+        uint8_t sum = 0;
+        for (size_t i = 0; i < 255; ++i)
+            sum = uint8_t(sum + image[i]);
+        image[255] = uint8_t(-sum);
+    }
 }
 
 std::vector<uint8_t> build_vpd(const Adapter& a, size_t /*fn*/) {
@@ -647,6 +660,11 @@ std::vector<uint8_t> build_vpd(const Adapter& a, size_t /*fn*/) {
     w.keyword("PN", (model + "-01").substr(0, 24));
     w.keyword("EC", "A01");
     w.keyword("SN", a.serial_number.substr(0, 32));
+    if (a.vpd == VpdContent::Truncated) {
+        // An erased part after a write that stopped here.
+        std::fill(v.begin() + long(std::min(w.pos(), v.size())), v.end(), 0xFF);
+        return v;
+    }
     char mn[8];
     std::snprintf(mn, sizeof mn, "%04X", a.vendor_id);
     w.keyword("MN", mn);
@@ -670,7 +688,7 @@ std::vector<uint8_t> build_vpd(const Adapter& a, size_t /*fn*/) {
     uint8_t sum = 0;
     for (size_t i = 0; i < rv; ++i)
         sum = uint8_t(sum + v[i]);
-    v[rv] = uint8_t(-sum);
+    v[rv] = uint8_t(-sum + (a.vpd == VpdContent::BadChecksum ? 1 : 0));
     return v;
 }
 

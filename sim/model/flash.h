@@ -30,7 +30,14 @@ std::vector<uint8_t> build_flash(const Adapter& a);
 // scenario has none). Empty for an unknown device id.
 std::vector<uint8_t> build_nvram(const Adapter& a, size_t fn);
 
-// VPD image of physical port fn: 512 bytes, 1024 on Wren, Tern and Ibis.
+// Stores the checksum of an NVRAM image of `size` bytes: the 512-byte
+// layout's last little-endian word makes the 128 words sum to 0, the
+// 256-byte layout's last byte makes the bytes sum to 0 modulo 256. Shorter
+// images are left alone.
+void set_nvram_checksum(uint8_t* image, size_t size);
+
+// VPD image of physical port fn: 512 bytes, 1024 on Wren, Tern and Ibis,
+// with the adapter's VpdContent.
 std::vector<uint8_t> build_vpd(const Adapter& a, size_t fn);
 
 struct FlashRange {

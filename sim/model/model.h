@@ -105,6 +105,14 @@ struct FlashVersions {
     std::string nic = "3.1.2";     // NIC boot code on the same families
 };
 
+// What the adapter's VPD holds (every port's alike). HP boards write their
+// identifier length in one byte whatever the content.
+enum class VpdContent {
+    Valid,        // identifier, read-only keywords closed by a correct "RV", read-write section, end tag
+    BadChecksum,  // the same with the "RV" byte one off
+    Truncated,    // cut after the serial number: no "RV", no end tag, the rest erased (0xFF)
+};
+
 // One adapter board: one flash, one serial number, one or more PCI functions.
 struct Adapter {
     std::string id;                // scenario-local name, also names the state files
@@ -126,6 +134,7 @@ struct Adapter {
     uint32_t active_image = 0;     // boards with two image sets: 0 primary, 1 secondary running
     uint32_t driver_flags = 0x04;  // ioctl channels: capability bits of the driver data (0x04: large LUN maps)
     Channel channel = Channel::Sysfs;
+    VpdContent vpd = VpdContent::Valid;
     FlashVersions flash;
     std::vector<PciFunction> functions;
 };

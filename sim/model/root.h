@@ -13,8 +13,26 @@ inline constexpr const char* ENV_ROOT = "VXSIM_ROOT";  // set inside `vxsim run`
 // Nodes are made with the old 8-bit-minor encoding (major * 256 + minor).
 inline constexpr unsigned MAJOR_IOCTL = 60;     // /dev/vxfcdrv, minor 0
 inline constexpr unsigned MAJOR_CONTROL = 61;   // /dev/vxfcapidev, minor 0
-inline constexpr unsigned MAJOR_BSG_FIRST = 120;  // bsg nodes: 120..127, 256 minors each
+// bsg nodes, 256 minors per major: 120..127 first, then 512..767, above the
+// highest major a real driver can register (a node that slipped past the
+// emulation would reach nothing). 67584 nodes: a remote port never lacks one.
+inline constexpr unsigned MAJOR_BSG_FIRST = 120;
 inline constexpr unsigned MAJOR_BSG_LAST = 127;
+inline constexpr unsigned MAJOR_BSG_MORE_FIRST = 512;
+inline constexpr unsigned MAJOR_BSG_MORE_LAST = 767;
+inline constexpr unsigned BSG_NODES =
+    (MAJOR_BSG_LAST - MAJOR_BSG_FIRST + 1 + MAJOR_BSG_MORE_LAST - MAJOR_BSG_MORE_FIRST + 1) * 256;
+// The major of the i-th bsg node (i below BSG_NODES).
+inline constexpr unsigned bsg_major(unsigned i) {
+    const unsigned m = i / 256;
+    return m <= MAJOR_BSG_LAST - MAJOR_BSG_FIRST ? MAJOR_BSG_FIRST + m
+                                                : MAJOR_BSG_MORE_FIRST + m - (MAJOR_BSG_LAST - MAJOR_BSG_FIRST + 1);
+}
+inline constexpr bool is_bsg_major(unsigned major) {
+    return (major >= MAJOR_BSG_FIRST && major <= MAJOR_BSG_LAST) ||
+           (major >= MAJOR_BSG_MORE_FIRST && major <= MAJOR_BSG_MORE_LAST);
+}
+static_assert(bsg_major(2047) == 127 && bsg_major(2048) == 512 && bsg_major(BSG_NODES - 1) == MAJOR_BSG_MORE_LAST);
 // SCSI generic nodes (character, minor = the sg number) and disks (block,
 // minor = the disk's index), made by the runner with full-width minors.
 inline constexpr unsigned MAJOR_SG = 62;

@@ -385,6 +385,28 @@ bool read_channel(Obj& o, const json& v, const std::string& p, Channel& c) {
     return true;
 }
 
+bool read_vpd_content(Obj& o, const json& v, const std::string& p, VpdContent& c) {
+    const std::string s = v.is_string() ? v.get<std::string>() : "";
+    if (s == "valid")
+        c = VpdContent::Valid;
+    else if (s == "bad_checksum")
+        c = VpdContent::BadChecksum;
+    else if (s == "truncated")
+        c = VpdContent::Truncated;
+    else
+        return o.fail(p, "expected \"valid\", \"bad_checksum\" or \"truncated\"");
+    return true;
+}
+
+const char* vpd_content_name(VpdContent c) {
+    switch (c) {
+    case VpdContent::Valid: return "valid";
+    case VpdContent::BadChecksum: return "bad_checksum";
+    case VpdContent::Truncated: return "truncated";
+    }
+    return "valid";
+}
+
 const char* channel_name(Channel c) {
     switch (c) {
     case Channel::Sysfs: return "sysfs";
@@ -423,6 +445,7 @@ bool read_adapter(const json& j, const std::string& path, std::string& err, Adap
            o.boolean("optrom_attrs", a.optrom_attrs) && o.boolean("partial_flash", a.partial_flash) &&
            o.uint("driver_flags", a.driver_flags) && o.uint("active_image", a.active_image) &&
            o.opt("channel", [&](const json& v, const std::string& p) { return read_channel(o, v, p, a.channel); }) &&
+           o.opt("vpd", [&](const json& v, const std::string& p) { return read_vpd_content(o, v, p, a.vpd); }) &&
            o.opt("flash", [&](const json& v, const std::string& p) { return read_flash(v, p, err, a.flash); }) &&
            o.req("functions", [&](const json& v, const std::string& p) {
                if (v.is_array() && v.empty())
@@ -491,6 +514,7 @@ struct Generate {
     std::optional<uint32_t> first_host;
     uint32_t first_pci_bus = 0x40;
     std::string speed = "16 Gbit";
+    std::string symbolic_name;  // the port's index over the host is appended
     Channel channel = Channel::Sysfs;
 };
 
@@ -498,7 +522,7 @@ bool read_generate(const json& j, const std::string& path, std::string& err, Gen
     Obj o(j, path, err);
     return o.uint("adapters", g.adapters, true, 255) && o.uint("device_id", g.device_id, true) &&
            o.uint("ports_per_adapter", g.ports_per_adapter, false, 8) &&
-           o.uint("remote_ports_per_port", g.remote_ports_per_port, false, 255) &&
+           o.uint("remote_ports_per_port", g.remote_ports_per_port, false, 256) &&
            o.uint("luns_per_target", g.luns_per_target, false, 256) &&
            o.uint("lun_target_every", g.lun_target_every, false, 0xFFFF) &&
            o.opt("first_host", [&](const json& v, const std::string& p) {
@@ -509,6 +533,7 @@ bool read_generate(const json& j, const std::string& path, std::string& err, Gen
                return true;
            }) &&
            o.uint("first_pci_bus", g.first_pci_bus, false, 0xFF) && o.str("speed", g.speed) &&
+           o.str("symbolic_name", g.symbolic_name) &&
            o.opt("channel", [&](const json& v, const std::string& p) { return read_channel(o, v, p, g.channel); }) &&
            o.done();
 }
@@ -557,6 +582,8 @@ bool expand(const Generate& g, const std::string& path, std::string& err, Scenar
             h.port_id = 0x010000u | uint32_t(p << 8);
             h.fabric_name = 0x100000051e000001ull;
             h.speed = g.speed;
+            if (!g.symbolic_name.empty())
+                h.symbolic_name = g.symbolic_name + std::to_string(p);
             for (uint32_t r = 0; r < g.remote_ports_per_port; ++r) {
                 RemotePort rp;
                 rp.number = r;
@@ -857,6 +884,7 @@ std::string scenario_to_json(const Scenario& s) {
         aj["driver_flags"] = a.driver_flags;
         aj["active_image"] = a.active_image;
         aj["channel"] = channel_name(a.channel);
+        aj["vpd"] = vpd_content_name(a.vpd);
         aj["flash"] = {{"bios", a.flash.bios},         {"fcode", a.flash.fcode}, {"efi", a.flash.efi},
                        {"firmware", a.flash.firmware}, {"mpi", a.flash.mpi},     {"pep", a.flash.pep},
                        {"edc", a.flash.edc},           {"nic", a.flash.nic}};

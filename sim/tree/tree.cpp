@@ -32,8 +32,6 @@
 namespace vxsim {
 namespace {
 
-constexpr unsigned BSG_NODES = (root::MAJOR_BSG_LAST - root::MAJOR_BSG_FIRST + 1) * 256;
-
 std::string fmt(const char* f, auto... args) {
     char buf[256];
     int n = std::snprintf(buf, sizeof buf, f, args...);
@@ -708,9 +706,9 @@ std::vector<DeviceNode> plan_device_nodes(const Scenario& s) {
     // Old 8-bit minors: 256 per major, hosts first so that they never run out.
     unsigned next = 0;
     auto take = [&](DeviceNode n) {
-        if (next >= BSG_NODES)
+        if (next >= root::BSG_NODES)
             return;
-        n.major = root::MAJOR_BSG_FIRST + next / 256;
+        n.major = root::bsg_major(next);
         n.minor = next % 256;
         ++next;
         nodes.push_back(std::move(n));

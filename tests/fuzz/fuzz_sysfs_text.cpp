@@ -1,6 +1,6 @@
 // The parsers of attribute text and names that the kernel or driver hands
 // over: hexadecimal names into byte arrays, SCSI addresses, LUN numbers,
-// SCSI host entry names.
+// SCSI host and remote-port entry names.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -20,8 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vxsysfs_to_array_hex(bytes.empty() ? nullptr : bytes.data(), str, array_size);
     vxsysfs_get_target_id(str);
     vxsysfs_get_lun_no(str);
-    uint32_t host = 0;
+    uint32_t host = 0, channel = 0, number = 0;
     vxsysfs_parse_host_name(str, &host);
+    vxsysfs_parse_rport_name(str, &host, &channel, &number);
 
     std::vector<char> line(text.begin(), text.end());
     line.push_back('\0');

@@ -71,6 +71,43 @@ Bytes new_boot_image(Bytes b, size_t settings_len) {
     return b;
 }
 
+// The VPD's items as the library walks them (a 16-bit identifier length):
+// the data of keyword `kw` ("" when absent), and whether "RV" makes the sum
+// of the bytes up to it 0.
+struct VpdWalk {
+    std::string value;
+    bool checksum = false;
+};
+VpdWalk walk_vpd(const Bytes& v, const char* kw) {
+    VpdWalk out;
+    uint8_t sum = 0;
+    for (size_t pos = 0; pos + 3 < v.size() && v[pos] != 0x78;) {
+        const uint8_t tag = v[pos];
+        const bool section = tag == 0x90 || tag == 0x91;
+        const size_t len = section ? 0 : tag == 0x82 ? le16(v, pos + 1) : v[pos + 2];
+        if (pos + 3 + len > v.size())
+            break;
+        if (tag != 0x82 && !section && v[pos] == kw[0] && v[pos + 1] == kw[1])
+            out.value.assign(reinterpret_cast<const char*>(&v[pos + 3]), strnlen(reinterpret_cast<const char*>(&v[pos + 3]), len));
+        if (tag != 0x82 && !section && v[pos] == 'R' && v[pos + 1] == 'V') {
+            out.checksum = uint8_t(sum + 'R' + 'V' + v[pos + 2] + v[pos + 3]) == 0;
+            break;
+        }
+        for (size_t i = 0; i < 3 + len; ++i)
+            sum = uint8_t(sum + v[pos + i]);
+        pos += 3 + len;
+    }
+    return out;
+}
+
+Bytes vpd_of(int h) {
+    Bytes v(1024);
+    uint32_t size = 1024;
+    EXPECT_EQ(SDGetVpd(h, 0, v.data(), &size), 0u);
+    v.resize(size);
+    return v;
+}
+
 struct Region {
     uint32_t code;
     uint32_t size;
@@ -147,6 +184,9 @@ SIM_TEST(Flash, EveryFamilyKeepsItsSettingsAcrossABootUpdate, "families.json") {
 
         Bytes current(before.begin() + boot.beg, before.begin() + boot.beg + boot.size);
         Bytes image = new_boot_image(current, settings_len);
+        std::vector<Bytes> vpd_before;
+        for (size_t fn = 0; fn < adapter->functions.size(); ++fn)
+            vpd_before.push_back(vpd_of(h + int(fn)));
         const bool wren_like = adapter->id == "wren0" || adapter->id == "ibis0";
         uint32_t status;
         if (wren_like) {
@@ -181,6 +221,23 @@ SIM_TEST(Flash, EveryFamilyKeepsItsSettingsAcrossABootUpdate, "families.json") {
         }
         if (adapter->device_id == 0x1010 || adapter->device_id == 0x1011 || adapter->device_id == 0x1021) {
             EXPECT_EQ(after[0x1FE00], 0x82) << "the VPD inside the boot image is kept";
+        }
+        // The VPD names the new BIOS where the update refreshes it (the boards
+        // that keep it in the boot image, and both ports of a Swift board);
+        // the HP board's one-byte identifier length stops the refresh walk.
+        const bool refreshed = (adapter->id == "finch0" || adapter->id == "robin0" || swift);
+        for (size_t fn = 0; fn < vpd_before.size(); ++fn) {
+            SCOPED_TRACE("function " + std::to_string(fn));
+            const Bytes vpd = vpd_of(h + int(fn));
+            if (!refreshed) {
+                EXPECT_EQ(vpd, vpd_before[fn]);
+                continue;
+            }
+            const VpdWalk now = walk_vpd(vpd, "V4");
+            EXPECT_EQ(now.value, " 4.32");
+            EXPECT_TRUE(now.checksum);
+            EXPECT_EQ(walk_vpd(vpd, "SN").value, walk_vpd(vpd_before[fn], "SN").value);
+            EXPECT_EQ(walk_vpd(vpd, "V5").value, walk_vpd(vpd_before[fn], "V5").value);
         }
     }
 }

@@ -213,6 +213,7 @@ SIM_TEST(SimDriver, NvramAndVpdInsideTheFlash, "single.json") {
     ::close(fd);
     std::copy(bytes, bytes + 4, f.begin() + nv->offset + 20);
     std::copy(bytes, bytes + 2, f.begin() + nv->offset + nv_size - 2);
+    set_nvram_checksum(f.data() + nv->offset, nv_size);  // the driver checksums every write
     EXPECT_EQ(flash(), f);
 }
 
@@ -221,8 +222,9 @@ SIM_TEST(SimDriver, NvramOutsideTheFlashLivesInItsStateFile, OUTSIDE) {
     const Bytes image = nvram_image(4);
     ASSERT_FALSE(image.empty());
     EXPECT_EQ(read_attr("nvram"), image);
-    const Bytes data = pattern(image.size(), 5);
+    Bytes data = pattern(image.size(), 5);
     write_attr("nvram", data);
+    set_nvram_checksum(data.data(), data.size());
     EXPECT_EQ(nvram_image(4), data);
     EXPECT_EQ(read_attr("vpd"), vpd_image(4));
 }

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -277,7 +278,7 @@ SIM_TEST(Vxcli, BashCompletion, "default.json") {
     } cases[] = {
         {"vxcli sh", "show"},
         {"vxcli --json t", "targets"},
-        {"vxcli help re", "report"},
+        {"vxcli help re", "report readcap reportluns"},
         {"vxcli show ho", "host2 host3 host7 host8"},
         // bash completes only after the last ':' of a WWPN.
         {"vxcli targets 21:00:00:1d:5a:02:5", "51:42 51:43"},
@@ -461,6 +462,181 @@ SIM_TEST(Vxcli, FlashWriteRefusesVirtualPorts, "default.json") {
     expect_failure({"flash"}, 1, "flash: name what to do: layout, read, write");
 }
 
+// NVRAM settings: the list, one variable, and a change written once,
+// confirmed and read back; refusals change nothing.
+SIM_TEST(Vxcli, NvramListGetAndSet, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const json list = doc_of({"nvram", "0"});
+    ASSERT_FALSE(list["variables"].empty()) << list;
+    json throttle;
+    for (const json& v : list["variables"]) {
+        EXPECT_TRUE(v["visible"].get<bool>()) << v;
+        if (v["number"] == 21)
+            throttle = v;
+    }
+    ASSERT_TRUE(throttle.is_object()) << "execution throttle is listed";
+    EXPECT_EQ(throttle["description"], "Execution Throttle");
+    EXPECT_EQ(doc_of({"nvram", "0", "get", "21"})["variable"], throttle);
+    EXPECT_EQ(doc_of({"nvram", "0", "get", "0x15"})["variable"], throttle);
+    const uint32_t old_value = throttle["value"].get<uint32_t>();
+    const uint32_t new_value = old_value + 5;
+    const json other_port = doc_of({"nvram", "1", "get", "21"})["variable"];
+    const std::string new_text = std::to_string(new_value);
+
+    // Refused without --yes (no terminal): nothing written.
+    expect_failure({"nvram", "0", "set", "21", new_text}, 1, "nvram: give --yes to confirm");
+    EXPECT_EQ(doc_of({"nvram", "0", "get", "21"})["variable"]["value"], old_value);
+
+    const json set = doc_of({"nvram", "0", "set", "21", new_text, "--yes"});
+    EXPECT_EQ(set["changed"], true);
+    EXPECT_EQ(set["previous"], old_value);
+    EXPECT_EQ(set["variable"]["value"], new_value);
+    EXPECT_EQ(doc_of({"nvram", "0", "get", "21"})["variable"]["value"], new_value);
+    // Setting the value it has writes nothing, so it needs no confirmation.
+    const json same = doc_of({"nvram", "0", "set", "21", new_text});
+    EXPECT_EQ(same["changed"], false);
+    EXPECT_EQ(vxcli({"nvram", "0", "set", "21", new_text}).out,
+              "variable 21 (Execution Throttle) already is " + new_text + ": nothing written\n");
+    EXPECT_EQ(doc_of({"nvram", "1", "get", "21"})["variable"], other_port) << "another port's settings are its own";
+
+    const struct {
+        std::vector<std::string> args;
+        const char* message;
+    } refused[] = {
+        {{"nvram", "0", "set", "1", "3", "--yes"}, "variable 1 (Adapter Version) is read-only on this adapter"},
+        {{"nvram", "0", "set", "21", "70000", "--yes"}, "variable 21 (Execution Throttle) cannot hold 70000 (it would read 4464)"},
+        {{"nvram", "0", "set", "21", "-1", "--yes"}, "nvram: bad value '-1'"},
+        {{"nvram", "0", "set", "21", "12abc", "--yes"}, "nvram: bad value '12abc'"},
+        {{"nvram", "0", "get", "133"}, "nvram: no variable '133': give a number from 0 to 132"},
+        {{"nvram", "0", "get", "0xFFFFFFFF"}, "nvram: no variable '0xFFFFFFFF'"},
+        {{"nvram", "0", "get", "21", "5"}, "nvram: get takes a variable number only"},
+        {{"nvram", "0", "set", "21"}, "nvram: set takes a variable number and a value"},
+        {{"nvram", "0", "get"}, "nvram: get takes a variable number"},
+        {{"nvram", "0", "frob", "21"}, "nvram: "},
+    };
+    for (const auto& r : refused)
+        expect_failure(r.args, 1, r.message);
+    json expected = list["variables"];
+    for (json& v : expected)
+        if (v["number"] == 21)
+            v["value"] = new_value;
+    EXPECT_EQ(doc_of({"nvram", "0"})["variables"], expected) << "the refusals changed nothing";
+
+    // A write the driver fails: exit 4, the setting as it was.
+    st::arm_fault("nvram", "write", "eio", -1);
+    const Run failed = vxcli({"nvram", "0", "set", "21", "9", "--yes"});
+    EXPECT_EQ(st::run_vxsim({"fault", "clear"}).status, 0);
+    EXPECT_EQ(failed.status, 4);
+    EXPECT_TRUE(failed.err.starts_with("vxcli: port 0: NVRAM update failed: ")) << failed.err;
+    EXPECT_EQ(doc_of({"nvram", "0", "get", "21"})["variable"]["value"], new_value);
+}
+
+namespace {
+
+// Whether a keyword item `key` holding `value` (as shown) is in the raw VPD.
+bool vpd_holds(const std::vector<uint8_t>& vpd, const std::string& key, const std::string& value) {
+    for (size_t at = 0; at + 3 + value.size() <= vpd.size(); ++at)
+        if (std::memcmp(vpd.data() + at, key.data(), 2) == 0 &&
+            std::memcmp(vpd.data() + at + 3, value.data(), value.size()) == 0)
+            return true;
+    return false;
+}
+
+}  // namespace
+
+// Every board's VPD, decoded and as item lines, against the bytes the library
+// reads: valid, bad checksum (Heron), cut short (Egret), the one-byte
+// identifier length of the HP board.
+SIM_TEST(Vxcli, VpdOfEveryFamily, "families.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const uint32_t ports = SDGetNumberOfAdapters();
+    ASSERT_EQ(ports, 23u);
+    for (uint32_t i = 0; i < ports; ++i) {
+        const std::string port = std::to_string(i);
+        const json d = doc_of({"vpd", port});
+        int h = 0;
+        ASSERT_EQ(SDOpenDevice(i, &h), 0u);
+        std::vector<uint8_t> vpd(1024);
+        uint32_t size = 1024;
+        ASSERT_EQ(SDGetVpd(h, 0, vpd.data(), &size), 0u);
+        vpd.resize(size);
+        EXPECT_EQ(d["size"], size);
+        const std::string identifier = d["identifier"].get<std::string>();
+        EXPECT_TRUE(identifier.starts_with("Varnex VX")) << port << ": " << identifier;
+        const bool heron = identifier.starts_with("Varnex VXH"), egret = identifier.starts_with("Varnex VXE");
+        EXPECT_EQ(d["checksum_valid"], !heron && !egret) << port;
+        EXPECT_EQ(d["complete"], !egret) << port;
+
+        const Run raw = vxcli({"vpd", port, "--raw"});
+        EXPECT_EQ(raw.status, 0);
+        EXPECT_TRUE(raw.out.starts_with(" 0x82  \"" + identifier + "\"\n 0x90\n")) << port << ":\n" << raw.out;
+        EXPECT_EQ(raw.out.ends_with(" 0x78\n"), !egret) << port << ":\n" << raw.out;
+        EXPECT_EQ(doc_of({"vpd", port, "--raw"})["text"], raw.out);
+        bool serial = false;
+        for (const json& f : d["fields"]) {
+            const std::string key = f["keyword"], value = f["value"];
+            serial = serial || key == "SN";
+            if (key == "RV" || key == "RW") {
+                EXPECT_NE(raw.out.find(" \"" + key + "\"  " + value + "\n"), std::string::npos) << port << key;
+                continue;
+            }
+            EXPECT_TRUE(vpd_holds(vpd, key, value)) << port << ": " << key << " " << value;
+            EXPECT_NE(raw.out.find(" \"" + key + "\"  \"" + value + "\"\n"), std::string::npos) << port << key;
+        }
+        EXPECT_TRUE(serial) << port;
+    }
+}
+
+// SCSI and name-server pass-through on the default host: a target named by
+// id or by WWPN, the probe shown for the target that refuses REPORT LUNS, a
+// check condition's sense in the error, the fabric's ports.
+SIM_TEST(Vxcli, PassThroughCommands, "default.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli is not built";
+    const json inquiry = doc_of({"inquiry", "1", "50:06:01:60:08:60:1a:00", "1"})["inquiry"];
+    EXPECT_EQ(without(inquiry, {"target"}), without(doc_of({"inquiry", "host2", "0", "1"})["inquiry"], {"target"}));
+    EXPECT_EQ(without(inquiry, {"target", "qualifier", "version", "device_type"}),
+              json::parse(R"({"lun": 1, "type": "disk", "vendor": "VARNEX", "product": "SIMDISK", "revision": "0001"})"));
+    const json cap = doc_of({"readcap", "1", "0", "2"})["capacity"];
+    EXPECT_EQ(cap["blocks"], 41943040);
+    EXPECT_EQ(cap["bytes"], 41943040ull * 512);
+
+    const json luns = doc_of({"reportluns", "1", "0"})["report_luns"];
+    EXPECT_EQ(luns["probed"], false);
+    std::vector<json> numbers;
+    for (const json& l : luns["luns"])
+        numbers.push_back(l["lun"]);
+    EXPECT_EQ(json(numbers), json::parse("[0, 1, 2, 256, 1025]"));
+    EXPECT_EQ(luns["luns"][3]["address"], "4100000000000000");
+    EXPECT_EQ(luns["luns"][3]["method"], "flat");
+    // Host 3's target refuses REPORT LUNS: its LUNs come from READ CAPACITY.
+    const Run probed = vxcli({"reportluns", "host3", "0"});
+    EXPECT_EQ(probed.status, 0);
+    EXPECT_EQ(probed.out, "The target refused REPORT LUNS: these LUNs answered READ CAPACITY (LUNs 0-255 were asked).\n"
+                          "LUN  ADDRESS           METHOD\n"
+                          "  0  0000000000000000  peripheral\n"
+                          "  1  0001000000000000  peripheral\n");
+    EXPECT_EQ(doc_of({"reportluns", "host3", "0"})["report_luns"]["probed"], true);
+    EXPECT_EQ(vxcli({"reportluns", "host3", "0", "--raw"}).out,
+              "00000000  00 00 00 10 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
+              "00000010  00 01 00 00 00 00 00 00                           |........|\n"
+              "00000018\n");
+
+    // READ CAPACITY of a tape: the check condition and its sense.
+    const Run tape = vxcli({"--json", "readcap", "1", "1"});
+    EXPECT_EQ(tape.status, 4);
+    EXPECT_EQ(tape.doc["capacity"]["error"]["sense"], json::parse(R"({"key": 5, "asc": 32, "ascq": 0})"));
+    EXPECT_EQ(tape.doc["capacity"]["error"]["status"], SDM_STATUS_SCSI_CHECK_CONDITION);
+    expect_failure({"inquiry", "1", "frob"}, 1, "TARGET must be a SCSI target id (0-65535) or a WWPN: frob");
+
+    // The name server of host 2's fabric: both its ports and their remote ports.
+    const json ns = doc_of({"nameserver", "1"});
+    EXPECT_EQ(ns["port_count"], 6);
+    EXPECT_EQ(ns["ports"][2], json::parse(R"({"port_id": "0x010400", "wwpn": "50:06:01:60:08:60:1a:00",
+                                              "wwnn": "50:06:01:60:88:60:1a:00"})"));
+    EXPECT_EQ(doc_of({"nameserver", "host3", "--type", "8"})["port_count"], 2);
 SIM_TEST(Vxcli, OnlineFlashUpdateWithActivation, "crane.json") {
     if (!have_vxcli())
         GTEST_SKIP() << "vxcli not built";

@@ -38,6 +38,13 @@ enum class slot {
     flash_update_caps,
     query_adapter_versions,
     get_active_image_set,
+    get_nvram,
+    set_nvram,
+    set_vpd,
+    send_scsipt,
+    send_fc_scsipt,
+    send_ct_passthru,
+    send_els_passthru,
 };
 
 // One expected request and what the driver hands back for it.
@@ -48,7 +55,8 @@ struct expectation {
     std::optional<uint32_t> offset;  // the flash offset (option ROM)
     std::vector<uint8_t> sent;     // what an update handed over (filled as it is served)
     std::optional<uint32_t> size;  // the buffer size the leaf passes (sized requests)
-    std::vector<uint8_t> bytes;    // written to the start of the record
+    std::vector<uint8_t> bytes;    // written to the start of the record (pass-through: the data in)
+    std::vector<uint8_t> sense;    // pass-through: the sense a check condition brings back
     uint32_t ext_stat = EXT_STATUS_OK;
     uint32_t ext_dstat = 0;
     int32_t result = 0;
@@ -64,6 +72,7 @@ struct expectation {
         return *this;
     }
     expectation& answer_bytes(std::vector<uint8_t> b) { bytes = std::move(b); return *this; }
+    expectation& with_sense(std::vector<uint8_t> s) { sense = std::move(s); return *this; }
     expectation& status(uint32_t s, uint32_t detail = 0) { ext_stat = s; ext_dstat = detail; return *this; }
     expectation& fails(int32_t rc, int e = 0) { result = rc; err = e; return *this; }
 };
@@ -91,6 +100,23 @@ public:
     }
 
     static const vxapi_channel_ops table;
+
+    // The pass-through slots: `arg` is the LUN, `size` the data buffer's
+    // (either way); the answer's data land in the response buffer and its
+    // sense where the leaf would put them.
+    static int32_t serve_scsi(slot s, uint16_t lun, void* data, uint32_t data_size, uint8_t* sense,
+                              uint32_t sense_room, uint32_t* sense_len, uint32_t* pext_stat, uint32_t* pext_dstat) {
+        channel* self = current();
+        const std::vector<uint8_t> answer = self && !self->queue_.empty() ? self->queue_.front().sense
+                                                                          : std::vector<uint8_t>{};
+        const int32_t rc = serve(s, data, data ? data_size : 0, pext_stat, pext_dstat, lun, data_size);
+        const uint32_t n = answer.size() < sense_room ? static_cast<uint32_t>(answer.size()) : sense_room;
+        if (n)
+            memcpy(sense, answer.data(), n);
+        if (sense_len && n)
+            *sense_len = n;
+        return rc;
+    }
 
     // The body of every slot: the next expectation must be for this slot.
     static int32_t serve(slot s, void* rec, size_t rec_size, uint32_t* pext_stat, uint32_t* pext_dstat,
@@ -195,6 +221,40 @@ inline const vxapi_channel_ops channel::table = {
     },
     [](int, vxapi_priv_database*, uint32_t* image, uint32_t* st) {
         return record_slot(slot::get_active_image_set, image, st);
+    },
+    [](int, vxapi_priv_database*, uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::get_nvram, b, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_nvram, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
+    },
+    [](int, vxapi_priv_database*, const uint8_t* b, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::set_vpd, nullptr, 0, st, nullptr, std::nullopt, size, std::nullopt, b);
+    },
+    [](int, vxapi_priv_database*, const EXT_SCSI_ADDR* a, const uint8_t*, uint32_t, void*,
+       uint32_t req_size, void* resp, uint32_t* resp_size, uint8_t* sense, uint32_t* sense_size, uint32_t* st,
+       uint8_t* scsi) {
+        uint32_t detail = 0;
+        const uint32_t room = sense && sense_size ? *sense_size : 0;
+        const int32_t rc = channel::serve_scsi(slot::send_scsipt, a->Lun, resp,
+                                               resp ? *resp_size : req_size, sense, room, sense_size, st, &detail);
+        *scsi = static_cast<uint8_t>(detail);
+        return rc;
+    },
+    [](int, vxapi_priv_database*, EXT_FC_SCSI_PASSTHRU* pt, void*, uint32_t req_size, void* resp,
+       uint32_t resp_size, uint32_t* st, uint32_t* dst) {
+        uint32_t len = 0;
+        const int32_t rc = channel::serve_scsi(slot::send_fc_scsipt, pt->FCScsiAddr.Lun, resp,
+                                               resp ? resp_size : req_size, pt->SenseData,
+                                               pt->SenseLength, &len, st, dst);
+        pt->SenseLength = static_cast<uint16_t>(len);
+        return rc;
+    },
+    [](int, vxapi_priv_database*, const void*, uint32_t, void* resp, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::send_ct_passthru, resp, size, st, nullptr, std::nullopt, size);
+    },
+    [](int, vxapi_priv_database*, const void*, uint32_t, void* resp, uint32_t size, uint32_t* st) {
+        return channel::serve(slot::send_els_passthru, resp, size, st, nullptr, std::nullopt, size);
     },
 };
 

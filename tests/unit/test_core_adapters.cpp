@@ -39,6 +39,7 @@ TEST(AdapterTable, GroupSizes) {
         {VX_MARK_NEWER, 18}, {VX_MARK_FLT, 13},       {VX_MARK_CNA, 6},
         {VX_MARK_ADAPTER_VERSIONS, 4}, {VX_MARK_MPI_EDC, 1}, {VX_MARK_ACTIVE_IMAGE, 3},
         {VX_MARK_FLASH_BI_REFRESH, 3}, {VX_MARK_MPI_PEP, 3}, {VX_MARK_OLD_VPD_IMAGE, 4},
+        {VX_MARK_VPD_MODEL, 13},
     };
     for (const auto& [mark, size] : marks)
         EXPECT_EQ(count_rows([m = mark](const vx_adapter_type& r) { return (r.marks & m) == m; }), size)

@@ -55,9 +55,8 @@ protected:
         tree.dir("bus/scsi/devices/" + name + "/" + kind + "/" + node);
     }
     void rport(const std::string& name, const std::string& wwpn, int target) {
-        const std::string c = "class/fc_remote_ports/" + name + "/";
-        tree.file(c + "port_name", wwpn + "\n");
-        tree.file(c + "scsi_target_id", std::to_string(target) + "\n");
+        const uint32_t host = static_cast<uint32_t>(std::stoul(name.substr(6)));
+        tree.rport(host, name, {{"port_name", wwpn}, {"scsi_target_id", std::to_string(target)}});
     }
 };
 

@@ -151,10 +151,8 @@ TEST_F(SysfsTree, RemotePortLookupsMatchOnlyTheirHost) {
     } ports[] = {{"rport-15:0-1", "0x5000000000000001", "3"}, {"rport-11:0-0", "0x5000000000000002", "4"},
                  {"rport-1:0-2", "0x5000000000000003", "3"}, {"rport-1:0-3", "0x5000000000000001", "4"}};
     for (const auto& r : ports) {
-        const std::string dev = std::string("devices/x/") + r.name + "/fc_remote_ports/" + r.name;
-        tree.file(dev + "/port_name", std::string(r.wwpn) + "\n");
-        tree.file(dev + "/scsi_target_id", std::string(r.tid) + "\n");
-        tree.link(std::string("class/fc_remote_ports/") + r.name, dev);
+        const uint32_t host = static_cast<uint32_t>(std::stoul(std::string(r.name).substr(6)));
+        tree.rport(host, r.name, {{"port_name", r.wwpn}, {"scsi_target_id", r.tid}});
     }
     const std::string base = tree.path("class/fc_remote_ports/");
     const uint8_t wwpn1[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x01}, wwpn2[8] = {0x50, 0, 0, 0, 0, 0, 0, 0x02};

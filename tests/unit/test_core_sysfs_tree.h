@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
+#include <utility>
 #include <string>
 
 #include "unit_support.h"
@@ -35,6 +37,30 @@ public:
         const std::filesystem::path from(path(rel));
         std::filesystem::create_directories(from.parent_path());
         std::filesystem::create_directory_symlink(std::filesystem::relative(path(target), from.parent_path()), from);
+    }
+
+    // Host N's device directory (devices/hN), reached through its
+    // scsi_host class entry as in the kernel's tree; made on first use.
+    std::string host(uint32_t host_no) const {
+        const std::string n = "host" + std::to_string(host_no);
+        const std::string dev = "devices/h" + std::to_string(host_no);
+        if (!std::filesystem::exists(path("class/scsi_host/" + n))) {
+            dir(dev + "/scsi_host/" + n);
+            link(dev + "/scsi_host/" + n + "/device", dev);
+            link("class/scsi_host/" + n, dev + "/scsi_host/" + n);
+        }
+        return dev;
+    }
+
+    // A remote port of host N under the host's device, listed in its class
+    // too, with attribute texts (a newline is added to each).
+    void rport(uint32_t host_no, const std::string& name,
+               std::initializer_list<std::pair<const char*, std::string>> attrs) const {
+        const std::string c = host(host_no) + "/" + name + "/fc_remote_ports/" + name;
+        dir(c);
+        for (const auto& [attr, text] : attrs)
+            file(c + "/" + attr, text + "\n");
+        link("class/fc_remote_ports/" + name, c);
     }
 
 private:

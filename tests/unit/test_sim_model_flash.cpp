@@ -389,6 +389,42 @@ std::string case_name(const testing::TestParamInfo<Case>& i) { return i.param.na
 
 INSTANTIATE_TEST_SUITE_P(families, sim_model_flash, testing::ValuesIn(all_cases()), case_name);
 
+TEST(sim_model_flash_vpd, contents_a_scenario_asks_for) {
+    const struct {
+        VpdContent content;
+        bool rv_ok, end_tag;
+        const char* v4;  // "<absent>" when cut before it
+    } rows[] = {
+        {VpdContent::Valid, true, true, " 3.18"},
+        {VpdContent::BadChecksum, false, true, " 3.18"},
+        {VpdContent::Truncated, false, false, "<absent>"},
+    };
+    for (const auto& r : rows) {
+        Adapter a = make_adapter(0x1030);
+        a.serial_number = "VXH00001030";
+        a.vpd = r.content;
+        const Bytes v = build_vpd(a, 0);
+        bool rv_ok = false, end_tag = false;
+        const std::vector<Item> items = walk_vpd(v, false, rv_ok, end_tag);
+        EXPECT_EQ(rv_ok, r.rv_ok) << int(r.content);
+        EXPECT_EQ(end_tag, r.end_tag) << int(r.content);
+        EXPECT_EQ(field(v, items, "SN"), "VXH00001030") << int(r.content);
+        EXPECT_EQ(field(v, items, "V4"), r.v4) << int(r.content);
+        if (r.content == VpdContent::Truncated) {
+            EXPECT_EQ(v.back(), 0xFF);
+        }
+    }
+}
+
+TEST(sim_model_flash_nvram, the_wide_layout_names_the_adapter_class_where_the_word_view_reads_it) {
+    for (const uint16_t id : {0x1052, 0x2050}) {
+        Adapter a = make_adapter(id);
+        a.subsystem_device_id = 0x0101;
+        const Bytes n = build_nvram(a, 0);
+        EXPECT_EQ(le16(n, 252), 0x0101) << std::hex << id;
+    }
+}
+
 TEST(sim_model_flash_versions, three_digit_majors_hp_boards_and_unknown_devices) {
     Adapter a = make_adapter(0x2050);
     a.flash.bios = "100.05";

@@ -8,6 +8,7 @@
 #include <sys/mount.h>
 #include <sys/sem.h>
 
+#include <algorithm>
 #include <atomic>
 #include <barrier>
 #include <chrono>
@@ -23,6 +24,7 @@
 #include "vx_core.h"
 #include "vx_event.h"
 #include "vx_sddbg.h"
+#include "vx_sysfs.h"
 
 namespace {
 
@@ -178,6 +180,51 @@ TEST(Threads, FirstCallsOfManyThreadsLoadOnce) {
     api_dbupdate_sem_id = api_flash_sem_id = -1;
     memcpy(vx_db_fname, saved_name, sizeof saved_name);
     umount2("/sys", MNT_DETACH);
+}
+
+// Caller threads walk the discovered ports of different hosts (and one
+// host twice) while another forgets every snapshot; each walk still sees
+// its host's ports in order.
+TEST(Threads, WalksOfSeveralHostsAtOnce) {
+    sysfs_tree tree;
+    mnt_path_override mnt(tree.root());
+    constexpr uint32_t HOSTS = 3, PORTS = 12;
+    std::vector<std::string> expected;
+    for (uint32_t p = 0; p < PORTS; ++p)
+        expected.push_back("-" + std::to_string(p));
+    std::sort(expected.begin(), expected.end());  // name order
+    for (uint32_t h = 0; h < HOSTS; ++h)
+        for (uint32_t p = 0; p < PORTS; ++p)
+            tree.rport(h, "rport-" + std::to_string(h) + ":0-" + std::to_string(p),
+                       {{"port_state", "Online"}, {"roles", "FCP Target"}});
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> walkers;
+    for (uint32_t t = 0; t <= HOSTS; ++t)
+        walkers.emplace_back([&, host = t % HOSTS] {
+            const vxsysfs_host_dir dir(host);
+            for (int round = 0; round < 30; ++round) {
+                char name[VXSYSFS_RPORT_NAME_LEN];
+                uint16_t i = 0;
+                for (; vxsysfs_walk_port(dir, i, name, sizeof name); ++i) {
+                    const std::string prefix = "rport-" + std::to_string(host) + ":0";
+                    if (i >= PORTS || prefix + expected[i] != name)
+                        ++bad;
+                }
+                if (i != PORTS)
+                    ++bad;
+            }
+        });
+    std::thread reset([&stop] {
+        while (!stop)
+            vxsysfs_walk_reset();
+    });
+    for (std::thread& th : walkers)
+        th.join();
+    stop = true;
+    reset.join();
+    vxsysfs_walk_reset();
+    EXPECT_EQ(bad, 0);
 }
 
 }  // namespace

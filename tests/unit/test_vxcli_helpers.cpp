@@ -1,6 +1,6 @@
 // vxcli's helpers that later commands build on: PORT arguments, tables,
-// value texts, progress, confirmation, hex dumps, output files, and the man
-// page against the command table. The commands themselves run in simulated
+// value texts, progress, confirmation, hex dumps, output files, the decoders
+// of pass-through replies, and the man page against the command table. The commands themselves run in simulated
 // hosts (tests/sim/test_vxcli.cpp).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -14,13 +14,17 @@
 #include <regex>
 #include <sstream>
 
+#include <fmt/format.h>
+
 #include "cli.h"
 #include "dump.h"
 #include "format.h"
 #include "ports.h"
 #include "romimage.h"
+#include "scsi_decode.h"
 #include "table.h"
 #include "terminal.h"
+#include "vpd.h"
 
 namespace {
 
@@ -257,8 +261,165 @@ TEST_F(VxcliOutputFile, WholeOrNotAtAll) {
     EXPECT_NE(write_output(dir_ / "missing" / "x.bin", "x", 1), "");
 }
 
+// The VPD walk over good and damaged contents: it never reads past the
+// bytes given (the vectors are exactly their size, so ASan sees any overrun).
+TEST(VxcliVpd, WalkAndLines) {
+    using B = std::vector<uint8_t>;
+    // Identifier "AB", read-only section, SN "X1", checksum, end.
+    B good{0x82, 2, 0, 'A', 'B', 0x90, 0, 0, 'S', 'N', 2, 'X', '1', 'R', 'V', 1, 0, 0x78};
+    uint8_t sum = 0;
+    for (size_t i = 0; i < 16; ++i)
+        sum = static_cast<uint8_t>(sum + good[i]);
+    good[16] = static_cast<uint8_t>(0u - sum);
+    B bad = good;
+    ++bad[16];
+    const struct {
+        const char* what;
+        B vpd;
+        bool short_identifier;
+        size_t items;
+        bool complete, has_checksum, valid;
+        std::string lines;
+    } cases[] = {
+        {"valid", good, false, 5, true, true, true,
+         fmt::format(" 0x82  \"AB\"\n 0x90\n \"SN\"  \"X1\"\n \"RV\"  {:02X}\n 0x78\n", good[16])},
+        {"checksum one off", bad, false, 5, true, true, false, ""},
+        {"no checksum", B{0x82, 1, 0, 'A', 0x78}, false, 2, true, false, false, " 0x82  \"A\"\n 0x78\n"},
+        {"no end tag", B{0x82, 1, 0, 'A', 'S', 'N', 1, 'Z'}, false, 2, false, false, false, ""},
+        {"length past the buffer", B{0x82, 1, 0, 'A', 'S', 'N', 200, 'Z'}, false, 2, false, false, false,
+         " 0x82  \"A\"\n \"SN\"  \"Z\"\n"},
+        {"checksum byte past the end", B{0x82, 0, 0, 'R', 'V', 1}, false, 1, false, false, false, ""},
+        {"header cut", B{0x82, 5}, false, 0, false, false, false, ""},
+        {"all erased", B(512, 0xFF), false, 0, false, false, false, ""},
+        {"erased after the serial", B{0x90, 0, 0, 'S', 'N', 1, 'Q', 0xFF, 0xFF}, false, 2, false, false, false, ""},
+        {"one-byte identifier length", B{0x82, 2, 'H', 'P', 0x78}, true, 2, true, false, false,
+         " 0x82  \"HP\"\n 0x78\n"},
+        {"text ends at a zero byte", B{'V', '1', 4, ' ', '4', 0, 'x', 0x78}, false, 2, true, false, false,
+         " \"V1\"  \" 4\"\n 0x78\n"},
+    };
+    for (const auto& c : cases) {
+        const VpdWalk w = walk_vpd(c.vpd.data(), c.vpd.size(), c.short_identifier);
+        EXPECT_EQ(w.items.size(), c.items) << c.what;
+        EXPECT_EQ(w.complete, c.complete) << c.what;
+        EXPECT_EQ(w.has_checksum, c.has_checksum) << c.what;
+        EXPECT_EQ(w.checksum_valid, c.valid) << c.what;
+        if (!c.lines.empty()) {
+            EXPECT_EQ(vpd_text(w), c.lines) << c.what;
+        }
+    }
+    // Only the first 512 bytes are walked, even in a 1024-byte VPD.
+    B large(1024, 0);
+    large[0] = 0x82;
+    large[1] = 0xFD;
+    large[2] = 0x01;  // an identifier of 509 bytes fills the walk
+    large[512] = 0x78;
+    const VpdWalk w = walk_vpd(large.data(), large.size(), false);
+    EXPECT_EQ(w.items.size(), 1u);
+    EXPECT_FALSE(w.complete);
+}
+
 // The man page is written by hand: every command and every shared option
 // must be in it.
+// Replies cut short anywhere: nothing read past the bytes given, and what
+// needs whole fields is refused rather than guessed.
+TEST(VxcliScsiDecode, ShortRepliesAndLengthsThatLie) {
+    const uint8_t inquiry[36] = {0x60, 0, 6, 2, 31, 0, 0, 0, 'V', 'A', 'R', 'N', 'E', 'X', ' ', ' ',
+                                 'S', 'I', 'M', 'T', 'A', 'P', 'E', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
+                                 '0', '0', '0', '1'};
+    auto q = scsi::decode_inquiry(inquiry, sizeof inquiry);
+    ASSERT_TRUE(q);
+    EXPECT_EQ(q->qualifier, 3);
+    EXPECT_EQ(q->device_type, 0);
+    EXPECT_EQ(q->vendor, "VARNEX");
+    EXPECT_EQ(q->product, "SIMTAPE");
+    EXPECT_EQ(q->revision, "0001");
+    q = scsi::decode_inquiry(inquiry, 11);
+    ASSERT_TRUE(q);
+    EXPECT_EQ(q->vendor, "VAR");
+    EXPECT_EQ(q->product, "");
+    EXPECT_FALSE(scsi::decode_inquiry(inquiry, 0));
+    EXPECT_EQ(scsi::device_type_name(1), "tape");
+    EXPECT_EQ(scsi::device_type_name(0x1F), "0x1f");
+
+    const uint8_t cap[8] = {0x02, 0x7F, 0xFF, 0xFF, 0, 0, 0x10, 0};
+    const auto c = scsi::decode_read_capacity(cap, sizeof cap);
+    ASSERT_TRUE(c);
+    EXPECT_EQ(c->blocks, 0x2800000u);
+    EXPECT_EQ(c->block_size, 4096u);
+    EXPECT_FALSE(scsi::decode_read_capacity(cap, 7));
+
+    // Four entries, one per addressing method; the head claims five.
+    const uint8_t luns[40] = {0, 0, 0, 40, 0, 0, 0, 0, 0x00, 0x07, 0, 0, 0, 0, 0, 0, 0x44, 0x01, 0, 0, 0, 0, 0, 0,
+                              0x80, 0x23, 0, 0, 0, 0, 0, 0, 0xC2, 0x01, 0, 0, 0, 0, 0, 0};
+    const struct {
+        size_t size;
+        std::vector<uint32_t> numbers;
+    } cuts[] = {{40, {7, 1025, 3, UINT32_MAX}}, {39, {7, 1025, 3}}, {16, {7}}, {8, {}}};
+    for (const auto& cut : cuts) {
+        const auto list = scsi::decode_report_luns(luns, cut.size);
+        ASSERT_TRUE(list) << cut.size;
+        EXPECT_EQ(list->length, 40u);
+        std::vector<uint32_t> numbers;
+        for (const auto& l : list->luns)
+            numbers.push_back(l.number);
+        EXPECT_EQ(numbers, cut.numbers) << cut.size;
+    }
+    EXPECT_FALSE(scsi::decode_report_luns(luns, 7));
+    uint8_t shorter[40];
+    std::copy(luns, luns + 40, shorter);
+    shorter[3] = 12;  // a length that ends inside the second entry
+    EXPECT_EQ(scsi::decode_report_luns(shorter, sizeof shorter)->luns.size(), 1u);
+}
+
+TEST(VxcliScsiDecode, SenseFormats) {
+    uint8_t sense[18] = {0xF0, 0, 0x05, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0x01, 0, 0, 0, 0};
+    auto s = scsi::decode_sense(sense, sizeof sense);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->key, 5);
+    EXPECT_EQ(s->asc, 0x24);
+    EXPECT_EQ(s->ascq, 1);
+    EXPECT_EQ(scsi::sense_key_name(s->key), "ILLEGAL REQUEST");
+    sense[0] = 0x71;  // deferred, same layout
+    EXPECT_TRUE(scsi::decode_sense(sense, sizeof sense));
+    EXPECT_FALSE(scsi::decode_sense(sense, 13));
+    sense[0] = 0x72;  // descriptor format is not read as fixed
+    EXPECT_FALSE(scsi::decode_sense(sense, sizeof sense));
+    EXPECT_FALSE(scsi::decode_sense(nullptr, 18));
+}
+
+TEST(VxcliScsiDecode, NameServerReplies) {
+    const std::vector<uint8_t> req = scsi::ct_request(scsi::CT_GPN_ID, 0x010400);
+    ASSERT_EQ(req.size(), scsi::CT_HEADER + 4);
+    EXPECT_EQ(std::vector<uint8_t>(req.begin() + 4, req.begin() + 10), (std::vector<uint8_t>{0xFC, 2, 0, 0, 1, 0x12}));
+    EXPECT_EQ(std::vector<uint8_t>(req.end() - 4, req.end()), (std::vector<uint8_t>{0, 1, 4, 0}));
+
+    // A GID_FT accept of two ports, the second marked last, and room after it.
+    std::vector<uint8_t> reply(scsi::CT_HEADER + 16, 0);
+    reply[8] = 0x80;
+    reply[9] = 0x02;
+    const uint8_t ids[] = {0x00, 0x01, 0x02, 0x00, 0x80, 0x01, 0x04, 0x00, 0x00, 0x09, 0x09, 0x09};
+    std::copy(std::begin(ids), std::end(ids), reply.begin() + scsi::CT_HEADER);
+    auto ct = scsi::decode_ct(reply.data(), reply.size());
+    ASSERT_TRUE(ct);
+    EXPECT_EQ(scsi::decode_port_ids(*ct), (std::vector<uint32_t>{0x010200, 0x010400}));
+    // Without the last mark, up to the end of the whole entries given.
+    ct = scsi::decode_ct(reply.data(), scsi::CT_HEADER + 7);
+    EXPECT_EQ(scsi::decode_port_ids(*ct), (std::vector<uint32_t>{0x010200}));
+    EXPECT_FALSE(scsi::decode_name(*ct));
+
+    // A reject: its reason and explanation, and no ids or name from it.
+    reply[9] = 0x01;
+    reply[13] = 0x09;
+    reply[14] = 0x07;
+    ct = scsi::decode_ct(reply.data(), reply.size());
+    EXPECT_EQ(ct->code, scsi::CT_REJECT);
+    EXPECT_EQ(ct->reason, 9);
+    EXPECT_EQ(ct->explanation, 7);
+    EXPECT_TRUE(scsi::decode_port_ids(*ct).empty());
+    EXPECT_FALSE(scsi::decode_name(*ct));
+    EXPECT_FALSE(scsi::decode_ct(reply.data(), scsi::CT_HEADER - 1));
+}
+
 TEST(VxcliManPage, DescribesEveryCommandAndOption) {
     std::ifstream in(std::string(VXCLI_SOURCE_DIR) + "/vxcli.1");
     std::stringstream page;

@@ -14,7 +14,13 @@ Command report_command();
 Command flash_layout_command();
 Command flash_read_command();
 Command flash_write_command();
+Command inquiry_command();
+Command readcap_command();
+Command reportluns_command();
+Command nameserver_command();
 Command params_command();
 Command version_command();
+Command nvram_command();
+Command vpd_command();
 
 }  // namespace vxcli

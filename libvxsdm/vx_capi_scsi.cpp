@@ -1,0 +1,265 @@
+// Common HBA API: FCP target mapping (the operating system's devices of the
+// port's FCP LUNs), SCSI commands, CT pass-through and the link services.
+#include <dirent.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <vector>
+
+#include "vx_capi.h"
+#include "vx_sddbg.h"
+#include "vx_sysfs.h"
+
+namespace {
+
+constexpr uint32_t TRC = VXDBG_TRACE | VXDBG_HBAAPI;
+constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_HBAAPI;
+
+constexpr uint32_t FIRST_SUMMARY_ROOM = 256;  // remote ports asked for before the driver says how many
+
+// "<name>(<handle>)<text>" with an optional number.
+void trace_status(uint32_t guard, const char* name, HBA_HANDLE handle, const char* text, uint64_t number = 0,
+                  uint8_t radix = VXDBG_NONE) {
+    if (!vxdbg_on(guard))
+        return;
+    vxdbg_print(name, 0, VXDBG_NONE, 0);
+    vxdbg_print("(", handle, VXDBG_DEC, 0);
+    vxdbg_print(text, number, radix, 1);
+}
+
+vxapi_priv_database* resolve(const char* name, HBA_HANDLE handle) {
+    vxapi_priv_database* inst = check_handle(handle);
+    if (!inst && vxdbg_on(ERR)) {
+        vxdbg_print(name, 0, VXDBG_NONE, 0);
+        vxdbg_print(": check_handle failed. handle=", handle, VXDBG_DEC, 1);
+    }
+    return inst;
+}
+
+HBA_STATUS not_supported(const char* name) {
+    vxdbg_line(TRC, name);
+    return HBA_STATUS_ERROR_NOT_SUPPORTED;
+}
+
+// One LUN of the host as the SCSI midlayer names it (H:C:T:L).
+struct host_lun {
+    uint32_t channel;
+    uint32_t target;
+    uint32_t lun;
+    bool operator<(const host_lun& o) const {
+        return channel != o.channel ? channel < o.channel : target != o.target ? target < o.target : lun < o.lun;
+    }
+};
+
+// The host's LUNs in address order.
+std::vector<host_lun> list_host_luns(uint32_t host_no) {
+    std::vector<host_lun> luns;
+    char root[VXSYSFS_PATH_LEN];
+    vxsysfs_root(root, sizeof root);
+    char dir[VXSYSFS_PATH_LEN + 32];
+    snprintf(dir, sizeof dir, "%s/class/scsi_device", root);
+    DIR* d = opendir(dir);
+    if (!d)
+        return luns;
+    while (const dirent* e = readdir(d)) {
+        unsigned h = 0, c = 0, t = 0, l = 0;
+        char extra = 0;
+        if (sscanf(e->d_name, "%u:%u:%u:%u%c", &h, &c, &t, &l, &extra) == 4 && h == host_no)
+            luns.push_back({c, t, l});
+    }
+    closedir(d);
+    std::sort(luns.begin(), luns.end());
+    return luns;
+}
+
+// The 8-byte SCSI LUN of a midlayer LUN number (the kernel's int_to_scsilun):
+// the first level in bytes 0-1, the second in bytes 2-3, most significant first.
+void lun_bytes(uint32_t lun, uint8_t out[8]) {
+    memset(out, 0, 8);
+    out[0] = static_cast<uint8_t>(lun >> 8);
+    out[1] = static_cast<uint8_t>(lun);
+    out[2] = static_cast<uint8_t>(lun >> 24);
+    out[3] = static_cast<uint8_t>(lun >> 16);
+}
+
+// The port's remote ports with a SCSI target address, as the driver lists them.
+struct target_list {
+    std::unique_ptr<uint8_t[]> buf;
+    uint32_t count = 0;
+    const EXT_DEVICEDATAENTRY* find(uint32_t channel, uint32_t target) const {
+        const auto* entries = reinterpret_cast<const EXT_DEVICEDATAENTRY*>(buf.get() + EXT_DEVICEDATA_HEADER);
+        for (uint32_t i = 0; i < count; ++i)
+            if (entries[i].TargetAddress.Bus == channel && entries[i].TargetAddress.Target == target)
+                return &entries[i];
+        return nullptr;
+    }
+};
+
+// Every target, also those not online: their LUNs still have devices.
+HBA_STATUS read_targets(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, target_list* list) {
+    uint32_t room = FIRST_SUMMARY_ROOM;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const size_t size = EXT_DEVICEDATA_HEADER + static_cast<size_t>(room) * sizeof(EXT_DEVICEDATAENTRY);
+        list->buf.reset(new (std::nothrow) uint8_t[size]());
+        if (!list->buf)
+            return HBA_STATUS_ERROR;
+        auto* data = reinterpret_cast<EXT_DEVICEDATA*>(list->buf.get());
+        uint32_t mask = VX_PORTSUM_TARGET | VX_PORTSUM_OFFLINE;
+        uint32_t ext_stat = 0, ext_dstat = 0;
+        const int32_t rc = vxapi_get_port_summary(inst->oshandle, inst, &mask, data, static_cast<uint32_t>(size),
+                                                  &ext_stat, &ext_dstat);
+        if (rc != 0 || ext_stat != EXT_STATUS_OK) {
+            trace_status(ERR, name, handle, "): port summary failed. stat=", ext_stat, VXDBG_DEC);
+            return ext_stat != EXT_STATUS_OK ? vxapi_translate_to_capi_status(ext_stat, ext_dstat) : HBA_STATUS_ERROR;
+        }
+        list->count = std::min(data->ReturnListEntryCount, room);
+        if (data->TotalDevices <= room)
+            return HBA_STATUS_OK;
+        room = data->TotalDevices;
+    }
+    return HBA_STATUS_OK;  // the fabric grew between the two reads: what fitted is still true
+}
+
+// Fills one mapping entry's SCSI and FCP halves.
+void fill_entry(const vxapi_priv_database* inst, const host_lun& l, const EXT_DEVICEDATAENTRY& target,
+                HBA_SCSIID* scsi, HBA_FCPID* fcp) {
+    char dev[64];
+    if (vxsysfs_get_devname(inst->host_no, l.channel, l.target, l.lun, dev, sizeof dev) == 0)
+        snprintf(scsi->OSDeviceName, sizeof scsi->OSDeviceName, "/dev/%s", dev);
+    else
+        scsi->OSDeviceName[0] = '\0';
+    // The host names the bus: bus, target and LUN then name the device on the system.
+    scsi->ScsiBusNumber = inst->host_no;
+    scsi->ScsiTargetNumber = l.target;
+    scsi->ScsiOSLun = l.lun;
+    fcp->FcId = static_cast<HBA_UINT32>(target.PortID[0]) << 16 | static_cast<HBA_UINT32>(target.PortID[1]) << 8 |
+                target.PortID[2];
+    memcpy(fcp->NodeWWN.wwn, target.NodeWWN, sizeof fcp->NodeWWN.wwn);
+    memcpy(fcp->PortWWN.wwn, target.PortWWN, sizeof fcp->PortWWN.wwn);
+    uint8_t bytes[8];
+    lun_bytes(l.lun, bytes);
+    // The eight bytes of the FCP LUN as one number, most significant first:
+    // the same value on every host.
+    uint64_t value = 0;
+    for (uint8_t b : bytes)
+        value = value << 8 | b;
+    fcp->FcpLun = static_cast<HBA_UINT64>(value);
+}
+
+// Both mapping forms: every LUN of the port's FCP targets that the
+// operating system knows. NumberOfEntries says how many entries the caller
+// made room for, and comes back as the number of all of them.
+template <typename Mapping>
+HBA_STATUS target_mapping(const char* name, HBA_HANDLE handle, Mapping* mapping) {
+    trace_status(TRC, name, handle, "): entered.");
+    vxapi_priv_database* inst = resolve(name, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (!mapping) {
+        trace_status(ERR, name, handle, "): null mapping.");
+        return HBA_STATUS_ERROR_ARG;
+    }
+    target_list targets;
+    const HBA_STATUS status = read_targets(name, handle, inst, &targets);
+    if (status != HBA_STATUS_OK)
+        return status;
+    const uint32_t room = mapping->NumberOfEntries;
+    uint32_t total = 0;
+    for (const host_lun& l : list_host_luns(inst->host_no)) {
+        const EXT_DEVICEDATAENTRY* target = targets.find(l.channel, l.target);
+        if (!target)
+            continue;
+        if (total < room) {
+            // The caller's array holds `room` entries, past the one the type declares.
+            auto& entry = *(mapping->entry + total);
+            fill_entry(inst, l, *target, &entry.ScsiId, &entry.FcpId);
+            if constexpr (std::is_same_v<Mapping, HBA_FCPTARGETMAPPINGV2>)
+                memset(entry.LUID.buffer, 0, sizeof entry.LUID.buffer);
+        }
+        ++total;
+    }
+    mapping->NumberOfEntries = total;
+    const HBA_STATUS result = total > room ? HBA_STATUS_ERROR_MORE_DATA : HBA_STATUS_OK;
+    trace_status(TRC, name, handle, "): exiting. entries=", total, VXDBG_DEC);
+    return result;
+}
+
+}  // namespace
+
+HBA_STATUS vxhba_GetFcpTargetMapping(HBA_HANDLE handle, HBA_FCPTARGETMAPPING* mapping) {
+    return target_mapping("vxhba_GetFcpTargetMapping", handle, mapping);
+}
+
+HBA_STATUS vxhba_FcpTargetMappingV2(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_FCPTARGETMAPPINGV2* mapping) {
+    static constexpr const char* fn = "vxhba_FcpTargetMappingV2";
+    vxapi_priv_database* inst = resolve(fn, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    // The handle's one port is the only port that can be named.
+    if (memcmp(port_wwn.wwn, inst->wwpn, sizeof port_wwn.wwn) != 0) {
+        trace_status(ERR, fn, handle, "): not this adapter's port.");
+        return HBA_STATUS_ERROR_ILLEGAL_WWN;
+    }
+    return target_mapping(fn, handle, mapping);
+}
+
+// ---- Waiting for the pass-through leaves ----
+
+HBA_STATUS vxhba_SendCTPassThru(HBA_HANDLE, void*, HBA_UINT32, void*, HBA_UINT32) {
+    return not_supported("vxhba_SendCTPassThru: not supported yet.");
+}
+
+HBA_STATUS vxhba_SendCTPassThruV2(HBA_HANDLE, HBA_WWN, void*, HBA_UINT32, void*, HBA_UINT32*) {
+    return not_supported("vxhba_SendCTPassThruV2: not supported yet.");
+}
+
+HBA_STATUS vxhba_SetRNIDMgmtInfo(HBA_HANDLE, HBA_MGMTINFO*) {
+    return not_supported("vxhba_SetRNIDMgmtInfo: not supported yet.");
+}
+
+HBA_STATUS vxhba_GetRNIDMgmtInfo(HBA_HANDLE, HBA_MGMTINFO*) {
+    return not_supported("vxhba_GetRNIDMgmtInfo: not supported yet.");
+}
+
+HBA_STATUS vxhba_SendRNID(HBA_HANDLE, HBA_WWN, HBA_WWNTYPE, void*, HBA_UINT32*) {
+    return not_supported("vxhba_SendRNID: not supported yet.");
+}
+
+HBA_STATUS vxhba_SendScsiInquiry(HBA_HANDLE, HBA_WWN, HBA_UINT64, HBA_UINT8, HBA_UINT32, void*, HBA_UINT32, void*,
+                                 HBA_UINT32) {
+    return not_supported("vxhba_SendScsiInquiry: not supported yet.");
+}
+
+HBA_STATUS vxhba_SendReportLUNs(HBA_HANDLE, HBA_WWN, void*, HBA_UINT32, void*, HBA_UINT32) {
+    return not_supported("vxhba_SendReportLUNs: not supported yet.");
+}
+
+HBA_STATUS vxhba_SendReadCapacity(HBA_HANDLE, HBA_WWN, HBA_UINT64, void*, HBA_UINT32, void*, HBA_UINT32) {
+    return not_supported("vxhba_SendReadCapacity: not supported yet.");
+}
+
+HBA_STATUS vxhba_ScsiInquiryV2(HBA_HANDLE, HBA_WWN, HBA_WWN, HBA_UINT64, HBA_UINT8, HBA_UINT8, void*, HBA_UINT32*,
+                               HBA_UINT8*, void*, HBA_UINT32*) {
+    return not_supported("vxhba_ScsiInquiryV2: not supported yet.");
+}
+
+HBA_STATUS vxhba_ScsiReportLUNsV2(HBA_HANDLE, HBA_WWN, HBA_WWN, void*, HBA_UINT32*, HBA_UINT8*, void*, HBA_UINT32*) {
+    return not_supported("vxhba_ScsiReportLUNsV2: not supported yet.");
+}
+
+HBA_STATUS vxhba_ScsiReadCapacityV2(HBA_HANDLE, HBA_WWN, HBA_WWN, HBA_UINT64, void*, HBA_UINT32*, HBA_UINT8*, void*,
+                                    HBA_UINT32*) {
+    return not_supported("vxhba_ScsiReadCapacityV2: not supported yet.");
+}
+
+HBA_STATUS vxhba_SendRPS(HBA_HANDLE, HBA_WWN, HBA_WWN, HBA_UINT32, HBA_WWN, HBA_UINT32, void*, HBA_UINT32*) {
+    return not_supported("vxhba_SendRPS: not supported yet.");
+}
+
+HBA_STATUS vxhba_SendRLS(HBA_HANDLE, HBA_WWN, HBA_WWN, void*, HBA_UINT32*) {
+    return not_supported("vxhba_SendRLS: not supported yet.");
+}

@@ -1,0 +1,426 @@
+// The Common HBA API layer over an in-process channel: the entry-point
+// tables, the status mapping, the handlers' checks, and the copies of the
+// driver's records into the standard's attributes.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mock_channel.h"
+#include "vx_capi.h"
+#include "vx_sysfs.h"
+
+namespace {
+
+using vxmock::slot;
+
+constexpr uint32_t IOCTL_PORT = VX_FEAT_IOCTL_NODE | VX_FEAT_NEW_IOCTL;
+constexpr uint16_t SWIFT = 0x1051;   // newer, VPD without the model description
+constexpr uint16_t CRANE = 0x2070;   // newer, converged, the VPD names the model
+constexpr uint16_t EGRET = 0x1040;   // older: the hardware version lives in NVRAM
+
+TEST(CapiTables, EverySlotFilledInTheWrappersOrder) {
+    HBA_ENTRYPOINTSV2 v2;
+    memset(&v2, 0, sizeof v2);
+    ASSERT_EQ(HBA_RegisterLibraryV2(&v2), HBA_STATUS_OK);
+    void* slots[VXHBA_SLOTS_V2];
+    memcpy(slots, &v2, sizeof slots);
+    for (size_t i = 0; i < VXHBA_SLOTS_V2; ++i)
+        EXPECT_NE(slots[i], nullptr) << "slot " << i;
+
+    HBA_ENTRYPOINTS v1;
+    memset(&v1, 0, sizeof v1);
+    ASSERT_EQ(HBA_RegisterLibrary(&v1), HBA_STATUS_OK);
+    // The first 24 slots are the same handlers in both versions.
+    EXPECT_EQ(memcmp(&v1, &v2, sizeof v1), 0);
+
+    // Spot checks of the order, where a shifted slot would still type-check.
+    EXPECT_EQ(v2.GetAdapterPortAttributesHandler, &vxhba_GetAdapterPortAttributes);
+    EXPECT_EQ(v2.GetPortStatisticsHandler, &vxhba_GetPortStatistics);
+    EXPECT_EQ(v2.ReadCapacityHandler, &vxhba_SendReadCapacity);
+    EXPECT_EQ(v2.SendRNIDV2Handler, &vxhba_SendRNIDV2);
+    EXPECT_EQ(v2.SendRPSHandler, &vxhba_SendRPS);
+
+    EXPECT_EQ(HBA_RegisterLibrary(nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(HBA_RegisterLibraryV2(nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetVersion(), 2u);
+}
+
+TEST(CapiStatus, DriverStatusTranslation) {
+    const struct {
+        uint32_t stat, dstat;
+        HBA_STATUS want;
+    } rows[] = {
+        {0, 0, 0},   {3, 0, 0},   {5, 0, 0},   {7, 0, 0},    {8, 0, 0},   {2, 0, 10},  {4, 0, 10},
+        {23, 0, 10}, {6, 0, 4},   {9, 0, 6},   {12, 0, 2},   {20, 0, 2},  {16, 0, 7},  {21, 0, 30},
+        {22, 0, 12}, {1, 0, 1},   {10, 0, 1},  {11, 0, 1},   {13, 0, 1},  {14, 0, 1},  {17, 0, 1},
+        {18, 0, 1},  {19, 0, 1},  {24, 0, 1},  {25, 0, 1},   {0xFFFFFFFF, 0, 1},
+        // SCSI status in the low byte of the detail status only.
+        {15, 0x00, 0}, {15, 0x100, 0}, {15, 0x02, 9}, {15, 0x302, 9}, {15, 0x08, 10}, {15, 0x18, 10},
+        {15, 0x28, 1}, {15, 0x04, 1},
+    };
+    for (const auto& r : rows)
+        EXPECT_EQ(vxapi_translate_to_capi_status(r.stat, r.dstat), r.want) << r.stat << "/" << std::hex << r.dstat;
+}
+
+// Handlers that answer "not supported" do so whatever they are given, and
+// the library attributes call leaves the caller's record alone.
+TEST(CapiTables, NotSupportedHandlersLookAtNothing) {
+    HBA_WWN wwn{};
+    EXPECT_EQ(vxhba_OpenAdapterByWWN(nullptr, wwn), HBA_STATUS_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(vxhba_GetPersistentBindingV2(0, wwn, nullptr), HBA_STATUS_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(vxhba_SendRNIDV2(0, wwn, wwn, 0, 0, nullptr, nullptr), HBA_STATUS_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(vxhba_RegisterForLinkEvents(nullptr, nullptr, nullptr, 0, 0, nullptr), HBA_STATUS_ERROR_NOT_SUPPORTED);
+    HBA_LIBRARYATTRIBUTES attrs;
+    memset(&attrs, 0x5A, sizeof attrs);
+    EXPECT_EQ(vxhba_GetVendorLibraryAttributes(&attrs), 2u);
+    EXPECT_EQ(attrs.VName[0], 0x5A);
+}
+
+TEST(CapiLoad, CallsBeforeTheLoadAnswerEmpty) {
+    ASSERT_FALSE(vxapi_lib_valid());
+    EXPECT_EQ(vxhba_GetNumberOfAdapters(), 0u);
+    char name[256] = "untouched";
+    EXPECT_EQ(vxhba_GetAdapterName(0, name), HBA_STATUS_ERROR);
+    EXPECT_STREQ(name, "untouched");
+    char wanted[] = "varnex-VXS1051-0";
+    EXPECT_EQ(vxhba_OpenAdapter(wanted), HBA_HANDLE_INVALID);
+    EXPECT_EQ(vxhba_OpenAdapter(nullptr), HBA_HANDLE_INVALID);
+    vxhba_CloseAdapter(1);  // nothing to close: no effect, no crash
+}
+
+TEST(CapiNames, AdapterNameHasModelAndPosition) {
+    vxmock::registry reg;
+    vxapi_priv_database* rec = reg.port(IOCTL_PORT, SWIFT);
+    ASSERT_NE(rec, nullptr);
+    memcpy(rec->phy_info->model, "ABC", 4);
+    char name[256];
+    vxapi_adapter_name(rec, 1, name, sizeof name);
+    EXPECT_STREQ(name, "varnex-ABC-1");
+    // A model filling its whole field is not terminated there.
+    memcpy(rec->phy_info->model, "0123456789ABCDEF", 16);
+    vxapi_adapter_name(rec, 0, name, sizeof name);
+    EXPECT_STREQ(name, "varnex-0123456789ABCDEF-0");
+    EXPECT_EQ(vxapi_get_api_priv_inst_from_adaptername("varnex-0123456789ABCDEF-0"), rec);
+    EXPECT_EQ(vxapi_get_api_priv_inst_from_adaptername("varnex-0123456789ABCDEF-1"), nullptr);
+}
+
+class Capi : public testing::Test {
+protected:
+    vxmock::registry reg;
+    vxmock::channel mock;
+    vxapi_priv_database* port = nullptr;
+    HBA_HANDLE h = 0;
+
+    void make(uint32_t features, uint16_t device_id) {
+        port = reg.port(features, device_id);
+        ASSERT_NE(port, nullptr);
+        mock.install(port);
+        h = static_cast<HBA_HANDLE>(vxmock::registry::handle(port));
+        port->host_no = 5;
+        memcpy(port->wwnn, "\x20\x00\x00\x1d\x5a\x00\x00\x01", 8);
+        memcpy(port->wwpn, "\x21\x00\x00\x1d\x5a\x00\x00\x01", 8);
+        memcpy(port->phy_info->model, "VXS1051", 8);
+        snprintf(reinterpret_cast<char*>(port->phy_info->serial_num), sizeof port->phy_info->serial_num, "%s",
+                 "SERIAL-0123456789-0123456789-0123456789");
+    }
+    void SetUp() override { make(IOCTL_PORT, SWIFT); }
+
+    static EXT_HBA_NODE node_record() {
+        EXT_HBA_NODE node{};
+        snprintf(reinterpret_cast<char*>(node.Manufacturer), sizeof node.Manufacturer, "Varnex Corporation");
+        snprintf(reinterpret_cast<char*>(node.Model), sizeof node.Model, "VXS1051");
+        snprintf(reinterpret_cast<char*>(node.DriverVersion), sizeof node.DriverVersion, "10.02.00.103-k");
+        snprintf(reinterpret_cast<char*>(node.FWVersion), sizeof node.FWVersion, "8.05.63");
+        snprintf(reinterpret_cast<char*>(node.OptRomVersion), sizeof node.OptRomVersion, "3.18");
+        return node;
+    }
+
+    // Identifier "VXK2010 CNA", then "MN" "REV-B2" inside a read-only section.
+    static std::vector<uint8_t> vpd_with_model() {
+        std::vector<uint8_t> v = {0x82, 11, 0};
+        for (char c : std::string("VXK2010 CNA"))
+            v.push_back(static_cast<uint8_t>(c));
+        v.insert(v.end(), {0x90, 0, 0, 'M', 'N', 6, 'R', 'E', 'V', '-', 'B', '2', 0x78});
+        return v;
+    }
+};
+
+TEST_F(Capi, BadHandlesAndNullRecords) {
+    HBA_ADAPTERATTRIBUTES aa;
+    HBA_PORTATTRIBUTES pa;
+    HBA_WWN wwn{};
+    for (HBA_HANDLE bad : {HBA_HANDLE{0}, h + 1}) {
+        EXPECT_EQ(vxhba_GetAdapterAttributes(bad, &aa), HBA_STATUS_ERROR_INVALID_HANDLE);
+        EXPECT_EQ(vxhba_GetAdapterPortAttributes(bad, 0, &pa), HBA_STATUS_ERROR_INVALID_HANDLE);
+        EXPECT_EQ(vxhba_GetDiscoveredPortAttributes(bad, 0, 0, &pa), HBA_STATUS_ERROR_INVALID_HANDLE);
+        EXPECT_EQ(vxhba_GetPortAttributesByWWN(bad, wwn, &pa), HBA_STATUS_ERROR_INVALID_HANDLE);
+        EXPECT_EQ(vxhba_GetFcpTargetMapping(bad, nullptr), HBA_STATUS_ERROR_INVALID_HANDLE);
+    }
+    EXPECT_EQ(vxhba_GetAdapterAttributes(h, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetAdapterPortAttributes(h, 0, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetDiscoveredPortAttributes(h, 0, 0, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetPortAttributesByWWN(h, wwn, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetFcpTargetMapping(h, nullptr), HBA_STATUS_ERROR_ARG);
+    // One port per handle: no other port index, and no driver request for it.
+    EXPECT_EQ(vxhba_GetAdapterPortAttributes(h, 1, &pa), HBA_STATUS_ERROR_ILLEGAL_INDEX);
+    EXPECT_EQ(vxhba_GetDiscoveredPortAttributes(h, 1, 0, &pa), HBA_STATUS_ERROR_ILLEGAL_INDEX);
+}
+
+// What the driver answers and what the handler makes of it: overrun and
+// underrun still copy, a failure without driver status is an error.
+TEST_F(Capi, QueryStatusRule) {
+    const struct {
+        uint32_t stat;
+        int32_t rc;
+        HBA_STATUS want;
+        bool copied;
+    } rows[] = {
+        {EXT_STATUS_OK, 0, HBA_STATUS_OK, true},
+        {EXT_STATUS_DATA_OVERRUN, 0, HBA_STATUS_OK, true},
+        {EXT_STATUS_DATA_UNDERRUN, 0, HBA_STATUS_OK, true},
+        {EXT_STATUS_BUSY, 0, HBA_STATUS_ERROR_BUSY, false},
+        {EXT_STATUS_DEV_NOT_FOUND, 0, HBA_STATUS_ERROR_ILLEGAL_INDEX, false},
+        {EXT_STATUS_OK, -1, HBA_STATUS_ERROR, false},
+        {EXT_STATUS_OK, 1, HBA_STATUS_ERROR, false},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.stat << "/" << r.rc);
+        EXT_HBA_PORT hp{};
+        hp.Id[1] = 0x01;
+        mock.expect(slot::query_hbaport).answer(hp).status(r.stat).fails(r.rc, 0);
+        HBA_PORTATTRIBUTES pa;
+        memset(&pa, 0xEE, sizeof pa);
+        EXPECT_EQ(vxhba_GetAdapterPortAttributes(h, 0, &pa), r.want);
+        EXPECT_EQ(pa.PortFcId, r.copied ? 0x010000u : 0xEEEEEEEEu);
+
+        EXT_DISC_PORT dp{};
+        dp.Id[3] = 0x07;
+        mock.expect(slot::query_discport).answer(dp).status(r.stat).fails(r.rc, 0);
+        memset(&pa, 0xEE, sizeof pa);
+        EXPECT_EQ(vxhba_GetDiscoveredPortAttributes(h, 0, 0, &pa), r.want);
+        EXPECT_EQ(pa.PortFcId, r.copied ? 0x07u : 0xEEEEEEEEu);
+    }
+}
+
+TEST_F(Capi, PortSpeedsStatesAndTypes) {
+    const struct {
+        uint8_t code;
+        HBA_PORTSPEED supported, current;
+    } speeds[] = {
+        {0x01, 0x01, 0x01}, {0x02, 0x03, 0x02}, {0x04, 0x0B, 0x08}, {0x08, 0x1B, 0x10},
+        {0x10, 0x04, 0x04}, {0x16, 0x38, 0x20}, {0x32, 0x70, 0x40}, {0x06, 0, 0}, {0x00, 0, 0},
+    };
+    for (const auto& s : speeds) {
+        EXPECT_EQ(vxcapi_supported_speed(s.code), s.supported) << int{s.code};
+        EXPECT_EQ(vxcapi_port_speed(s.code), s.current) << int{s.code};
+    }
+    const struct {
+        uint16_t state, mode;
+        HBA_PORTSTATE want_state;
+        HBA_PORTTYPE want_type;
+    } rows[] = {
+        {0, 1, HBA_PORTSTATE_ONLINE, HBA_PORTTYPE_NPORT},   {1, 2, HBA_PORTSTATE_OFFLINE, HBA_PORTTYPE_NLPORT},
+        {2, 0, HBA_PORTSTATE_LINKDOWN, HBA_PORTTYPE_NLPORT}, {5, 1, HBA_PORTSTATE_UNKNOWN, HBA_PORTTYPE_NPORT},
+    };
+    for (const auto& r : rows) {
+        EXT_HBA_PORT hp{};
+        hp.State = r.state;
+        hp.Mode = r.mode;
+        hp.PortSupportedSpeed = 0x16;
+        hp.PortSpeed = 0x16;
+        HBA_PORTATTRIBUTES pa;
+        vxcapi_copy_hbaport_attributes(port, &hp, &pa);
+        EXPECT_EQ(pa.PortState, r.want_state) << r.state;
+        EXPECT_EQ(pa.PortType, r.want_type) << r.mode;
+        EXPECT_EQ(pa.PortSupportedSpeed, 56u);
+        EXPECT_EQ(pa.PortSpeed, 32u);
+    }
+}
+
+TEST_F(Capi, LocalPortCopyOnTheIoctlChannel) {
+    EXT_HBA_PORT hp{};
+    memcpy(hp.WWPN, port->wwpn, 8);
+    hp.Id[0] = 0xFF;  // unused byte: never part of the address
+    hp.Id[1] = 0x01;
+    hp.Id[2] = 0x02;
+    hp.PortSupportedFC4Types = 0x3;
+    hp.PortActiveFC4Types = 0x1;
+    memset(hp.FabricName, 0x10, sizeof hp.FabricName);
+    hp.DiscPortCount = 12;
+    HBA_PORTATTRIBUTES pa;
+    memset(&pa, 0xEE, sizeof pa);
+    vxcapi_copy_hbaport_attributes(port, &hp, &pa);
+    EXPECT_EQ(pa.PortFcId, 0x010200u);
+    EXPECT_EQ(memcmp(pa.NodeWWN.wwn, port->wwnn, 8), 0);
+    EXPECT_EQ(pa.PortSupportedClassofService, 0u);
+    EXPECT_EQ(pa.PortSupportedFc4Types.bits[0], 0x02);
+    EXPECT_EQ(pa.PortSupportedFc4Types.bits[1], 0x01);
+    EXPECT_EQ(pa.PortSupportedFc4Types.bits[2], 0x00);
+    EXPECT_EQ(pa.PortActiveFc4Types.bits[0], 0x00);
+    EXPECT_EQ(pa.PortActiveFc4Types.bits[1], 0x01);
+    EXPECT_EQ(pa.PortSymbolicName[0], '\0');
+    EXPECT_STREQ(pa.OSDeviceName, "/proc/scsi/VXS1051/5");
+    EXPECT_EQ(pa.PortMaxFrameSize, 2048u);
+    const uint8_t zero[8] = {};
+    EXPECT_EQ(memcmp(pa.FabricName.wwn, zero, 8), 0);  // the ioctl driver's fabric name is not passed on
+    EXPECT_EQ(pa.NumberofDiscoveredPorts, 12u);
+
+    // Over sysfs: the host's class path, and the fabric name passed on.
+    port->features = VX_FEAT_SYSFS;
+    snprintf(sysfs_mnt_path, sizeof sysfs_mnt_path, "/sys");
+    vxcapi_copy_hbaport_attributes(port, &hp, &pa);
+    EXPECT_STREQ(pa.OSDeviceName, "/sys/class/scsi_host/host5");
+    EXPECT_EQ(pa.FabricName.wwn[7], 0x10);
+}
+
+// A remote port's type, state and speed are fixed, and only the first byte
+// of the fabric name is written: the rest keeps what the caller had.
+TEST_F(Capi, DiscoveredPortCopyKeepsItsQuirks) {
+    EXT_DISC_PORT dp{};
+    memset(dp.WWNN, 0x50, 8);
+    memset(dp.WWPN, 0x51, 8);
+    dp.Id[1] = 0x0a;
+    dp.Id[2] = 0x02;
+    dp.Type = 2;
+    dp.Status = 0x0F;
+    dp.TargetId = 4000;  // no such target on this host
+    HBA_PORTATTRIBUTES pa;
+    memset(&pa, 0xEE, sizeof pa);
+    vxcapi_copy_discport_attributes(port, &dp, &pa);
+    EXPECT_EQ(pa.PortFcId, 0x0a0200u);
+    EXPECT_EQ(pa.PortWWN.wwn[0], 0x51);
+    EXPECT_EQ(pa.PortType, HBA_PORTTYPE_UNKNOWN);
+    EXPECT_EQ(pa.PortState, HBA_PORTSTATE_UNKNOWN);
+    EXPECT_EQ(pa.PortSupportedSpeed, 0u);
+    EXPECT_EQ(pa.PortSpeed, 1u);
+    EXPECT_EQ(pa.PortMaxFrameSize, 2048u);
+    EXPECT_EQ(pa.PortSupportedFc4Types.bits[31], 0);
+    EXPECT_EQ(pa.FabricName.wwn[0], 0);
+    EXPECT_EQ(pa.FabricName.wwn[1], 0xEE);
+    EXPECT_EQ(pa.FabricName.wwn[7], 0xEE);
+    EXPECT_EQ(pa.NumberofDiscoveredPorts, 0u);
+    EXPECT_STREQ(pa.OSDeviceName, "");
+}
+
+TEST_F(Capi, DiscoveredPortIndexIsSixteenBitsWide) {
+    mock.expect(slot::query_discport).with_arg(1);
+    HBA_PORTATTRIBUTES pa;
+    EXPECT_EQ(vxhba_GetDiscoveredPortAttributes(h, 0, 0x10001, &pa), HBA_STATUS_OK);
+}
+
+TEST_F(Capi, PortByWwnLocalThenDiscovered) {
+    HBA_WWN own;
+    memcpy(own.wwn, port->wwpn, 8);
+    EXT_HBA_PORT hp{};
+    hp.Id[3] = 0x01;
+    mock.expect(slot::query_hbaport).answer(hp);
+    HBA_PORTATTRIBUTES pa;
+    ASSERT_EQ(vxhba_GetPortAttributesByWWN(h, own, &pa), HBA_STATUS_OK);
+    EXPECT_EQ(pa.PortFcId, 1u);
+
+    EXT_DISC_PORT first{}, second{};
+    memset(first.WWPN, 0x51, 8);
+    memset(second.WWPN, 0x52, 8);
+    second.Id[3] = 0x42;
+    HBA_WWN wanted;
+    memset(wanted.wwn, 0x52, 8);
+    mock.expect(slot::query_discport).with_arg(0).answer(first);
+    mock.expect(slot::query_discport).with_arg(1).answer(second);
+    ASSERT_EQ(vxhba_GetPortAttributesByWWN(h, wanted, &pa), HBA_STATUS_OK);
+    EXPECT_EQ(pa.PortFcId, 0x42u);
+
+    // The list ends (driver status 9) before the name turns up.
+    memset(wanted.wwn, 0x53, 8);
+    mock.expect(slot::query_discport).with_arg(0).answer(first);
+    mock.expect(slot::query_discport).with_arg(1).status(EXT_STATUS_DEV_NOT_FOUND);
+    EXPECT_EQ(vxhba_GetDiscPortAttrByWWN(h, wanted, &pa), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    // Any other failure is the driver's answer.
+    mock.expect(slot::query_discport).with_arg(0).status(EXT_STATUS_BUSY);
+    EXPECT_EQ(vxhba_GetDiscPortAttrByWWN(h, wanted, &pa), HBA_STATUS_ERROR_BUSY);
+}
+
+TEST_F(Capi, NodeCopyFieldByField) {
+    EXT_HBA_NODE node = node_record();
+    memset(node.Manufacturer, 'M', sizeof node.Manufacturer);  // no terminator within 64 bytes
+    mock.expect(slot::query_hbanode).answer(node);
+    mock.expect(slot::get_vpd).with_size(512).answer_bytes(vpd_with_model());
+    HBA_ADAPTERATTRIBUTES aa;
+    memset(&aa, 0xEE, sizeof aa);
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_EQ(std::string(aa.Manufacturer, sizeof aa.Manufacturer), std::string(64, 'M'));
+    EXPECT_STREQ(aa.SerialNumber, "SERIAL-0123456789-0123456789-01");  // 31 characters and the NUL
+    EXPECT_EQ(static_cast<uint8_t>(aa.SerialNumber[32]), 0xEE);
+    EXPECT_STREQ(aa.Model, "VXS1051");
+    EXPECT_STREQ(aa.ModelDescription, "Varnex VXS1051");  // Swift: not from the VPD
+    EXPECT_STREQ(aa.NodeSymbolicName, "VXS1051 HBA Driver");
+    EXPECT_STREQ(aa.HardwareVersion, "REV-B2");
+    EXPECT_EQ(aa.HardwareVersion[255], 0);
+    EXPECT_STREQ(aa.DriverVersion, "v.10.02.00.103-k");
+    EXPECT_STREQ(aa.OptionROMVersion, "v.3.18");
+    EXPECT_STREQ(aa.FirmwareVersion, "v.8.05.63");
+    EXPECT_EQ(aa.VendorSpecificID, 0u);
+    EXPECT_EQ(aa.NumberOfPorts, 1u);
+    EXPECT_STREQ(aa.DriverName, "VXS1051");
+    EXPECT_EQ(memcmp(aa.NodeWWN.wwn, port->wwnn, 8), 0);
+}
+
+TEST_F(Capi, NodeCopyTakesTheModelDescriptionFromTheNewestFamiliesVpd) {
+    port->phy_info->device_id = CRANE;
+    EXT_HBA_NODE node = node_record();
+    // Converged boards get the larger VPD buffer.
+    mock.expect(slot::query_hbanode).answer(node);
+    mock.expect(slot::get_vpd).with_size(1024).answer_bytes(vpd_with_model());
+    HBA_ADAPTERATTRIBUTES aa;
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_STREQ(aa.ModelDescription, "VXK2010 CNA");
+    EXPECT_STREQ(aa.HardwareVersion, "REV-B2");
+
+    // No identifier string: the description made from the model stays;
+    // a failed read leaves the hardware version empty.
+    mock.expect(slot::query_hbanode).answer(node);
+    mock.expect(slot::get_vpd).status(EXT_STATUS_ERR);
+    memset(&aa, 0xEE, sizeof aa);
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_STREQ(aa.ModelDescription, "Varnex VXS1051");
+    EXPECT_EQ(std::string(aa.HardwareVersion, 256), std::string(256, '\0'));
+}
+
+// Older families keep the board revision in NVRAM: 16 bytes at offset 112.
+TEST_F(Capi, NodeCopyTakesTheOlderFamiliesHardwareVersionFromNvram) {
+    port->phy_info->device_id = EGRET;
+    std::vector<uint8_t> nvram(256, 0);
+    memset(nvram.data() + 112, 'H', 16);
+    nvram[128] = 'X';  // past the field: never copied
+    mock.expect(slot::query_hbanode).answer(node_record());
+    mock.expect(slot::get_nvram).with_size(256).answer_bytes(nvram);
+    HBA_ADAPTERATTRIBUTES aa;
+    memset(&aa, 0xEE, sizeof aa);
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_EQ(std::string(aa.HardwareVersion), std::string(16, 'H'));
+    EXPECT_EQ(aa.HardwareVersion[255], 0);
+
+    mock.expect(slot::query_hbanode).answer(node_record());
+    mock.expect(slot::get_nvram).fails(-1, EIO);
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_EQ(aa.HardwareVersion[0], 0);
+}
+
+TEST_F(Capi, NodeCopyOfALongModel) {
+    EXT_HBA_NODE node = node_record();
+    memset(node.Model, 'X', sizeof node.Model);  // 128 characters, no terminator
+    memset(port->phy_info->model, 'Y', sizeof port->phy_info->model);
+    mock.expect(slot::query_hbanode).answer(node);
+    mock.expect(slot::get_vpd).status(EXT_STATUS_ERR);
+    HBA_ADAPTERATTRIBUTES aa;
+    memset(&aa, 0xEE, sizeof aa);
+    ASSERT_EQ(vxhba_GetAdapterAttributes(h, &aa), HBA_STATUS_OK);
+    EXPECT_EQ(std::string(aa.Model, 128), std::string(128, 'X'));
+    EXPECT_EQ(static_cast<uint8_t>(aa.Model[128]), 0xEE);  // the rest of the caller's field stays
+    EXPECT_EQ(std::string(aa.ModelDescription), "Varnex " + std::string(128, 'X'));
+    EXPECT_EQ(std::string(aa.DriverName), std::string(15, 'Y'));
+}
+
+}  // namespace
