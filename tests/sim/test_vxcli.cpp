@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -637,6 +636,8 @@ SIM_TEST(Vxcli, PassThroughCommands, "default.json") {
     EXPECT_EQ(ns["ports"][2], json::parse(R"({"port_id": "0x010400", "wwpn": "50:06:01:60:08:60:1a:00",
                                               "wwnn": "50:06:01:60:88:60:1a:00"})"));
     EXPECT_EQ(doc_of({"nameserver", "host3", "--type", "8"})["port_count"], 2);
+}
+
 SIM_TEST(Vxcli, OnlineFlashUpdateWithActivation, "crane.json") {
     if (!have_vxcli())
         GTEST_SKIP() << "vxcli not built";
