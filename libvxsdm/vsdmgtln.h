@@ -304,6 +304,19 @@ VXSD_STATIC_ASSERT(sizeof(FABRICADDRESS) == 12, "FABRICADDRESS size");
 /* Largest CDB and sense data a SCSI pass-through carries. */
 #define SDM_MAX_CDB_LEN 16u
 #define SDM_MAX_SENSE_LEN 256u
+/* Flash-update capabilities: the running firmware's attributes (from
+ * SDGetFlashUpdateCapabilities), or those of the firmware just written
+ * (handed to SDSendFlashUpdateFWAttributes). */
+#define SDM_FW_ATTR_ONLINE_ACTIVATE 0x1ull        /* starts without a reset of the board */
+#define SDM_FW_ATTR_ONLINE_UPDATE 0x2ull          /* takes flash writes while the port runs */
+#define SDM_FW_ATTR_GENERATION_MASK 0xFFFFFFFF00000000ull /* must match for an online start */
+typedef struct {
+    SD_UINT64 Capabilities;   /* SDM_FW_ATTR_ bits */
+    SD_UINT32 OutageDuration; /* seconds the port is offline while new firmware starts */
+    SD_UINT8 Reserved[20];
+} SDM_FLASH_UPDATE_CAPS;
+VXSD_STATIC_ASSERT(sizeof(SDM_FLASH_UPDATE_CAPS) == 32, "SDM_FLASH_UPDATE_CAPS");
+VXSD_STATIC_ASSERT(offsetof(SDM_FLASH_UPDATE_CAPS, OutageDuration) == 8, "SDM_FLASH_UPDATE_CAPS.OutageDuration");
 
 /* Link and traffic counters of a port (SDGetStatistics) or of a remote port
  * (SDGetStatisticsFC). InterruptCount and Reserved are never written. */
@@ -463,6 +476,34 @@ VXSD_API SD_UINT32 SDSendCTPassThru(int Device, void* pReqBuffer, SD_UINT32 ReqB
 /* Not supported: always SDM_STATUS_NOT_SUPPORTED. */
 VXSD_API SD_UINT32 SDSendElsRnid(int Device, FABRICADDRESS* pFabricAddr, SD_UINT16 NIDFormat, void* pRespBuffer,
                                  SD_UINT32 RespBufferSize);
+/* Online flash update (the Crane family; physical ports only). Take the
+ * adapter's token, write regions with SDUpdateOptionRomEx2, end the update
+ * with the same token, then optionally start the new firmware without a
+ * reboot. A token lives 900 seconds; the token is the holder's process id.
+ * SDStartFlashUpdate: SDM_STATUS_FLASH_TOKEN_HELD while another live token
+ * exists. SDEndFlashUpdate: SDM_STATUS_FLASH_TOKEN_EXPIRED once it expired,
+ * SDM_STATUS_UNKNOWN_ERROR for a token that is not the adapter's. */
+VXSD_API SD_UINT32 SDStartFlashUpdate(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32* pToken);
+VXSD_API SD_UINT32 SDEndFlashUpdate(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32 Token);
+VXSD_API SD_UINT32 SDOnlineActivateFlashUpdate(int Device, SD_UINT16 HbaDevPortNum);
+/* Who holds the adapter's live token and for how many more seconds;
+ * SDM_STATUS_DEVICE_NOT_FOUND when nobody does. */
+VXSD_API SD_UINT32 SDGetFlashUpdateTokenHolder(int Device, SD_UINT16 HbaDevPortNum, SD_UINT32* pHolder,
+                                               SD_UINT32* pSecondsLeft);
+/* The running firmware's capabilities, and the attributes of the firmware
+ * written to flash, checked by the driver for an online start. */
+VXSD_API SD_UINT32 SDGetFlashUpdateCapabilities(int Device, SD_UINT16 HbaDevPortNum, SDM_FLASH_UPDATE_CAPS* pCaps);
+VXSD_API SD_UINT32 SDSendFlashUpdateFWAttributes(int Device, SD_UINT16 HbaDevPortNum,
+                                                 const SDM_FLASH_UPDATE_CAPS* pCaps);
+
+/* Driver module parameters (no adapter needed). Names are those of the
+ * driver's parameter files; a name with "/" or ".." is refused with
+ * SDM_STATUS_INVALID_PARAMETER, one the driver lacks with
+ * SDM_STATUS_NOT_SUPPORTED. Persist != 0 also records the value in the
+ * first line of the modprobe configuration, keeping the previous file as
+ * vxfcdrv.conf.bak. */
+VXSD_API SD_UINT32 SDGetDriverModuleParam(const char* pName, SD_UINT32* pValue);
+VXSD_API SD_UINT32 SDSetDriverModuleParam(const char* pName, SD_UINT32 Value, SD_UINT32 Persist);
 
 /* The port's counters. HbaDevPortNum is not used: one port per handle. */
 VXSD_API SD_UINT32 SDGetStatistics(int Device, SD_UINT16 HbaDevPortNum, STATISTICS* pStatistics);

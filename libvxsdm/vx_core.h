@@ -752,6 +752,72 @@ int vxapi_resolve_optrom_span(const char* fn, const vxapi_priv_database* inst, u
 // Online flash update mode (set while a flash update token is held).
 extern uint8_t ofu_enabled;
 
+// ---- Flash-update tokens (vx_core_fut) ----
+// One token per adapter, kept in the shared file's token table (or, when
+// OS_Type is VX_OS_ESX, in one file per adapter under /tmp). The token is
+// the holder's process id; it lives VX_FUT_LIFETIME seconds.
+inline constexpr int64_t VX_FUT_LIFETIME = 900;
+inline constexpr size_t VX_FUT_ID_LEN = sizeof(vxapi_flash_update_token::serial_num);
+inline constexpr size_t VX_FUT_PATH_LEN = 160;
+extern char vx_fut_file_prefix[32];  // "/tmp/vxfu_"; writable so tests may move the files
+
+// The adapter's identity in the token table: its serial number, which
+// every port of the board shares; a board without one is named by its PCI
+// location ("pci:DDDD:BB:DD"). Empty (and 1) when the record has no adapter.
+int vxapi_fut_identity(const vxapi_priv_database* inst, char* out, size_t len);
+// The expiry of a slot: two big-endian 32-bit halves, high half first.
+int64_t vxapi_fut_expiry(const vxapi_flash_update_token& slot);
+void vxapi_fut_set_expiry(vxapi_flash_update_token& slot, int64_t seconds);
+
+// The table rules over one table at time `now`, without locking (pure).
+// Each returns the slot index it acted on, or -1.
+int vxapi_fut_table_live(const vxapi_flash_update_token* fut, const char* id, int64_t now);
+int vxapi_fut_table_expired(const vxapi_flash_update_token* fut, const char* id, int64_t now);
+int vxapi_fut_table_take(vxapi_flash_update_token* fut, const char* id, int32_t pid, int64_t now);
+int vxapi_fut_table_clear(vxapi_flash_update_token* fut, const char* id, int32_t token);
+// True when any slot holds a token that has not expired. Signal-safe.
+bool vxapi_fut_any_live(const vxapi_flash_update_token* fut, int64_t now);
+
+// The token calls: under the database lock, the mapping flushed before
+// reading and after writing. Store chosen by OS_Type.
+int32_t vxapi_is_fut_exist(vxapi_priv_database* api_priv_data_inst);            // 0: a live token exists
+int32_t vxapi_get_fut(vxapi_priv_database* api_priv_data_inst, int32_t* ptoken);  // 0: taken
+int32_t vxapi_is_fut_expired(vxapi_priv_database* api_priv_data_inst, int32_t token);  // 0: expired
+int32_t vxapi_clear_fut(vxapi_priv_database* api_priv_data_inst, int32_t token);       // 0: freed
+int32_t vxapi_is_fut_exist_esxi(vxapi_priv_database* api_priv_data_inst);
+int32_t vxapi_get_fut_esxi(vxapi_priv_database* api_priv_data_inst, int32_t* ptoken);
+int32_t vxapi_is_fut_expired_esxi(vxapi_priv_database* api_priv_data_inst, int32_t token);
+int32_t vxapi_clear_fut_esxi(vxapi_priv_database* api_priv_data_inst, int32_t token);
+
+// The check for a live token and the take in one hold of the database
+// lock, so that of two processes starting an update only one gets it.
+enum class vxapi_fut_take_result { taken, held, failed };
+vxapi_fut_take_result vxapi_take_fut(vxapi_priv_database* inst, int32_t* ptoken);
+// The live token of the adapter: its holder and the seconds it has left.
+// 0 when one exists, else 1.
+int32_t vxapi_fut_holder(vxapi_priv_database* inst, int32_t* pholder, int64_t* pseconds_left);
+
+// ---- Driver module parameters (vx_core_modparam) ----
+// Writable so that tests may move them.
+extern char vx_modparam_dir[64];    // "/sys/module/vxfcdrv/parameters/"
+extern char vx_modprobe_conf[64];   // "/etc/modprobe.d/vxfcdrv.conf"
+inline constexpr size_t VX_MODPARAM_CONF_LINE = 256;
+// True for a name that stays inside the parameter directory: not empty, at
+// most VX_MODPARAM_NAME_MAX characters, no "/" and no "..".
+bool vxapi_module_param_name_ok(const char* param);
+// *pext_stat: 0 done, 1 a read or write failed, 6 a bad name, 20 no such
+// parameter. 0 on success, else 1.
+int32_t vxapi_get_driver_module_param(const char* param, uint32_t* pvalue, uint32_t* pext_stat);
+int32_t vxapi_set_driver_module_param(const char* param, uint32_t value, uint32_t* pext_stat);
+int32_t vxapi_set_driver_module_param_conf(const char* param, uint32_t value, uint32_t* pext_stat);
+inline constexpr size_t VX_MODPARAM_NAME_MAX = 64;
+// Room for a first line, a blank, a name and "=<value>\n".
+inline constexpr size_t VX_MODPARAM_LINE_CAP = VX_MODPARAM_CONF_LINE + VX_MODPARAM_NAME_MAX + 16;
+// Rewrites the configuration file's first line (a zero-terminated text in
+// `line`, VX_MODPARAM_LINE_CAP bytes) for `param` = `value` by the
+// one-digit flag rule; pure. Returns the new length.
+size_t vxapi_module_param_conf_line(char* line, const char* param, uint32_t value);
+
 // ---- Flash steps of the property calls (vx_core_flash) ----
 // Refreshes the boot-image versions of a node record from the adapter's flash.
 int vxapi_read_flash_versions(int handle, vxapi_priv_database* inst, EXT_HBA_NODE* node, uint32_t* pext_stat);

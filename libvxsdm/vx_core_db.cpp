@@ -492,8 +492,11 @@ bool leave_database(vxapi_shared_t* shared, uint32_t slot, int fd, int lock_id, 
     if (*others != 0 || semctl(lock_id, 0, GETNCNT) != 0)
         return false;
     // Removed while the lock is held, so that whoever takes the lock next
-    // makes a new file instead of joining this one.
-    if (fd >= 0 && names_our_file(fd) && unlink(vx_db_fname) != 0)
+    // makes a new file instead of joining this one. A live flash-update
+    // token is a lock too (its holder may have died mid-update): the file
+    // that holds it stays until it expires.
+    if (fd >= 0 && names_our_file(fd) && !vxapi_fut_any_live(shared->fut, time(nullptr)) &&
+        unlink(vx_db_fname) != 0)
         *unlink_err = errno;
     remove_flash_set();
     return true;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "inioct.h"
 #include "vx_core.h"
 #include "vx_sddbg.h"
 
@@ -23,6 +24,8 @@ vxapi_priv_database* resolve(const char* name, int handle);
 uint32_t null_record(const char* name, int handle);
 // An ioctl that failed without errno still must not read as success.
 uint32_t errno_status();
+// The region of the current layout with this code (first 255 regions), or null.
+const INT_OPT_ROM_REGION* current_region(uint32_t code);
 // Driver statuses with which a record still arrives: success, overrun, underrun.
 bool tolerated(uint32_t ext_stat);
 // Status rule of the node, port, discovered-port and converged-port calls:

@@ -67,18 +67,6 @@ uint32_t publish_layout(int Device, vxapi_priv_database* inst) {
     return load_layout(Device, inst, work.get());
 }
 
-// The region of the current layout with this code (first 255 regions), or null.
-const INT_OPT_ROM_REGION* current_region(uint32_t code) {
-    const INT_OPT_ROM_LAYOUT* layout = pGlobalOptRomLayout;
-    if (!layout)
-        return nullptr;
-    const uint32_t n = layout->NoOfRegions < VX_OPTROM_MAX_REGIONS ? layout->NoOfRegions : VX_OPTROM_MAX_REGIONS;
-    for (uint32_t i = 0; i < n; ++i)
-        if ((layout->Region[i].Region & VX_REGION_CODE_MASK) == code)
-            return &layout->Region[i];
-    return nullptr;
-}
-
 // A boot-code image whose expansion-ROM chain is broken would leave the
 // adapter without boot code: refused before anything is written.
 bool boot_code_broken(const char* fn, uint32_t region, const uint8_t* image, uint32_t size) {
@@ -116,6 +104,17 @@ uint32_t update_checks(const char* fn, int Device, vxapi_priv_database** pinst, 
 }
 
 }  // namespace
+
+const INT_OPT_ROM_REGION* vxsd::current_region(uint32_t code) {
+    const INT_OPT_ROM_LAYOUT* layout = pGlobalOptRomLayout;
+    if (!layout)
+        return nullptr;
+    const uint32_t n = layout->NoOfRegions < VX_OPTROM_MAX_REGIONS ? layout->NoOfRegions : VX_OPTROM_MAX_REGIONS;
+    for (uint32_t i = 0; i < n; ++i)
+        if ((layout->Region[i].Region & VX_REGION_CODE_MASK) == code)
+            return &layout->Region[i];
+    return nullptr;
+}
 
 // ---- The two write paths ----
 
@@ -366,6 +365,16 @@ bool versions_region(uint32_t code, bool ex2) {
     }
 }
 
+// Regions of the newest family written in online mode only under a token:
+// the firmware images and the boot code.
+bool token_region(uint32_t code) {
+    switch (code) {
+    case 0x01: case 0x02: case 0x07: case 0x09: case 0x66: case 0x67:
+    case 0x9E: case 0x9F: case 0xD1: case 0xD3: case 0xF0: case 0xF1: return true;
+    default: return false;
+    }
+}
+
 bool resets_after_write(vx_family family, bool ex2) {
     if (!ex2)
         return family == vx_family::Lark;
@@ -418,6 +427,11 @@ uint32_t update_region(const char* name, int Device, SD_UINT32 DisableReset, SD_
         return SDM_STATUS_INVALID_REGION;
     if (boot_code_broken(name, code, pBuffer, BufferSize))
         return SDM_STATUS_INVALID_PARAMETER;
+    const vx_family family = family_of(inst);
+    if (ex2 && family == vx_family::Crane && ofu_enabled && token_region(code) && vxapi_is_fut_exist(inst) != 0) {
+        trace_text(SD_ERROR, name, ": Flash update token not set");
+        return SDM_STATUS_FLASH_TOKEN_NOT_SET;
+    }
     if (ex2) {
         status = SDUpdateOptionRomCommonEx2(Device, pBuffer, BufferSize, code, 0, inst);
     } else if (preserved_region(code)) {
@@ -428,7 +442,6 @@ uint32_t update_region(const char* name, int Device, SD_UINT32 DisableReset, SD_
         trace_text(SD_ERROR, name, ": Invalid Region = ", Region, VXDBG_HEX);
         return SDM_STATUS_INVALID_PARAMETER;
     }
-    const vx_family family = family_of(inst);
     if (DisableReset == 0) {
         if (status == SDM_STATUS_SUCCESS && (word & VX_REGION_RESET_MASK) && resets_after_write(family, ex2)) {
             status = vxapi_reset_region(static_cast<uint32_t>(Device), inst, code);

@@ -189,6 +189,25 @@ enum : uint16_t {
     EXT_SC_FLASH_CAPS_SET = 1,
 };
 inline constexpr uint32_t EXT_FLASH_CAPS_LEN = 32;
+// The capabilities record. A read answers the running firmware's
+// attributes and the port's outage during an online activation; a set
+// hands the driver the attributes of the firmware written to flash and is
+// answered with status 0 when that firmware can be started online, or a
+// nonzero status (6, invalid parameter) when it cannot.
+struct EXT_FLASH_UPDATE_CAPS {
+    uint64_t Capabilities;    // firmware attributes (EXT_FW_ATTR_ bits)
+    uint32_t OutageDuration;  // seconds the port is offline while new firmware starts
+    uint8_t Reserved[20];
+};
+static_assert(sizeof(EXT_FLASH_UPDATE_CAPS) == EXT_FLASH_CAPS_LEN);
+static_assert(offsetof(EXT_FLASH_UPDATE_CAPS, OutageDuration) == 8);
+static_assert(offsetof(EXT_FLASH_UPDATE_CAPS, Reserved) == 12);
+// Firmware attribute bits: the firmware starts online (without a reset of
+// the board), it takes flash writes while the port runs; the high word is
+// the firmware's interface generation, which an online start must keep.
+inline constexpr uint64_t EXT_FW_ATTR_ONLINE_ACTIVATE = 0x1;
+inline constexpr uint64_t EXT_FW_ATTR_ONLINE_UPDATE = 0x2;
+inline constexpr uint64_t EXT_FW_ATTR_GENERATION_MASK = 0xFFFFFFFF00000000ull;
 
 // Sub-codes of EXT_CC_SET_DATA used so far: the statistics sub-code of
 // get-data clears the counters it reads.

@@ -135,6 +135,12 @@ void vendor(Job& job) {
     case VENDOR_SET_FLASH_CAPS: {
         const auto caps = flash_caps(a);
         job.din.assign(caps.begin(), caps.end());
+        if (code == VENDOR_SET_FLASH_CAPS) {
+            const uint32_t status = check_new_attributes(a, job.dout.data(), job.dout.size());
+            job.f["status"] = status;
+            job.reply.reply_data.vendor_rsp[0] = status;
+            return;
+        }
         break;
     }
     default: job.result = -ENOSYS; return;

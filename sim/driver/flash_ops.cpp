@@ -52,12 +52,24 @@ std::optional<FlashRange> driver_region(const Adapter& a, uint32_t code, uint64_
 
 std::array<uint8_t, EXT_FLASH_CAPS_LEN> flash_caps(const Adapter& a) {
     std::array<uint8_t, EXT_FLASH_CAPS_LEN> caps{};
-    // Only the boards that activate new firmware online report attributes.
     if (vx_adapter_family(a.device_id) != vx_family::Crane)
         return caps;
-    for (int i = 0; i < 8; ++i)
-        caps[i] = static_cast<uint8_t>(RUNNING_FW_ATTRIBUTES >> (8 * i));
+    EXT_FLASH_UPDATE_CAPS rec{};
+    rec.Capabilities = RUNNING_FW_ATTRIBUTES;
+    rec.OutageDuration = ONLINE_OUTAGE_SECONDS;
+    std::memcpy(caps.data(), &rec, sizeof rec);
     return caps;
+}
+
+uint32_t check_new_attributes(const Adapter& a, const uint8_t* caps, size_t len) {
+    if (vx_adapter_family(a.device_id) != vx_family::Crane || !caps || len < sizeof(EXT_FLASH_UPDATE_CAPS))
+        return EXT_STATUS_INVALID_PARAM;
+    EXT_FLASH_UPDATE_CAPS rec{};
+    std::memcpy(&rec, caps, sizeof rec);
+    const bool online = (rec.Capabilities & EXT_FW_ATTR_ONLINE_ACTIVATE) != 0;
+    const bool same_generation =
+        (rec.Capabilities & EXT_FW_ATTR_GENERATION_MASK) == (RUNNING_FW_ATTRIBUTES & EXT_FW_ATTR_GENERATION_MASK);
+    return online && same_generation ? EXT_STATUS_OK : EXT_STATUS_INVALID_PARAM;
 }
 
 std::string running_edc_version(const Adapter& a) {

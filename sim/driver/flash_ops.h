@@ -31,11 +31,17 @@ long flash_write(const Sim& sim, const Adapter& a, uint64_t offset, const uint8_
 // other code its row of the adapter's region table.
 std::optional<FlashRange> driver_region(const Adapter& a, uint32_t code, uint64_t flash_size);
 
-// The 32-byte capabilities record: the running firmware's attribute bits
-// (little-endian u64; only the boards with online activation have any)
-// first, the rest zero.
+// The 32-byte capabilities record (EXT_FLASH_UPDATE_CAPS): the running
+// firmware's attribute bits and the outage of an online start; only the
+// boards with online activation have any, the others answer zeros.
 std::array<uint8_t, EXT_FLASH_CAPS_LEN> flash_caps(const Adapter& a);
 inline constexpr uint64_t RUNNING_FW_ATTRIBUTES = 0x0000000100000003ull;
+inline constexpr uint32_t ONLINE_OUTAGE_SECONDS = 2;
+// The answer to a set: the driver status for the new firmware's attributes
+// in `caps` (`len` bytes). 0 when they can start online: the running
+// firmware and the new one both start online and share the interface
+// generation; else 6 (invalid parameter).
+uint32_t check_new_attributes(const Adapter& a, const uint8_t* caps, size_t len);
 
 // Running processor versions (MPI, and EDC or PEP) of the boards that have them.
 EXT_ADAPTER_VERSIONS adapter_versions(const Adapter& a);

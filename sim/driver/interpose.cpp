@@ -544,6 +544,20 @@ int scaled_sleep(const char* call, clockid_t clock, const timespec& req, timespe
     return r;
 }
 
+// The host's clock offset, read afresh on every call so that a `vxsim
+// clock advance` from another process takes effect at once. Raw system
+// calls: the interposed open and read must not see this file.
+long long clock_offset() {
+    static const std::string path = root::clock(Sim::root_path());
+    const int fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd < 0)
+        return 0;
+    char text[32];
+    const long n = ::syscall(SYS_read, fd, text, sizeof text);
+    ::syscall(SYS_close, fd);
+    return n > 0 ? parse_clock_offset(text, static_cast<size_t>(n)) : 0;
+}
+
 std::optional<uid_t> sim_euid() {
     static const std::optional<uid_t> euid = []() -> std::optional<uid_t> {
         const char* text = std::getenv("VXSIM_EUID");
@@ -918,6 +932,17 @@ VX_EXPORT uid_t geteuid() noexcept {
             return *e;
     geteuid_fn real = real_geteuid();
     return real ? real() : static_cast<uid_t>(::syscall(SYS_geteuid));
+}
+
+VX_EXPORT time_t time(time_t* out) noexcept {
+    timespec ts{};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    time_t now = ts.tv_sec;
+    if (in_sim())
+        now += static_cast<time_t>(clock_offset());
+    if (out)
+        *out = now;
+    return now;
 }
 
 VX_EXPORT unsigned sleep(unsigned seconds) {

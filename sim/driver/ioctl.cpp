@@ -15,6 +15,7 @@
 #include "endpoints.h"
 #include "events.h"
 #include "flash_ops.h"
+#include "pci.h"
 #include "vx_adapters.h"
 
 namespace vxsim::drv {
@@ -203,7 +204,7 @@ void get_data(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const IoctlR
         return;
     }
     case EXT_SC_GET_ACTIVE_IMAGE:
-        if (vx_adapter_has(p.adapter->device_id, VX_MARK_ACTIVE_IMAGE))
+        if (reports_image_set(p.adapter->device_id))
             fixed(ans, static_cast<uint32_t>(p.adapter->active_image), req.response_len);
         else
             ans.status = EXT_STATUS_UNSUPPORTED_SUBCODE;

@@ -79,6 +79,10 @@ void ioctl_flash(const Sim& sim, IoctlAnswer& ans, const IoctlPort& p, const Ioc
     case EXT_CC_FLASH_UPDATE_CAPS: {
         const auto caps = flash_caps(a);
         ans.response.assign(caps.begin(), caps.begin() + std::min<size_t>(caps.size(), req.response_len));
+        if (req.subcode == EXT_SC_FLASH_CAPS_SET) {
+            ans.status = check_new_attributes(a, req.request.data(), req.request.size());
+            f["status"] = ans.status;
+        }
         return;
     }
     default: ans.status = EXT_STATUS_INVALID_REQUEST; return;

@@ -55,6 +55,25 @@ timespec unscale_remaining(const timespec& rem, double scale, const timespec& re
 
 bool sleep_is_journaled(const timespec& req) { return valid(req) && req.tv_sec >= SLEEP_JOURNAL_SECONDS; }
 
+long long parse_clock_offset(const char* text, size_t len) {
+    size_t i = 0;
+    bool negative = false;
+    if (i < len && text[i] == '-') {
+        negative = true;
+        ++i;
+    }
+    long long v = 0;
+    size_t digits = 0;
+    for (; i < len && text[i] >= '0' && text[i] <= '9'; ++i, ++digits) {
+        if (v > (std::numeric_limits<long long>::max() - 9) / 10)
+            return 0;
+        v = v * 10 + (text[i] - '0');
+    }
+    if (digits == 0 || (i < len && text[i] != '\n' && text[i] != ' ' && text[i] != '\0'))
+        return 0;
+    return negative ? -v : v;
+}
+
 double to_seconds(const timespec& t) {
     return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / NS;
 }

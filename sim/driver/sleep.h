@@ -24,6 +24,11 @@ timespec scale_duration(const timespec& req, double scale);
 timespec unscale_remaining(const timespec& rem, double scale, const timespec& req);
 
 bool sleep_is_journaled(const timespec& req);
+
+// The host's clock offset from the text of its state file: a decimal
+// number of seconds, optionally negative, ending at a blank, newline or the
+// end; anything else (or nothing) is 0.
+long long parse_clock_offset(const char* text, size_t len);
 double to_seconds(const timespec& t);
 
 }  // namespace vxsim::drv

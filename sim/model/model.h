@@ -166,6 +166,9 @@ struct HostOptions {
     bool control_node = true;      // class/vxfcapidev/vxfcapidev/dev present
     std::optional<uint32_t> euid;  // geteuid() answer inside the host (tests of the root check)
     bool esx = false;              // VMware service console markers
+    // Driver module parameters that differ from the driver's own set: a
+    // value (decimal text) adds or changes one, none removes it.
+    std::map<std::string, std::optional<std::string>> module_parameters;
 };
 
 struct Scenario {

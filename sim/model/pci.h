@@ -13,6 +13,12 @@
 
 namespace vxsim {
 
+// Boards whose driver reports which image set runs: the two-image-set
+// families, and the newest family, whose online update reloads it.
+inline bool reports_image_set(uint16_t device_id) {
+    return vx_adapter_has(device_id, VX_MARK_ACTIVE_IMAGE) || vx_adapter_family(device_id) == vx_family::Crane;
+}
+
 // One line of a PCI function's "resource" attribute.
 struct PciBar {
     uint64_t start = 0;

@@ -54,6 +54,8 @@ inline std::string devices(const std::string& r) { return r + "/state/devices.js
 inline std::string journal(const std::string& r) { return r + "/state/journal.jsonl"; }
 inline std::string faults(const std::string& r) { return r + "/state/faults.json"; }
 inline std::string events(const std::string& r) { return r + "/state/events"; }
+// Seconds the host's wall clock runs ahead of the real one (decimal text).
+inline std::string clock(const std::string& r) { return r + "/state/clock"; }
 inline std::string etc_upper(const std::string& r) { return r + "/etc"; }
 inline std::string usrlib_upper(const std::string& r) { return r + "/usr-lib"; }
 inline std::string overlay_work(const std::string& r) { return r + "/.work"; }

@@ -442,7 +442,25 @@ bool read_options(const json& j, const std::string& path, std::string& err, Host
                h.euid = static_cast<uint32_t>(x);
                return true;
            }) &&
-           o.boolean("esx", h.esx) && o.done();
+           o.boolean("esx", h.esx) &&
+           o.opt("module_parameters", [&](const json& v, const std::string& p) {
+               if (!v.is_object())
+                   return o.fail(p, "expected an object of parameter names");
+               for (const auto& [name, value] : v.items()) {
+                   if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..")
+                       return o.fail(p, "bad parameter name \"" + name + "\"");
+                   if (value.is_null())
+                       h.module_parameters[name] = std::nullopt;
+                   else if (value.is_number_integer())
+                       h.module_parameters[name] = value.dump();
+                   else if (value.is_string())
+                       h.module_parameters[name] = value.get<std::string>();
+                   else
+                       return o.fail(p + "." + name, "expected a number, a string or null");
+               }
+               return true;
+           }) &&
+           o.done();
 }
 
 bool read_fault(const json& j, const std::string& path, std::string& err, Fault& f) {
@@ -814,6 +832,12 @@ std::string scenario_to_json(const Scenario& s) {
     if (s.options.euid)
         opt["euid"] = *s.options.euid;
     opt["esx"] = s.options.esx;
+    if (!s.options.module_parameters.empty()) {
+        json params = json::object();
+        for (const auto& [name, value] : s.options.module_parameters)
+            params[name] = value ? json(*value) : json(nullptr);
+        opt["module_parameters"] = std::move(params);
+    }
     j["options"] = std::move(opt);
     ojson adapters = ojson::array();
     for (const Adapter& a : s.adapters) {

@@ -164,6 +164,37 @@ bool write_faults(const std::string& root, const std::vector<Fault>& faults, std
     return f.ok() && f.replace(faults_text(faults), error, path);
 }
 
+bool read_clock_offset(const std::string& root, int64_t& out, std::string& error) {
+    out = 0;
+    const std::string path = root::clock(root);
+    if (!fs::exists(path))
+        return true;
+    std::string text;
+    if (!fs::read_file(path, text, error))
+        return false;
+    out = std::strtoll(text.c_str(), nullptr, 10);
+    return true;
+}
+
+bool advance_clock(const std::string& root, int64_t seconds, int64_t* now_offset, std::string& error) {
+    const std::string path = root::clock(root);
+    LockedFile lock(path + ".lock", error);
+    int64_t offset = 0;
+    if (!lock.ok() || !read_clock_offset(root, offset, error))
+        return false;
+    offset += seconds;
+    const std::string tmp = path + ".new";
+    if (!fs::write_file(tmp, std::to_string(offset) + "\n", 0644, error))
+        return false;
+    if (::rename(tmp.c_str(), path.c_str()) != 0) {
+        error = fs::errno_text("rename", path);
+        return false;
+    }
+    if (now_offset)
+        *now_offset = offset;
+    return true;
+}
+
 bool append_event(const std::string& root, const SpoolEvent& e, std::string* name, std::string& error) {
     if (e.kind != "fc" && e.kind != "aen") {
         error = "event kind must be fc or aen";

@@ -58,4 +58,10 @@ struct JournalLine {
 };
 bool read_journal(const std::string& root, std::vector<JournalLine>& out, std::string& error);
 
+// The host's clock offset in seconds (0 when never moved), and moving it
+// forward or back. The file is replaced whole, so that a reader never sees
+// a part of it.
+bool read_clock_offset(const std::string& root, int64_t& out, std::string& error);
+bool advance_clock(const std::string& root, int64_t seconds, int64_t* now_offset, std::string& error);
+
 }  // namespace vxsim::state

@@ -376,7 +376,7 @@ private:
         // and which image set runs on boards with two.
         if (vx_adapter_has(a.device_id, VX_MARK_MPI_EDC))
             w_.file(c + "/edc_version", line(a.flash.edc));
-        if (vx_adapter_has(a.device_id, VX_MARK_ACTIVE_IMAGE))
+        if (reports_image_set(a.device_id))
             w_.file(c + "/active_image", num(a.active_image));
         w_.file(c + "/max_npiv_vports", num(p.max_npiv_vports));
         w_.file(c + "/flash_block_size", num(FLASH_BLOCK_SIZE));  // our attribute, decimal
@@ -591,9 +591,15 @@ private:
                 w_.link(m + "/drivers/pci:" + name, "bus/pci/drivers/" + name);
         }
         // The current driver's parameters exist whenever the module is loaded.
-        if (driver_versions_.count("vxfcdrv"))
+        if (driver_versions_.count("vxfcdrv")) {
+            const auto& changed = s_.options.module_parameters;
             for (const auto& [param, value] : DRIVER_PARAMETERS)
-                w_.file("module/vxfcdrv/parameters/" + std::string(param), line(value));
+                if (!changed.count(std::string(param)))
+                    w_.file("module/vxfcdrv/parameters/" + std::string(param), line(value));
+            for (const auto& [param, value] : changed)
+                if (value)
+                    w_.file("module/vxfcdrv/parameters/" + param, line(*value));
+        }
         if (s_.options.vioctlmod) {
             w_.file("module/vioctlmod/initstate", "live\n");
             w_.file("module/vioctlmod/refcnt", "1\n");

@@ -400,6 +400,13 @@ int main(int argc, char** argv) {
     journal_cmd->add_option("--endpoint", j_endpoint, "Only this endpoint");
     journal_cmd->add_flag("--json", j_json, "Raw JSON lines");
 
+    std::string clock_root;
+    int64_t clock_seconds = 0;
+    CLI::App* clock_cmd = app.add_subcommand("clock", "Show or move the host's wall clock (time())");
+    clock_cmd->add_option("--root", clock_root, "Sim root (default: $VXSIM_ROOT)");
+    CLI::App* clock_advance = clock_cmd->add_subcommand("advance", "Move the clock by SECONDS (negative: back)");
+    clock_advance->add_option("seconds", clock_seconds, "Seconds")->required();
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -431,5 +438,17 @@ int main(int argc, char** argv) {
     }
     if (journal_cmd->parsed())
         return journal(j_root, j_endpoint, j_json);
+    if (clock_cmd->parsed()) {
+        std::string error;
+        int64_t offset = 0;
+        if (!resolve_root(clock_root, error))
+            return complain(error);
+        const bool ok = clock_advance->parsed() ? state::advance_clock(clock_root, clock_seconds, &offset, error)
+                                                : state::read_clock_offset(clock_root, offset, error);
+        if (!ok)
+            return complain(error);
+        std::printf("clock offset %lld s\n", static_cast<long long>(offset));
+        return 0;
+    }
     return 2;
 }

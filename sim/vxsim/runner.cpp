@@ -99,6 +99,12 @@ public:
 
         mount_or_fail(root::sys(o_.root), "/sys", nullptr, MS_BIND, nullptr);
         overlay("/etc", root::etc_upper(o_.root), root::overlay_work(o_.root) + "/etc");
+        {
+            // The driver's options file goes here; the host may lack the directory.
+            std::string err;
+            if (!fs::make_dirs("/etc/modprobe.d", err))
+                fail("cannot set up the simulated host: " + err);
+        }
         overlay("/usr/lib", root::usrlib_upper(o_.root), root::overlay_work(o_.root) + "/usr-lib");
         mount_or_fail("tmpfs", "/tmp", "tmpfs", MS_NOSUID, "mode=1777");
         mount_or_fail("tmpfs", "/dev", "tmpfs", MS_NOSUID, "mode=755");

@@ -3,10 +3,12 @@
 // completion, partial failures from injected driver faults, and each command.
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <map>
@@ -759,4 +761,93 @@ SIM_TEST(Vxcli, EventsFollowPrintsInjectedEvents, "default.json") {
     EXPECT_EQ(line["event"], "link down");
     EXPECT_EQ(line["code"], SDM_AEN_LINK_DOWN);
     EXPECT_TRUE(line["time"].get<std::string>().ends_with("Z")) << line;
+}
+
+SIM_TEST(Vxcli, OnlineFlashUpdateWithActivation, "crane.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli not built";
+    Bytes fw(0x2000, 0x4D);
+    std::memcpy(fw.data(), "VXFW", 4);
+    write_file("/tmp/fw.bin", fw);
+    const json done =
+        doc_of({"flash", "write", "0", "--region", "0x01", "--online", "--activate", "--yes", "/tmp/fw.bin"});
+    EXPECT_EQ(done["online"], true);
+    EXPECT_EQ(done["verified"], true);
+    EXPECT_EQ(done["activated"], true);
+    const Bytes flash = st::flash_image("crane0");
+    EXPECT_TRUE(std::equal(fw.begin(), fw.end(), flash.begin() + 0x80000));
+    std::vector<std::string> resets;
+    for (const json& e : st::journal())
+        if (e.contains("reset_code"))
+            resets.push_back(e["reset_code"].get<std::string>());
+    EXPECT_EQ(resets, (std::vector<std::string>{"0x0101", "0x0101"})) << "the online start only, on both ports";
+
+    // The token was given back: a second update runs too, without activation.
+    const Run again = vxcli({"flash", "write", "1", "--region", "0x01", "--online", "--yes", "/tmp/fw.bin"});
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_NE(again.out.find("starts at the next reset"), std::string::npos) << again.out;
+
+    expect_failure({"flash", "write", "0", "--online", "--yes", "/tmp/fw.bin"}, 1,
+                   "flash write: --online writes one region at a time: give --region");
+    expect_failure({"flash", "write", "0", "--region", "0x01", "--activate", "--yes", "/tmp/fw.bin"}, 1,
+                   "flash write: --activate goes with --online");
+}
+
+SIM_TEST(Vxcli, OnlineFlashUpdateNamesTheTokensHolder, "crane.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli not built";
+    write_file("/tmp/fw.bin", Bytes(0x1000, 0x21));
+    const Bytes before = st::flash_image("crane0");
+    const pid_t holder = st::start_token_holder(1);
+    ASSERT_GT(holder, 0);
+    expect_failure({"flash", "write", "0", "--region", "0x01", "--online", "--yes", "/tmp/fw.bin"}, 4,
+                   "port 0: another flash update is running: process " + std::to_string(holder) + " holds it for ");
+    const Run r = vxcli({"flash", "write", "0", "--region", "0x01", "--online", "--yes", "/tmp/fw.bin"});
+    std::smatch left;
+    ASSERT_TRUE(std::regex_search(r.err, left, std::regex("holds it for ([0-9]+) more seconds"))) << r.err;
+    EXPECT_GT(std::stoi(left[1]), 800);
+    EXPECT_LE(std::stoi(left[1]), 900);
+    EXPECT_EQ(st::flash_image("crane0"), before) << "nothing written";
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    // A killed holder's token lives on until it expires.
+    expect_failure({"flash", "write", "0", "--region", "0x01", "--online", "--yes", "/tmp/fw.bin"}, 4,
+                   "port 0: another flash update is running: process " + std::to_string(holder));
+}
+
+SIM_TEST(Vxcli, DriverParameters, "crane.json") {
+    if (!have_vxcli())
+        GTEST_SKIP() << "vxcli not built";
+    const json all = doc_of({"params"});
+    std::map<std::string, json> values;
+    for (const json& p : all["parameters"])
+        values[p["name"].get<std::string>()] = p["value"];
+    EXPECT_EQ(values.at("vxfcqdepth"), 32) << "the scenario's value";
+    EXPECT_EQ(values.at("vxfcsmartsan"), 0);
+    EXPECT_EQ(values.count("vxfcnpiv"), 0u) << "removed by the scenario";
+    const Run table = vxcli({"params", "--columns", "name"});
+    EXPECT_EQ(table.status, 0);
+    EXPECT_NE(table.out.find("vxfclogintmo"), std::string::npos) << table.out;
+    EXPECT_EQ(table.out.find("VALUE"), std::string::npos) << table.out;
+
+    EXPECT_EQ(doc_of({"params", "get", "vxfcqdepth"})["value"], 32);
+    const json set = doc_of({"params", "set", "vxfcsmartsan", "1", "--persist", "--yes"});
+    EXPECT_EQ(set["previous"], 0);
+    EXPECT_EQ(set["value"], 1);
+    EXPECT_EQ(set["persisted"], true);
+    EXPECT_EQ(st::read_text("/etc/modprobe.d/vxfcdrv.conf"), std::string("options vxfcdrv vxfcsmartsan=1\n", 32));
+    const Run plain = vxcli({"params", "set", "vxfclogintmo", "40", "--yes"});
+    EXPECT_EQ(plain.status, 0) << plain.err;
+    EXPECT_EQ(doc_of({"params", "get", "vxfclogintmo"})["value"], 40);
+    EXPECT_EQ(st::read_text("/etc/modprobe.d/vxfcdrv.conf"), std::string("options vxfcdrv vxfcsmartsan=1\n", 32))
+        << "without --persist the options stay";
+
+    expect_failure({"params", "get", "vxfcnpiv"}, 1, "parameter vxfcnpiv: the driver has no such parameter");
+    expect_failure({"params", "get", "../vxfcdrv/version"}, 1, "parameter ../vxfcdrv/version: not a parameter name");
+    expect_failure({"params", "set", "vxfcsmartsan", "yes", "--yes"}, 1,
+                   "params set: the value must be a number from 0 to 4294967295, not 'yes'");
+    expect_failure({"params", "set", "vxfcsmartsan", "0"}, 1, "");  // no terminal, no --yes
+    expect_failure({"params", "get", "vxfcqdepth", "--persist"}, 1, "params: --persist goes with set");
+    expect_failure({"params", "frob"}, 1, "params: say nothing (list), get NAME, or set NAME VALUE");
+    EXPECT_EQ(doc_of({"params", "get", "vxfcsmartsan"})["value"], 1) << "refusals changed nothing";
 }

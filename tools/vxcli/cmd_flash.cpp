@@ -197,13 +197,65 @@ void run_read(Context& ctx) {
 
 struct WriteArgs {
     std::string region, input;
+    bool online = false, activate = false;
 } write_args;
 
 void write_options(CLI::App& app) {
     app.add_option("FILE", write_args.input, "The image to write")->required();
     app.add_option("--region", write_args.region, "Write this region (code, e.g. 0x07); default: the whole image")
         ->type_name("R");
+    app.add_flag("--online", write_args.online,
+                 "Update while the adapter stays online (newest family; needs --region): under the adapter's flash "
+                 "update token");
+    app.add_flag("--activate", write_args.activate, "With --online: start the new firmware without a reboot");
 }
+
+// The online update's token, ended on every way out once taken.
+class UpdateToken {
+public:
+    UpdateToken(Context& ctx, const SelectedPort& port) : ctx_(ctx), port_(port) {}
+    ~UpdateToken() { end(); }
+    UpdateToken(const UpdateToken&) = delete;
+    UpdateToken& operator=(const UpdateToken&) = delete;
+
+    // Takes the token; false (the failure recorded) when another process holds it or the board has none.
+    bool take() {
+        const uint32_t st = SDStartFlashUpdate(port_.handle, 0, &token_);
+        if (st == 0) {
+            held_ = true;
+            return true;
+        }
+        if (st == SDM_STATUS_FLASH_TOKEN_HELD) {
+            SD_UINT32 holder = 0, left = 0;
+            const std::string who = SDGetFlashUpdateTokenHolder(port_.handle, 0, &holder, &left) == 0
+                                        ? fmt::format("process {} holds it for {} more seconds", holder, left)
+                                        : std::string("another process holds it");
+            ctx_.fail(EXIT_PARTIAL,
+                      fmt::format("port {}: another flash update is running: {}", port_.instance, who), st);
+        } else if (st == SDM_STATUS_NOT_SUPPORTED) {
+            ctx_.fail(EXIT_USAGE,
+                      fmt::format("port {}: online updates need a physical port of a Crane board", port_.instance), st);
+        } else {
+            ctx_.fail(EXIT_PARTIAL, fmt::format("port {}: no flash update token: {}", port_.instance, status_text(st)),
+                      st);
+        }
+        return false;
+    }
+    // Ends the update; 0 or the status of the end.
+    uint32_t end() {
+        if (!held_)
+            return 0;
+        held_ = false;
+        return SDEndFlashUpdate(port_.handle, 0, token_);
+    }
+    SD_UINT32 token() const { return token_; }
+
+private:
+    Context& ctx_;
+    const SelectedPort& port_;
+    SD_UINT32 token_ = 0;
+    bool held_ = false;
+};
 
 // Why the library refused, in the words of the refusal.
 std::string refusal(uint32_t st) {
@@ -223,6 +275,10 @@ void run_write(Context& ctx) {
     const Number region = number(write_args.region);
     if (!region.ok)
         return ctx.fail(EXIT_USAGE, "flash write: --region takes a number (e.g. 0x07)");
+    if (write_args.online && !region.given)
+        return ctx.fail(EXIT_USAGE, "flash write: --online writes one region at a time: give --region");
+    if (write_args.activate && !write_args.online)
+        return ctx.fail(EXIT_USAGE, "flash write: --activate goes with --online");
     std::ifstream in(write_args.input, std::ios::binary);
     const std::vector<uint8_t> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (!in.good() && !in.eof())
@@ -257,11 +313,17 @@ void run_write(Context& ctx) {
             return ctx.fail(EXIT_USAGE, fmt::format("image refused: {}", why));
     }
     const std::string where = region.given ? fmt::format("region {}", hex(region.value)) : std::string("the whole image");
-    if (!confirmed(ctx, fmt::format("Write {} bytes to {} of port {}?", size, where, port.instance)))
+    if (!confirmed(ctx, fmt::format("Write {} bytes to {} of port {}{}?", size, where, port.instance,
+                                    write_args.online ? " while it stays online" : "")))
         return;
 
+    UpdateToken token(ctx, port);
+    if (write_args.online && !token.take())
+        return;
     std::vector<uint8_t> data = image;  // the library may change its buffer (a second copy of boot code)
     uint32_t st = transfer(ctx, "Writing", size, [&] {
+        if (write_args.online)
+            return SDUpdateOptionRomEx2(port.handle, 0, data.data(), size, region.value);
         return region.given ? SDUpdateOptionRomEx(port.handle, 0, data.data(), size, region.value)
                             : SDUpdateOptionRom(port.handle, 0, data.data(), size);
     });
@@ -287,8 +349,27 @@ void run_write(Context& ctx) {
     ctx.doc()["input"] = write_args.input;
     ctx.doc()["verified"] = true;
     ctx.doc()["adapter_settings_kept"] = !same;
+    ctx.doc()["online"] = write_args.online;
     ctx.print(fmt::format("Wrote {} bytes to {} of port {}; read back and verified{}\n", size, where, port.instance,
                           same ? "" : " (the adapter's own settings were kept)"));
+    if (!write_args.online)
+        return;
+    if (const uint32_t end = token.end(); end != 0)
+        return ctx.fail(EXIT_PARTIAL, fmt::format("port {}: ending the flash update failed: {}", port.instance,
+                                                  status_text(end)), end);
+    ctx.doc()["activated"] = false;
+    if (!write_args.activate) {
+        ctx.print(fmt::format("The new firmware starts at the next reset; 'vxcli flash write --online --activate' "
+                              "starts it without one\n"));
+        return;
+    }
+    if (const uint32_t act = SDOnlineActivateFlashUpdate(port.handle, 0); act != 0)
+        return ctx.fail(EXIT_PARTIAL, fmt::format("port {}: online activation failed: {}", port.instance,
+                                                  act == SDM_STATUS_REGION_RESET_FAILED
+                                                      ? "the new firmware cannot start online (or its reset failed)"
+                                                      : status_text(act)), act);
+    ctx.doc()["activated"] = true;
+    ctx.print(fmt::format("Activated: the new firmware runs on every port of the board\n"));
 }
 
 }  // namespace
@@ -308,12 +389,15 @@ Command flash_read_command() {
 }
 
 Command flash_write_command() {
-    return {"flash write", "PORT [--region R] FILE", "Write an image into a port's flash",
+    return {"flash write", "PORT [--region R [--online [--activate]]] FILE", "Write an image into a port's flash",
             "Writes FILE into one region, or as the whole image, after checking it: the region must exist and hold "
             "it, boot code must be a sound chain of PCI expansion-ROM images (0x55 0xAA, PCIR, lengths inside the "
             "file, a last image), and virtual ports are refused. Asks before writing unless --yes is given. The "
             "adapter's own BIOS settings and subsystem vendor are kept across a boot-code update; the flash is "
-            "read back and compared afterwards.",
+            "read back and compared afterwards. With --online (Crane boards) the region is written while the "
+            "adapter stays online, under the adapter's flash update token, so that no other process updates it at "
+            "the same time (when one does, its process id and the seconds its token has left are printed); "
+            "--activate then starts the new firmware on every port of the board without a reboot.",
             PortArg::One, nullptr, true, write_options, run_write};
 }
 

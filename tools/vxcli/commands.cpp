@@ -21,6 +21,7 @@ const std::vector<Command>& commands() {
         stats_command(),
         events_command(),
         metrics_command(),
+        params_command(),
         version_command(),
     };
     return table;

@@ -21,6 +21,7 @@ Command nameserver_command();
 Command stats_command();
 Command events_command();
 Command metrics_command();
+Command params_command();
 Command version_command();
 Command nvram_command();
 Command vpd_command();
