@@ -6,12 +6,14 @@
 // (libhbalinux) beside it over the same simulated host: what both derive
 // from the same sysfs data must agree, and each field that differs by our
 // rules is listed below with its reason.
+#include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <hbaapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -408,6 +410,108 @@ SIM_TEST(HbaApiPeer, AgreesWithThePeerLibrary, "peer.json") {
     }
     close_all(ours);
     close_all(peers);
+    EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
+}
+
+// ---- Statistics and events ----
+
+// The simulated host shortens sleeps; waiting for the event thread needs real time.
+void real_sleep(int ms) { poll(nullptr, 0, ms); }
+
+// The families before Swift keep no frame or NOS counters.
+bool keeps_frame_counters(const vxsim::Adapter& a) { return a.device_id >= 0x1050; }
+
+SIM_TEST(HbaApiWrapper, PortStatisticsMatchTheScenario, "default.json") {
+    write_conf(our_conf_line());
+    ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
+    const std::vector<adapter_view> views = read_all(OUR_PREFIX);
+    ASSERT_EQ(views.size(), scenario_port_count());
+    constexpr HBA_INT64 UNKEPT = -1;
+    for (const adapter_view& v : views) {
+        SCOPED_TRACE(v.name);
+        const vxsim::Adapter* adapter = nullptr;
+        const vxsim::HostPort* p = scenario_port(wwn_value(v.port.PortWWN), &adapter);
+        ASSERT_NE(p, nullptr);
+        const auto value = [p](const char* name) -> HBA_INT64 {
+            const auto it = p->stats.values.find(name);
+            return it == p->stats.values.end() ? 0 : static_cast<HBA_INT64>(it->second);
+        };
+        HBA_PORTSTATISTICS ps;
+        memset(&ps, 0, sizeof ps);
+        ASSERT_EQ(HBA_GetPortStatistics(v.handle, 0, &ps), HBA_STATUS_OK);
+        EXPECT_EQ(ps.SecondsSinceLastReset, UNKEPT);
+        EXPECT_EQ(ps.TxWords, UNKEPT);
+        EXPECT_EQ(ps.LinkFailureCount, value("link_failure_count"));
+        EXPECT_EQ(ps.ErrorFrames, ps.LinkFailureCount);
+        EXPECT_EQ(ps.LossOfSyncCount, value("loss_of_sync_count"));
+        EXPECT_EQ(ps.LIPCount, value("lip_count"));
+        const bool frames = keeps_frame_counters(*adapter);
+        EXPECT_EQ(ps.TxFrames, frames ? value("tx_frames") : UNKEPT);
+        EXPECT_EQ(ps.RxFrames, frames ? value("rx_frames") : UNKEPT);
+        EXPECT_EQ(ps.NOSCount, frames ? value("nos_count") : UNKEPT);
+
+        HBA_FC4STATISTICS fs;
+        EXPECT_EQ(HBA_GetFC4Statistics(v.handle, v.port.PortWWN, 0x08, &fs), HBA_STATUS_OK);
+        EXPECT_EQ(fs.InputRequests, value("fcp_input_requests"));
+        EXPECT_EQ(HBA_GetFC4Statistics(v.handle, v.port.PortWWN, 0x20, &fs), HBA_STATUS_ERROR_UNSUPPORTED_FC4);
+    }
+    close_all(views);
+    EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
+}
+
+struct event_log {
+    std::atomic<int> calls{0};
+    std::atomic<HBA_UINT32> type{0};
+    std::atomic<uint64_t> wwpn{0};
+};
+
+void on_port_event(void* data, HBA_WWN wwn, HBA_UINT32 type, HBA_UINT32) {
+    auto* log = static_cast<event_log*>(data);
+    log->type = type;
+    log->wwpn = wwn_value(wwn);
+    log->calls.fetch_add(1);
+}
+
+// Link down on host 2: the callback of its port hears it once; after the
+// removal the next one waits in the queue for a poll instead.
+SIM_TEST(HbaApiWrapper, PortEventReachesTheCallbackOnce, "default.json") {
+    write_conf(our_conf_line());
+    ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
+    const std::vector<adapter_view> views = read_all(OUR_PREFIX);
+    const auto v = std::find_if(views.begin(), views.end(), [](const adapter_view& a) {
+        const vxsim::HostPort* p = scenario_port(wwn_value(a.port.PortWWN));
+        return p && p->host_no == 2;
+    });
+    ASSERT_NE(v, views.end());
+    event_log log;
+    HBA_CALLBACKHANDLE cbh = nullptr;
+    HBA_WWN other = v->port.PortWWN;
+    other.wwn[7] ^= 0xFF;
+    EXPECT_EQ(HBA_RegisterForAdapterPortEvents(on_port_event, &log, v->handle, other, &cbh),
+              HBA_STATUS_ERROR_ILLEGAL_WWN);
+    ASSERT_EQ(HBA_RegisterForAdapterPortEvents(on_port_event, &log, v->handle, v->port.PortWWN, &cbh), HBA_STATUS_OK);
+
+    ASSERT_EQ(st::run_vxsim({"event", "--type", "linkdown", "--host", "2"}).status, 0);
+    for (int waited = 0; waited < 1500 && log.calls == 0; waited += 10)
+        real_sleep(10);
+    real_sleep(300);  // many more passes: no second call
+    EXPECT_EQ(log.calls.load(), 1);
+    EXPECT_EQ(log.type.load(), static_cast<HBA_UINT32>(HBA_EVENT_PORT_OFFLINE));
+    EXPECT_EQ(log.wwpn.load(), wwn_value(v->port.PortWWN));
+
+    ASSERT_EQ(HBA_RemoveCallback(cbh), HBA_STATUS_OK);
+    ASSERT_EQ(st::run_vxsim({"event", "--type", "linkdown", "--host", "2"}).status, 0);
+    HBA_EVENTINFO info[8];
+    HBA_UINT32 count = 0;
+    for (int waited = 0; waited < 1500 && count == 0; waited += 10) {
+        real_sleep(10);
+        count = 8;
+        ASSERT_EQ(HBA_GetEventBuffer(v->handle, info, &count), HBA_STATUS_OK);
+    }
+    ASSERT_EQ(count, 1u);
+    EXPECT_EQ(info[0].EventCode, static_cast<HBA_UINT32>(HBA_EVENT_PORT_OFFLINE));
+    EXPECT_EQ(log.calls.load(), 1);
+    close_all(views);
     EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
 }
 

@@ -423,4 +423,109 @@ TEST_F(Capi, NodeCopyOfALongModel) {
     EXPECT_EQ(std::string(aa.DriverName), std::string(15, 'Y'));
 }
 
+
+// ---- Statistics ----
+
+TEST_F(Capi, PortStatisticsByFamily) {
+    EXT_HBA_PORT_STAT st{};
+    st.TotalLipResets = 5;
+    st.TotalLinkFailures = 7;
+    st.TotalLossOfSync = 8;
+    st.TotalLossOfSignals = 9;
+    st.PrimitiveSeqProtocolErrorCount = 10;
+    st.InvalidTransmissionWordCount = 11;
+    st.InvalidCRCCount = 0xFFFFFFFF;  // widened, not sign-extended
+    st.TxFrames = 20;
+    st.RxFrames = 21;
+    st.NosCount = 22;
+    st.DumpedFrames = 23;
+    constexpr HBA_INT64 UNKEPT = -1;
+    const struct {
+        uint16_t device_id;
+        bool frames;
+    } rows[] = {{SWIFT, true}, {CRANE, true}, {EGRET, false}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.device_id);
+        port->phy_info->device_id = r.device_id;
+        mock.expect(slot::get_statistics).answer(st);
+        HBA_PORTSTATISTICS ps;
+        memset(&ps, 0, sizeof ps);
+        // The port index does not choose a port.
+        ASSERT_EQ(vxhba_GetPortStatistics(h, 3, &ps), HBA_STATUS_OK);
+        EXPECT_EQ(ps.SecondsSinceLastReset, UNKEPT);
+        EXPECT_EQ(ps.TxWords, UNKEPT);
+        EXPECT_EQ(ps.RxWords, UNKEPT);
+        EXPECT_EQ(ps.TxFrames, r.frames ? 20 : UNKEPT);
+        EXPECT_EQ(ps.RxFrames, r.frames ? 21 : UNKEPT);
+        EXPECT_EQ(ps.NOSCount, r.frames ? 22 : UNKEPT);
+        EXPECT_EQ(ps.DumpedFrames, r.frames ? 23 : UNKEPT);
+        EXPECT_EQ(ps.LIPCount, 5);
+        EXPECT_EQ(ps.ErrorFrames, 7);
+        EXPECT_EQ(ps.LinkFailureCount, 7);
+        EXPECT_EQ(ps.LossOfSyncCount, 8);
+        EXPECT_EQ(ps.LossOfSignalCount, 9);
+        EXPECT_EQ(ps.PrimitiveSeqProtocolErrCount, 10);
+        EXPECT_EQ(ps.InvalidTxWordCount, 11);
+        EXPECT_EQ(ps.InvalidCRCCount, 0xFFFFFFFFLL);
+    }
+}
+
+TEST_F(Capi, StatisticsStatusAndArguments) {
+    const struct {
+        uint32_t stat, detail;
+        int32_t rc;
+        HBA_STATUS want;
+    } rows[] = {
+        {EXT_STATUS_BUSY, 0, 0, HBA_STATUS_ERROR_BUSY},
+        {EXT_STATUS_SCSI_STATUS, 0x02, 0, HBA_STATUS_SCSI_CHECK_CONDITION},
+        {EXT_STATUS_BUSY, 0, -1, HBA_STATUS_ERROR_BUSY},  // the driver's status first
+        {EXT_STATUS_OK, 0, 1, HBA_STATUS_ERROR},
+    };
+    HBA_WWN own;
+    memcpy(own.wwn, port->wwpn, 8);
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.stat << "/" << r.rc);
+        mock.expect(slot::get_statistics).status(r.stat, r.detail).fails(r.rc, 0);
+        HBA_PORTSTATISTICS ps;
+        memset(&ps, 0, sizeof ps);
+        EXPECT_EQ(vxhba_GetPortStatistics(h, 0, &ps), r.want);
+        EXPECT_EQ(ps.LIPCount, 0);  // untouched on failure
+        mock.expect(slot::get_statistics).status(r.stat, r.detail).fails(r.rc, 0);
+        HBA_FC4STATISTICS fs;
+        memset(&fs, 0, sizeof fs);
+        EXPECT_EQ(vxhba_GetFC4Statistics(h, own, VX_FC4_TYPE_FCP, &fs), r.want);
+    }
+    HBA_PORTSTATISTICS ps;
+    HBA_FC4STATISTICS fs;
+    EXPECT_EQ(vxhba_GetPortStatistics(h + 1, 0, &ps), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(vxhba_GetPortStatistics(h, 0, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetFC4Statistics(h + 1, own, VX_FC4_TYPE_FCP, &fs), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(vxhba_GetFC4Statistics(h, own, VX_FC4_TYPE_FCP, nullptr), HBA_STATUS_ERROR_ARG);
+    // Neither another port nor another FC-4 type reaches the driver.
+    HBA_WWN other = own;
+    other.wwn[7] ^= 1;
+    EXPECT_EQ(vxhba_GetFC4Statistics(h, other, VX_FC4_TYPE_FCP, &fs), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    EXPECT_EQ(vxhba_GetFC4Statistics(h, own, 0x20, &fs), HBA_STATUS_ERROR_UNSUPPORTED_FC4);
+}
+
+TEST_F(Capi, FC4StatisticsAreTheFcpCounters) {
+    EXT_HBA_PORT_STAT st{};
+    st.InputRequestCount = 0x100000001ULL;
+    st.OutputRequestCount = 2;
+    st.ControlRequestCount = 3;
+    st.InputMBytes = 4;
+    st.OutputMBytes = 5;
+    mock.expect(slot::get_statistics).answer(st);
+    HBA_WWN own;
+    memcpy(own.wwn, port->wwpn, 8);
+    HBA_FC4STATISTICS fs;
+    memset(&fs, 0xEE, sizeof fs);
+    ASSERT_EQ(vxhba_GetFC4Statistics(h, own, VX_FC4_TYPE_FCP, &fs), HBA_STATUS_OK);
+    EXPECT_EQ(fs.InputRequests, 0x100000001LL);
+    EXPECT_EQ(fs.OutputRequests, 2);
+    EXPECT_EQ(fs.ControlRequests, 3);
+    EXPECT_EQ(fs.InputMegabytes, 4);
+    EXPECT_EQ(fs.OutputMegabytes, 5);
+}
+
 }  // namespace
