@@ -515,4 +515,122 @@ SIM_TEST(HbaApiWrapper, PortEventReachesTheCallbackOnce, "default.json") {
     EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
 }
 
+// ---- SCSI commands and CT pass-through ----
+
+constexpr uint64_t HOST2 = 0x2100001d5a025142;  // the Swift's first port
+constexpr uint64_t DISKS = 0x5006016008601a00;  // target 0 behind it: disks
+constexpr uint64_t TAPE = 0x5006016808601a01;   // target 1: LUN 0 is a tape
+
+HBA_WWN wwn_of(uint64_t v) {
+    HBA_WWN w;
+    for (int i = 7; i >= 0; --i, v >>= 8)
+        w.wwn[i] = static_cast<uint8_t>(v);
+    return w;
+}
+
+uint64_t be(const uint8_t* p, size_t n) {
+    uint64_t v = 0;
+    for (size_t i = 0; i < n; ++i)
+        v = v << 8 | p[i];
+    return v;
+}
+
+std::string hex(const uint8_t* p, size_t n) {
+    std::string out;
+    char two[3];
+    for (size_t i = 0; i < n; ++i) {
+        snprintf(two, sizeof two, "%02x", p[i]);
+        out += two;
+    }
+    return out;
+}
+
+// The FCP LUN of a single-level midlayer LUN number: its two bytes first.
+HBA_UINT64 fcp_lun(uint16_t lun) { return static_cast<HBA_UINT64>(lun) << 48; }
+
+SIM_TEST(HbaApiWrapper, ScsiCommandsMatchTheScenario, "default.json") {
+    write_conf(our_conf_line());
+    ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
+    const std::vector<adapter_view> views = read_all(OUR_PREFIX);
+    const auto v = std::find_if(views.begin(), views.end(),
+                                [](const adapter_view& a) { return wwn_value(a.port.PortWWN) == HOST2; });
+    ASSERT_NE(v, views.end());
+    const HBA_WWN own = v->port.PortWWN;
+
+    std::vector<uint8_t> inq(256, 0xEE);
+    uint8_t sense[32];
+    ASSERT_EQ(HBA_SendScsiInquiry(v->handle, wwn_of(DISKS), fcp_lun(0), 0, 0, inq.data(), 255, sense, sizeof sense),
+              HBA_STATUS_OK);
+    EXPECT_EQ(std::string(inq.begin() + 8, inq.begin() + 36), "VARNEX  SIMDISK         0001");
+    EXPECT_EQ(inq[255], 0xEE);
+
+    // LUN 2 has 41943040 blocks, flat-space LUN 256 (0x4100 on the midlayer) 4194304.
+    for (auto [lun, last] : {std::pair<HBA_UINT64, uint32_t>{fcp_lun(2), 41943039}, {fcp_lun(0x4100), 4194303}}) {
+        uint8_t cap[8];
+        HBA_UINT32 size = sizeof cap, sense_size = sizeof sense;
+        HBA_UINT8 scsi = 0xEE;
+        EXPECT_EQ(HBA_ScsiReadCapacityV2(v->handle, own, wwn_of(DISKS), lun, cap, &size, &scsi, sense, &sense_size),
+                  HBA_STATUS_OK);
+        EXPECT_EQ(be(cap, 8), uint64_t(last) << 32 | 512) << std::hex << lun;
+        EXPECT_EQ(scsi, 0);
+        EXPECT_EQ(sense_size, 0u);
+    }
+
+    uint8_t luns[64];
+    HBA_UINT32 size = sizeof luns, sense_size = sizeof sense;
+    HBA_UINT8 scsi = 0xEE;
+    ASSERT_EQ(HBA_ScsiReportLUNsV2(v->handle, own, wwn_of(DISKS), luns, &size, &scsi, sense, &sense_size),
+              HBA_STATUS_OK);
+    EXPECT_EQ(hex(luns, 48), "000000280000000000000000000000000001000000000000000200000000000041000000000000004401"
+                             "000000000000");
+
+    // READ CAPACITY of a tape: ILLEGAL REQUEST, INVALID COMMAND OPERATION CODE.
+    uint8_t cap[8];
+    size = sizeof cap;
+    sense_size = sizeof sense;
+    EXPECT_EQ(HBA_ScsiReadCapacityV2(v->handle, own, wwn_of(TAPE), 0, cap, &size, &scsi, sense, &sense_size),
+              HBA_STATUS_SCSI_CHECK_CONDITION);
+    EXPECT_EQ(scsi, 0x02);
+    ASSERT_EQ(sense_size, 18u);
+    EXPECT_EQ(hex(sense, 18), "700005000000000a00000000200000000000");
+    memset(sense, 0, sizeof sense);
+    EXPECT_EQ(HBA_SendReadCapacity(v->handle, wwn_of(TAPE), 0, cap, sizeof cap, sense, sizeof sense),
+              HBA_STATUS_SCSI_CHECK_CONDITION);
+    EXPECT_EQ(sense[2], 0x05);
+
+    // The name server's FCP ports (GID_FT): every one is a port of the scenario.
+    uint8_t gid_ft[20] = {1, 0, 0, 0, 0xFC, 0x02, 0, 0, 0x01, 0x71};
+    gid_ft[19] = 8;
+    std::vector<uint8_t> resp(1024);
+    HBA_UINT32 resp_size = static_cast<HBA_UINT32>(resp.size());
+    ASSERT_EQ(HBA_SendCTPassThruV2(v->handle, own, gid_ft, sizeof gid_ft, resp.data(), &resp_size), HBA_STATUS_OK);
+    ASSERT_EQ(be(resp.data() + 8, 2), 0x8002u) << "accept";
+    std::set<uint32_t> known;
+    for (const auto& a : st::scenario().adapters)
+        for (const auto& f : a.functions) {
+            std::vector<const vxsim::HostPort*> ports{&f.port};
+            for (const auto& vp : f.vports)
+                ports.push_back(&vp);
+            for (const vxsim::HostPort* p : ports) {
+                known.insert(p->port_id);
+                for (const auto& r : p->remote_ports)
+                    known.insert(r.port_id);
+            }
+        }
+    size_t listed = 0;
+    for (size_t at = 16; at + 4 <= resp.size(); at += 4) {
+        EXPECT_TRUE(known.count(static_cast<uint32_t>(be(&resp[at + 1], 3)))) << at;
+        ++listed;
+        if (resp[at] & 0x80)  // the last entry
+            break;
+    }
+    EXPECT_GT(listed, 1u);
+    HBA_WWN other = own;
+    other.wwn[7] ^= 0xFF;
+    EXPECT_EQ(HBA_SendCTPassThruV2(v->handle, other, gid_ft, sizeof gid_ft, resp.data(), &resp_size),
+              HBA_STATUS_ERROR_ILLEGAL_WWN);
+    close_all(views);
+    EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
+}
+
 }  // namespace
