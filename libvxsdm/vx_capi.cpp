@@ -55,10 +55,10 @@ bool tolerated(uint32_t ext_stat) {
 
 // Status of a query whose record is then copied: an untolerated driver
 // status is translated, a query that failed without one is an error.
-HBA_STATUS query_status(const char* name, HBA_HANDLE handle, int32_t rc, uint32_t ext_stat) {
+HBA_STATUS query_status(const char* name, HBA_HANDLE handle, int32_t rc, uint32_t ext_stat, uint32_t ext_dstat = 0) {
     if (!tolerated(ext_stat)) {
         trace_call(ERR, name, handle, "): bad stat ", ext_stat, VXDBG_DEC);
-        return vxapi_translate_to_capi_status(ext_stat, 0);
+        return vxapi_translate_to_capi_status(ext_stat, ext_dstat);
     }
     if (rc != 0) {
         trace_call(ERR, name, handle, "): query failed ", static_cast<uint64_t>(static_cast<uint32_t>(rc)), VXDBG_DEC);
@@ -426,16 +426,7 @@ namespace {
 HBA_STATUS read_port_stat(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat) {
     uint32_t ext_stat = 0, ext_dstat = 0;
     const int32_t rc = vxapi_get_statistics(inst->oshandle, inst, stat, &ext_stat, &ext_dstat);
-    if (ext_stat != EXT_STATUS_OK) {
-        trace_call(ERR, name, handle, "): bad stat ", ext_stat, VXDBG_DEC);
-        return vxapi_translate_to_capi_status(ext_stat, ext_dstat);
-    }
-    if (rc != 0) {
-        trace_call(ERR, name, handle, "): statistics failed ", static_cast<uint64_t>(static_cast<uint32_t>(rc)),
-                   VXDBG_DEC);
-        return HBA_STATUS_ERROR;
-    }
-    return HBA_STATUS_OK;
+    return query_status(name, handle, rc, ext_stat, ext_dstat);
 }
 
 }  // namespace
