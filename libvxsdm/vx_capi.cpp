@@ -443,7 +443,7 @@ void vxcapi_copy_port_statistics(const vxapi_priv_database* inst, const EXT_HBA_
         out->DumpedFrames = s->DumpedFrames;
     }
     out->LIPCount = s->TotalLipResets;
-    out->ErrorFrames = s->TotalLinkFailures;  // the link-failure counter on purpose: clients compare the two
+    out->ErrorFrames = s->TotalLinkFailures;  // the link-failure counter again, deliberately
     out->LinkFailureCount = s->TotalLinkFailures;
     out->LossOfSyncCount = s->TotalLossOfSync;
     out->LossOfSignalCount = s->TotalLossOfSignals;
