@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "vx_adapters.h"
 #include "vx_capi.h"
 #include "vx_channel.h"
+#include "vx_event.h"
 #include "vx_sddbg.h"
 
 namespace {
@@ -53,10 +55,10 @@ bool tolerated(uint32_t ext_stat) {
 
 // Status of a query whose record is then copied: an untolerated driver
 // status is translated, a query that failed without one is an error.
-HBA_STATUS query_status(const char* name, HBA_HANDLE handle, int32_t rc, uint32_t ext_stat) {
+HBA_STATUS query_status(const char* name, HBA_HANDLE handle, int32_t rc, uint32_t ext_stat, uint32_t ext_dstat = 0) {
     if (!tolerated(ext_stat)) {
         trace_call(ERR, name, handle, "): bad stat ", ext_stat, VXDBG_DEC);
-        return vxapi_translate_to_capi_status(ext_stat, 0);
+        return vxapi_translate_to_capi_status(ext_stat, ext_dstat);
     }
     if (rc != 0) {
         trace_call(ERR, name, handle, "): query failed ", static_cast<uint64_t>(static_cast<uint32_t>(rc)), VXDBG_DEC);
@@ -286,8 +288,11 @@ HBA_HANDLE vxhba_OpenAdapter(char* name) {
         trace(ERR, "): open adapter error.");
         return HBA_HANDLE_INVALID;
     }
-    // The port's asynchronous events are registered here once the event
-    // registration leaf exists; vxhba_CloseAdapter undoes it.
+    // Events flow from the open on, so that a callback registered later
+    // misses nothing the driver queued meanwhile; the last close undoes it.
+    uint32_t ev_stat = 0;
+    if (vxapi_async_event_reg(inst->oshandle, inst, 1, nullptr, &ev_stat) != 0 || ev_stat != EXT_STATUS_OK)
+        trace(ERR, "): event registration failed. stat=", ev_stat, VXDBG_DEC);
     trace(TRC, "): exiting. handle=", handle, VXDBG_DEC);
     return handle;
 }
@@ -298,6 +303,14 @@ void vxhba_CloseAdapter(HBA_HANDLE handle) {
     vxapi_priv_database* inst = resolve(fn, handle);
     if (!inst)
         return;
+    if (inst->open_cnt == 1) {
+        // The last close: the client's callbacks and the driver's event
+        // delivery go with the port's channel.
+        vxapi_unreg_all_events(inst);
+        uint32_t ev_stat = 0;
+        if (vxapi_async_event_reg(inst->oshandle, inst, 0, nullptr, &ev_stat) != 0 || ev_stat != EXT_STATUS_OK)
+            trace_call(ERR, fn, handle, "): event deregistration failed. stat=", ev_stat, VXDBG_DEC);
+    }
     uint32_t status = 0;
     if (vxapi_close_adapter(inst, &status) != 0)
         trace_call(ERR, fn, handle, "): close error=", status, VXDBG_DEC);
@@ -407,14 +420,82 @@ HBA_STATUS vxhba_GetDiscPortAttrByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTAT
     return trace_exit(fn, handle, HBA_STATUS_ERROR_ILLEGAL_WWN);
 }
 
-// The statistics leaf comes with the events work; until then the counters
-// are not served (vxcapi_copy_port_statistics is what they will be copied with).
-HBA_STATUS vxhba_GetPortStatistics(HBA_HANDLE, HBA_UINT32, HBA_PORTSTATISTICS*) {
-    return not_supported("vxhba_GetPortStatistics: not supported yet.");
+namespace {
+
+// The driver's port counters, the status of the request.
+HBA_STATUS read_port_stat(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat) {
+    uint32_t ext_stat = 0, ext_dstat = 0;
+    const int32_t rc = vxapi_get_statistics(inst->oshandle, inst, stat, &ext_stat, &ext_dstat);
+    return query_status(name, handle, rc, ext_stat, ext_dstat);
 }
 
-HBA_STATUS vxhba_GetFC4Statistics(HBA_HANDLE, HBA_WWN, HBA_UINT8, HBA_FC4STATISTICS*) {
-    return not_supported("vxhba_GetFC4Statistics: not supported yet.");
+}  // namespace
+
+void vxcapi_copy_port_statistics(const vxapi_priv_database* inst, const EXT_HBA_PORT_STAT* s,
+                                 HBA_PORTSTATISTICS* out) {
+    // A counter the adapter does not keep reads as -1.
+    memset(out, 0xFF, sizeof *out);
+    const uint16_t device_id = inst->phy_info ? inst->phy_info->device_id : 0;
+    if (vx_adapter_has(device_id, VX_MARK_NEWER) || vx_adapter_has(device_id, VX_MARK_CNA)) {
+        out->TxFrames = s->TxFrames;
+        out->RxFrames = s->RxFrames;
+        out->NOSCount = s->NosCount;
+        out->DumpedFrames = s->DumpedFrames;
+    }
+    out->LIPCount = s->TotalLipResets;
+    out->ErrorFrames = s->TotalLinkFailures;  // the link-failure counter again, deliberately
+    out->LinkFailureCount = s->TotalLinkFailures;
+    out->LossOfSyncCount = s->TotalLossOfSync;
+    out->LossOfSignalCount = s->TotalLossOfSignals;
+    out->PrimitiveSeqProtocolErrCount = s->PrimitiveSeqProtocolErrorCount;
+    out->InvalidTxWordCount = s->InvalidTransmissionWordCount;
+    out->InvalidCRCCount = s->InvalidCRCCount;
+}
+
+// The port index does not choose a port: the handle is one port.
+HBA_STATUS vxhba_GetPortStatistics(HBA_HANDLE handle, HBA_UINT32, HBA_PORTSTATISTICS* stats) {
+    static constexpr const char* fn = "vxhba_GetPortStatistics";
+    trace_entry(fn, handle);
+    vxapi_priv_database* inst = resolve(fn, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (!stats)
+        return null_record(fn, handle);
+    EXT_HBA_PORT_STAT stat{};
+    const HBA_STATUS status = read_port_stat(fn, handle, inst, &stat);
+    if (status == HBA_STATUS_OK)
+        vxcapi_copy_port_statistics(inst, &stat, stats);
+    return trace_exit(fn, handle, status);
+}
+
+// The adapter counts FCP traffic only, and only for its own port.
+HBA_STATUS vxhba_GetFC4Statistics(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT8 fc4_type,
+                                  HBA_FC4STATISTICS* stats) {
+    static constexpr const char* fn = "vxhba_GetFC4Statistics";
+    trace_entry(fn, handle);
+    vxapi_priv_database* inst = resolve(fn, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (!stats)
+        return null_record(fn, handle);
+    if (!same_wwn(port_wwn, inst->wwpn)) {
+        trace_call(ERR, fn, handle, "): not this adapter's port.");
+        return HBA_STATUS_ERROR_ILLEGAL_WWN;
+    }
+    if (fc4_type != VX_FC4_TYPE_FCP) {
+        trace_call(ERR, fn, handle, "): FC-4 type not counted ", fc4_type, VXDBG_HEX);
+        return HBA_STATUS_ERROR_UNSUPPORTED_FC4;
+    }
+    EXT_HBA_PORT_STAT stat{};
+    const HBA_STATUS status = read_port_stat(fn, handle, inst, &stat);
+    if (status == HBA_STATUS_OK) {
+        stats->InputRequests = stat.InputRequestCount;
+        stats->OutputRequests = stat.OutputRequestCount;
+        stats->ControlRequests = stat.ControlRequestCount;
+        stats->InputMegabytes = stat.InputMBytes;
+        stats->OutputMegabytes = stat.OutputMBytes;
+    }
+    return trace_exit(fn, handle, status);
 }
 
 // ---- Handlers that do nothing ----
@@ -425,19 +506,72 @@ void vxhba_ResetStatistics(HBA_HANDLE handle, HBA_UINT32) { trace_entry("vxhba_R
 
 void vxhba_RefreshAdapterConfiguration() { vxdbg_line(TRC, "vxhba_RefreshAdapterConfiguration: entered."); }
 
-// ---- Events (registered by the event work) ----
+// ---- Events ----
 
-HBA_STATUS vxhba_GetEventBuffer(HBA_HANDLE, HBA_EVENTINFO*, HBA_UINT32*) {
-    return not_supported("vxhba_GetEventBuffer: not supported yet.");
+// The port's events waiting in this process's queue, for a client that
+// polls instead of registering a callback. Only as many are taken as the
+// caller has room for; the rest stay queued.
+HBA_STATUS vxhba_GetEventBuffer(HBA_HANDLE handle, HBA_EVENTINFO* info, HBA_UINT32* count) {
+    static constexpr const char* fn = "vxhba_GetEventBuffer";
+    trace_entry(fn, handle);
+    vxapi_priv_database* inst = resolve(fn, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (!count || (!info && *count != 0))
+        return null_record(fn, handle);
+    const uint32_t room = *count < VX_EVQ_TAKE_MAX ? *count : VX_EVQ_TAKE_MAX;
+    EXT_ASYNC_EVENT events[VX_EVQ_TAKE_MAX];
+    uint32_t taken = 0;
+    {
+        vxapi_event_hold hold;
+        if (hold.database_held())
+            vxapi_empty_sh_portevq(api_library_instance, inst, events, &taken, room);
+    }
+    for (uint32_t i = 0; i < taken; ++i) {
+        uint32_t fabric_port_id = 0;
+        HBA_EVENTINFO& e = info[i];
+        e.EventCode = vxapi_snia_port_event_type(events[i], &fabric_port_id);
+        // Fabric changes carry the affected address; the others none.
+        if (e.EventCode == VX_SNIA_PORT_FABRIC) {
+            e.Event.RSCN_EventInfo.PortFcId = fabric_port_id;
+            e.Event.RSCN_EventInfo.NPortPage = 0;
+        } else {
+            e.Event.Link_EventInfo.PortFcId = 0;
+        }
+    }
+    *count = taken;
+    trace_call(TRC, fn, handle, "): exiting. events=", taken, VXDBG_DEC);
+    return HBA_STATUS_OK;
 }
 
-HBA_STATUS vxhba_RemoveCallback(HBA_CALLBACKHANDLE) {
-    return not_supported("vxhba_RemoveCallback: not supported yet.");
+// The callback handle is the registration's own, so a handle from an
+// earlier registration of the port no longer names anything.
+HBA_STATUS vxhba_RemoveCallback(HBA_CALLBACKHANDLE cbh) {
+    vxdbg_line(TRC, "vxhba_RemoveCallback: entered.");
+    const HBA_STATUS status = vxapi_remove_event_cb(cbh) == 0 ? HBA_STATUS_OK : HBA_STATUS_ERROR_INVALID_HANDLE;
+    vxdbg_num(TRC, "vxhba_RemoveCallback: exiting. ret=", status, VXDBG_DEC, 1);
+    return status;
 }
 
-HBA_STATUS vxhba_RegisterForAdapterPortEvents(void (*)(void*, HBA_WWN, HBA_UINT32, HBA_UINT32), void*, HBA_HANDLE,
-                                              HBA_WWN, HBA_CALLBACKHANDLE*) {
-    return not_supported("vxhba_RegisterForAdapterPortEvents: not supported yet.");
+// One callback per port: a new registration replaces the one before.
+HBA_STATUS vxhba_RegisterForAdapterPortEvents(void (*cb)(void*, HBA_WWN, HBA_UINT32, HBA_UINT32), void* data,
+                                              HBA_HANDLE handle, HBA_WWN port_wwn, HBA_CALLBACKHANDLE* cbh) {
+    static constexpr const char* fn = "vxhba_RegisterForAdapterPortEvents";
+    trace_entry(fn, handle);
+    vxapi_priv_database* inst = resolve(fn, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (!cb || !cbh)
+        return null_record(fn, handle);
+    if (!same_wwn(port_wwn, inst->wwpn)) {
+        trace_call(ERR, fn, handle, "): not this adapter's port.");
+        return HBA_STATUS_ERROR_ILLEGAL_WWN;
+    }
+    void* reg = nullptr;
+    if (vxapi_reg_port_event_cb(inst, cb, data, &reg) != 0)
+        return trace_exit(fn, handle, HBA_STATUS_ERROR);
+    *cbh = reg;
+    return trace_exit(fn, handle, HBA_STATUS_OK);
 }
 
 // ---- Not supported by this library ----

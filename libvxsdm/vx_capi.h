@@ -25,7 +25,15 @@ static_assert(VXHBA_SLOTS_V2 == 54);
 // detail status) to HBA_STATUS. The only status mapping of the interface.
 HBA_STATUS vxapi_translate_to_capi_status(uint32_t ext_stat, uint32_t ext_dstat);
 
+// FC-4 type of FCP: the only traffic the adapter counts by type.
+inline constexpr HBA_UINT8 VX_FC4_TYPE_FCP = 0x08;
+
 // ---- Record copies ----
+// The port's counters: all ones first (a counter the adapter does not keep
+// reads as -1), then the driver's; frame and NOS counters only on the
+// families from Swift on and the converged ones.
+void vxcapi_copy_port_statistics(const vxapi_priv_database* inst, const EXT_HBA_PORT_STAT* stat,
+                                 HBA_PORTSTATISTICS* out);
 // The standard's speed bits of a driver speed code; 0 for codes it lacks.
 HBA_PORTSPEED vxcapi_supported_speed(uint8_t code);
 HBA_PORTSPEED vxcapi_port_speed(uint8_t code);

@@ -207,15 +207,290 @@ HBA_STATUS vxhba_FcpTargetMappingV2(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_FCP
     return target_mapping(fn, handle, mapping);
 }
 
-// ---- Waiting for the pass-through leaves ----
+// ---- SCSI commands and CT pass-through ----
 
-HBA_STATUS vxhba_SendCTPassThru(HBA_HANDLE, void*, HBA_UINT32, void*, HBA_UINT32) {
-    return not_supported("vxhba_SendCTPassThru: not supported yet.");
+namespace {
+
+constexpr uint8_t OP_INQUIRY = 0x12;
+constexpr uint8_t OP_READ_CAPACITY = 0x25;
+constexpr uint8_t OP_REPORT_LUNS = 0xA0;
+constexpr uint32_t INQUIRY_MAX = 255;  // the allocation length is one byte
+constexpr uint32_t CT_IU_HEADER = 16;
+
+// One SCSI command to a remote port by name. The sizes are in/out where the
+// caller passed pointers: the sense size comes back as the sense bytes
+// written; the response size is left as given (the driver does not say how
+// much it moved). The SCSI status is the target's status byte.
+struct scsi_request {
+    const uint8_t* target_wwn;
+    uint64_t fc_lun;
+    uint8_t cdb[10];
+    uint8_t cdb_len;
+    void* rsp;
+    uint32_t rsp_size;
+    void* sense;
+    uint32_t* sense_size;  // null: no sense wanted
+    HBA_UINT8* scsi_status;
+};
+
+bool own_port(const vxapi_priv_database* inst, const HBA_WWN& wwn) {
+    return memcmp(wwn.wwn, inst->wwpn, sizeof wwn.wwn) == 0;
 }
 
-HBA_STATUS vxhba_SendCTPassThruV2(HBA_HANDLE, HBA_WWN, void*, HBA_UINT32, void*, HBA_UINT32*) {
-    return not_supported("vxhba_SendCTPassThruV2: not supported yet.");
+// The midlayer's LUN number of an FCP LUN given as its eight bytes, most
+// significant first (the form the target mapping hands out): peripheral
+// and flat-space addressing only.
+bool lun_number(uint64_t fc_lun, uint16_t* lun) {
+    const auto b0 = static_cast<uint8_t>(fc_lun >> 56);
+    const auto b1 = static_cast<uint8_t>(fc_lun >> 48);
+    switch (b0 >> 6) {
+    case 0: *lun = static_cast<uint16_t>(b0 << 8 | b1); return true;
+    case 1: *lun = static_cast<uint16_t>((b0 & 0x3F) << 8 | b1); return true;
+    default: return false;
+    }
 }
+
+HBA_STATUS send_scsi(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, const scsi_request& r) {
+    uint16_t lun = 0;
+    if (!lun_number(r.fc_lun, &lun)) {
+        trace_status(ERR, name, handle, "): LUN addressing not served.");
+        return HBA_STATUS_ERROR_INVALID_LUN;
+    }
+    const uint32_t room = r.sense && r.sense_size ? std::min<uint32_t>(*r.sense_size, EXT_MAX_SENSE_LEN) : 0;
+    EXT_FC_SCSI_PASSTHRU pt;
+    memset(&pt, 0, sizeof pt);
+    memcpy(pt.FCScsiAddr.DestAddr.WWPN, r.target_wwn, sizeof pt.FCScsiAddr.DestAddr.WWPN);
+    pt.FCScsiAddr.DestType = EXT_DEF_DESTTYPE_WWPN;
+    pt.FCScsiAddr.Lun = lun;
+    pt.Direction = EXT_DEF_SCSI_DIR_IN;
+    pt.CdbLength = r.cdb_len;
+    memcpy(pt.Cdb, r.cdb, r.cdb_len);
+    pt.SenseLength = static_cast<uint16_t>(room);
+    uint32_t ext_stat = 0, ext_dstat = 0;
+    const int32_t rc = vxapi_send_fc_scsipt(inst->oshandle, inst, &pt, nullptr, 0, r.rsp, r.rsp_size, &ext_stat,
+                                            &ext_dstat);
+    const auto scsi = static_cast<uint8_t>(ext_dstat & 0xFF);
+    if (r.scsi_status)
+        *r.scsi_status = ext_stat == EXT_STATUS_OK || ext_stat == EXT_STATUS_SCSI_STATUS ? scsi : 0;
+    uint32_t sense_len = 0;
+    if (ext_stat == EXT_STATUS_SCSI_STATUS && scsi == EXT_SCSI_STATUS_CHECK_CONDITION && room) {
+        sense_len = std::min<uint32_t>(pt.SenseLength, room);
+        memcpy(r.sense, pt.SenseData, sense_len);
+    }
+    if (r.sense_size)
+        *r.sense_size = sense_len;
+    HBA_STATUS status = vxapi_translate_to_capi_status(ext_stat, ext_dstat);
+    if (status == HBA_STATUS_OK && rc != 0)
+        status = HBA_STATUS_ERROR;  // failed without a driver status
+    if (status != HBA_STATUS_OK)
+        trace_status(ERR, name, handle, "): failed. stat=", ext_stat, VXDBG_DEC);
+    trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+    return status;
+}
+
+// The checks every SCSI handler makes; the instance, or null with *status set.
+vxapi_priv_database* scsi_checks(const char* name, HBA_HANDLE handle, const void* rsp, uint32_t rsp_size,
+                                 HBA_STATUS* status) {
+    trace_status(TRC, name, handle, "): entered.");
+    vxapi_priv_database* inst = resolve(name, handle);
+    if (!inst) {
+        *status = HBA_STATUS_ERROR_INVALID_HANDLE;
+        return nullptr;
+    }
+    if (!rsp || rsp_size == 0) {
+        trace_status(ERR, name, handle, "): no response buffer.");
+        *status = HBA_STATUS_ERROR_ARG;
+        return nullptr;
+    }
+    return inst;
+}
+
+scsi_request inquiry(const HBA_WWN& target, uint64_t lun, uint8_t byte1, uint8_t byte2, void* rsp,
+                     uint32_t rsp_size) {
+    scsi_request r{};
+    r.target_wwn = target.wwn;
+    r.fc_lun = lun;
+    r.cdb[0] = OP_INQUIRY;
+    r.cdb[1] = byte1;
+    r.cdb[2] = byte2;
+    r.cdb[4] = static_cast<uint8_t>(std::min(rsp_size, INQUIRY_MAX));
+    r.cdb_len = 6;
+    r.rsp = rsp;
+    r.rsp_size = std::min(rsp_size, INQUIRY_MAX);
+    return r;
+}
+
+scsi_request report_luns(const HBA_WWN& target, void* rsp, uint32_t rsp_size) {
+    scsi_request r{};
+    r.target_wwn = target.wwn;
+    r.cdb[0] = OP_REPORT_LUNS;
+    // Bytes 6-9: the allocation length, most significant first.
+    r.cdb[6] = static_cast<uint8_t>(rsp_size >> 24);
+    r.cdb[7] = static_cast<uint8_t>(rsp_size >> 16);
+    r.cdb[8] = static_cast<uint8_t>(rsp_size >> 8);
+    r.cdb[9] = static_cast<uint8_t>(rsp_size);
+    r.cdb_len = 10;
+    r.rsp = rsp;
+    r.rsp_size = rsp_size;
+    return r;
+}
+
+scsi_request read_capacity(const HBA_WWN& target, uint64_t lun, void* rsp, uint32_t rsp_size) {
+    scsi_request r{};
+    r.target_wwn = target.wwn;
+    r.fc_lun = lun;
+    r.cdb[0] = OP_READ_CAPACITY;
+    r.cdb_len = 10;
+    r.rsp = rsp;
+    r.rsp_size = rsp_size;
+    return r;
+}
+
+// V2 forms: the adapter's port named, sizes and status by pointer.
+vxapi_priv_database* v2_checks(const char* name, HBA_HANDLE handle, const HBA_WWN& port_wwn, const void* rsp,
+                               const HBA_UINT32* rsp_size, const HBA_UINT8* scsi_status, const void* sense,
+                               const HBA_UINT32* sense_size, HBA_STATUS* status) {
+    if (!rsp_size || !scsi_status || (sense && !sense_size)) {
+        trace_status(ERR, name, handle, "): null size or status.");
+        *status = check_handle(handle) ? HBA_STATUS_ERROR_ARG : HBA_STATUS_ERROR_INVALID_HANDLE;
+        return nullptr;
+    }
+    vxapi_priv_database* inst = scsi_checks(name, handle, rsp, *rsp_size, status);
+    if (inst && !own_port(inst, port_wwn)) {
+        trace_status(ERR, name, handle, "): not this adapter's port.");
+        *status = HBA_STATUS_ERROR_ILLEGAL_WWN;
+        return nullptr;
+    }
+    return inst;
+}
+
+HBA_STATUS send_ct(const char* name, HBA_HANDLE handle, void* req, HBA_UINT32 req_size, void* rsp,
+                   HBA_UINT32 rsp_size, const HBA_WWN* port_wwn) {
+    trace_status(TRC, name, handle, "): entered.");
+    vxapi_priv_database* inst = resolve(name, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (port_wwn && !own_port(inst, *port_wwn)) {
+        trace_status(ERR, name, handle, "): not this adapter's port.");
+        return HBA_STATUS_ERROR_ILLEGAL_WWN;
+    }
+    if (!req || !rsp || rsp_size == 0 || req_size < CT_IU_HEADER) {
+        trace_status(ERR, name, handle, "): bad request or response buffer. size=", req_size, VXDBG_DEC);
+        return HBA_STATUS_ERROR_ARG;
+    }
+    uint32_t ext_stat = 0;
+    const int32_t rc = vxapi_send_ct_passthru(inst->oshandle, inst, req, req_size, rsp, rsp_size, &ext_stat);
+    HBA_STATUS status = vxapi_translate_to_capi_status(ext_stat, 0);
+    if (status == HBA_STATUS_OK && rc != 0)
+        status = HBA_STATUS_ERROR;
+    trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+    return status;
+}
+
+}  // namespace
+
+HBA_STATUS vxhba_SendCTPassThru(HBA_HANDLE handle, void* req, HBA_UINT32 req_size, void* rsp, HBA_UINT32 rsp_size) {
+    return send_ct("vxhba_SendCTPassThru", handle, req, req_size, rsp, rsp_size, nullptr);
+}
+
+// The response size comes back as given: the driver does not say how much
+// of the buffer the answer filled (its CT header says it).
+HBA_STATUS vxhba_SendCTPassThruV2(HBA_HANDLE handle, HBA_WWN port_wwn, void* req, HBA_UINT32 req_size, void* rsp,
+                                  HBA_UINT32* rsp_size) {
+    if (!rsp_size)
+        return check_handle(handle) ? HBA_STATUS_ERROR_ARG : HBA_STATUS_ERROR_INVALID_HANDLE;
+    return send_ct("vxhba_SendCTPassThruV2", handle, req, req_size, rsp, *rsp_size, &port_wwn);
+}
+
+HBA_STATUS vxhba_SendScsiInquiry(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 lun, HBA_UINT8 evpd,
+                                 HBA_UINT32 page, void* rsp, HBA_UINT32 rsp_size, void* sense,
+                                 HBA_UINT32 sense_size) {
+    static constexpr const char* fn = "vxhba_SendScsiInquiry";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst = scsi_checks(fn, handle, rsp, rsp_size, &status);
+    if (!inst)
+        return status;
+    scsi_request r = inquiry(port_wwn, lun, evpd ? 1 : 0, static_cast<uint8_t>(page), rsp, rsp_size);
+    r.sense = sense;
+    r.sense_size = sense ? &sense_size : nullptr;
+    return send_scsi(fn, handle, inst, r);
+}
+
+HBA_STATUS vxhba_SendReportLUNs(HBA_HANDLE handle, HBA_WWN port_wwn, void* rsp, HBA_UINT32 rsp_size, void* sense,
+                                HBA_UINT32 sense_size) {
+    static constexpr const char* fn = "vxhba_SendReportLUNs";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst = scsi_checks(fn, handle, rsp, rsp_size, &status);
+    if (!inst)
+        return status;
+    scsi_request r = report_luns(port_wwn, rsp, rsp_size);
+    r.sense = sense;
+    r.sense_size = sense ? &sense_size : nullptr;
+    return send_scsi(fn, handle, inst, r);
+}
+
+HBA_STATUS vxhba_SendReadCapacity(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 lun, void* rsp,
+                                  HBA_UINT32 rsp_size, void* sense, HBA_UINT32 sense_size) {
+    static constexpr const char* fn = "vxhba_SendReadCapacity";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst = scsi_checks(fn, handle, rsp, rsp_size, &status);
+    if (!inst)
+        return status;
+    scsi_request r = read_capacity(port_wwn, lun, rsp, rsp_size);
+    r.sense = sense;
+    r.sense_size = sense ? &sense_size : nullptr;
+    return send_scsi(fn, handle, inst, r);
+}
+
+HBA_STATUS vxhba_ScsiInquiryV2(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_WWN target_wwn, HBA_UINT64 lun,
+                               HBA_UINT8 cdb1, HBA_UINT8 cdb2, void* rsp, HBA_UINT32* rsp_size,
+                               HBA_UINT8* scsi_status, void* sense, HBA_UINT32* sense_size) {
+    static constexpr const char* fn = "vxhba_ScsiInquiryV2";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst =
+        v2_checks(fn, handle, port_wwn, rsp, rsp_size, scsi_status, sense, sense_size, &status);
+    if (!inst)
+        return status;
+    scsi_request r = inquiry(target_wwn, lun, cdb1, cdb2, rsp, *rsp_size);
+    r.sense = sense;
+    r.sense_size = sense ? sense_size : nullptr;
+    r.scsi_status = scsi_status;
+    return send_scsi(fn, handle, inst, r);
+}
+
+HBA_STATUS vxhba_ScsiReportLUNsV2(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_WWN target_wwn, void* rsp,
+                                  HBA_UINT32* rsp_size, HBA_UINT8* scsi_status, void* sense,
+                                  HBA_UINT32* sense_size) {
+    static constexpr const char* fn = "vxhba_ScsiReportLUNsV2";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst =
+        v2_checks(fn, handle, port_wwn, rsp, rsp_size, scsi_status, sense, sense_size, &status);
+    if (!inst)
+        return status;
+    scsi_request r = report_luns(target_wwn, rsp, *rsp_size);
+    r.sense = sense;
+    r.sense_size = sense ? sense_size : nullptr;
+    r.scsi_status = scsi_status;
+    return send_scsi(fn, handle, inst, r);
+}
+
+HBA_STATUS vxhba_ScsiReadCapacityV2(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_WWN target_wwn, HBA_UINT64 lun,
+                                    void* rsp, HBA_UINT32* rsp_size, HBA_UINT8* scsi_status, void* sense,
+                                    HBA_UINT32* sense_size) {
+    static constexpr const char* fn = "vxhba_ScsiReadCapacityV2";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst =
+        v2_checks(fn, handle, port_wwn, rsp, rsp_size, scsi_status, sense, sense_size, &status);
+    if (!inst)
+        return status;
+    scsi_request r = read_capacity(target_wwn, lun, rsp, *rsp_size);
+    r.sense = sense;
+    r.sense_size = sense ? sense_size : nullptr;
+    r.scsi_status = scsi_status;
+    return send_scsi(fn, handle, inst, r);
+}
+
+// ---- Waiting for the link-service work ----
 
 HBA_STATUS vxhba_SetRNIDMgmtInfo(HBA_HANDLE, HBA_MGMTINFO*) {
     return not_supported("vxhba_SetRNIDMgmtInfo: not supported yet.");
@@ -227,33 +502,6 @@ HBA_STATUS vxhba_GetRNIDMgmtInfo(HBA_HANDLE, HBA_MGMTINFO*) {
 
 HBA_STATUS vxhba_SendRNID(HBA_HANDLE, HBA_WWN, HBA_WWNTYPE, void*, HBA_UINT32*) {
     return not_supported("vxhba_SendRNID: not supported yet.");
-}
-
-HBA_STATUS vxhba_SendScsiInquiry(HBA_HANDLE, HBA_WWN, HBA_UINT64, HBA_UINT8, HBA_UINT32, void*, HBA_UINT32, void*,
-                                 HBA_UINT32) {
-    return not_supported("vxhba_SendScsiInquiry: not supported yet.");
-}
-
-HBA_STATUS vxhba_SendReportLUNs(HBA_HANDLE, HBA_WWN, void*, HBA_UINT32, void*, HBA_UINT32) {
-    return not_supported("vxhba_SendReportLUNs: not supported yet.");
-}
-
-HBA_STATUS vxhba_SendReadCapacity(HBA_HANDLE, HBA_WWN, HBA_UINT64, void*, HBA_UINT32, void*, HBA_UINT32) {
-    return not_supported("vxhba_SendReadCapacity: not supported yet.");
-}
-
-HBA_STATUS vxhba_ScsiInquiryV2(HBA_HANDLE, HBA_WWN, HBA_WWN, HBA_UINT64, HBA_UINT8, HBA_UINT8, void*, HBA_UINT32*,
-                               HBA_UINT8*, void*, HBA_UINT32*) {
-    return not_supported("vxhba_ScsiInquiryV2: not supported yet.");
-}
-
-HBA_STATUS vxhba_ScsiReportLUNsV2(HBA_HANDLE, HBA_WWN, HBA_WWN, void*, HBA_UINT32*, HBA_UINT8*, void*, HBA_UINT32*) {
-    return not_supported("vxhba_ScsiReportLUNsV2: not supported yet.");
-}
-
-HBA_STATUS vxhba_ScsiReadCapacityV2(HBA_HANDLE, HBA_WWN, HBA_WWN, HBA_UINT64, void*, HBA_UINT32*, HBA_UINT8*, void*,
-                                    HBA_UINT32*) {
-    return not_supported("vxhba_ScsiReadCapacityV2: not supported yet.");
 }
 
 HBA_STATUS vxhba_SendRPS(HBA_HANDLE, HBA_WWN, HBA_WWN, HBA_UINT32, HBA_WWN, HBA_UINT32, void*, HBA_UINT32*) {

@@ -210,9 +210,11 @@ void vxapi_add_portev(vxapi_shared_t* shared, const EXT_ASYNC_EVENT& event) {
     }
 }
 
-uint32_t vxapi_empty_portevq(vxapi_hbaptevq_t* queue, uint32_t host_no, EXT_ASYNC_EVENT* buf) {
+uint32_t vxapi_empty_portevq(vxapi_hbaptevq_t* queue, uint32_t host_no, EXT_ASYNC_EVENT* buf, uint32_t max) {
+    if (max > VX_EVQ_TAKE_MAX)
+        max = VX_EVQ_TAKE_MAX;
     uint32_t count = 0;
-    for (uint32_t i = bounded(queue->q_head); i < VX_EVQ_ENTRIES && count < VX_EVQ_TAKE_MAX; ++i) {
+    for (uint32_t i = bounded(queue->q_head); i < VX_EVQ_ENTRIES && count < max; ++i) {
         EXT_ASYNC_EVENT& e = queue->eventbuf[i];
         if (e.AsyncEventCode == 0 || e.Payload.Words[1] != host_no)
             continue;  // other ports' events stay for their own readers
@@ -235,12 +237,13 @@ void vxapi_remove_aen_holes_from_shared_mem(uint32_t slot) {
         vxapi_remove_aen_holes(&api_shared_data->hbaptevq[slot]);
 }
 
-int vxapi_empty_sh_portevq(uint32_t slot, const vxapi_priv_database* record, EXT_ASYNC_EVENT* buf, uint32_t* count) {
+int vxapi_empty_sh_portevq(uint32_t slot, const vxapi_priv_database* record, EXT_ASYNC_EVENT* buf, uint32_t* count,
+                           uint32_t max) {
     if (count)
         *count = 0;
     if (!api_shared_data || slot >= VX_LIBINST_SLOTS || !record || !buf || !count)
         return 1;
-    *count = vxapi_empty_portevq(&api_shared_data->hbaptevq[slot], record->host_no, buf);
+    *count = vxapi_empty_portevq(&api_shared_data->hbaptevq[slot], record->host_no, buf, max);
     vxdbg_num(EV_TRACE, "vxapi_empty_sh_portevq: events=", *count, VXDBG_DEC, 1);
     return 0;
 }

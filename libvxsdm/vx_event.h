@@ -69,17 +69,20 @@ void vxapi_add_portev(vxapi_shared_t* shared, const EXT_ASYNC_EVENT& event);
 // Moves the non-empty entries after the first hole down, in order, and sets
 // the tail after the last one kept; a queue without holes is left alone.
 void vxapi_remove_aen_holes(vxapi_hbaptevq_t* queue);
-// Takes, from the head to the end of the buffer, up to 64 entries of host
-// `host_no` into `buf` (each leaves a hole); the head goes back to 0.
-// Returns the number taken.
-uint32_t vxapi_empty_portevq(vxapi_hbaptevq_t* queue, uint32_t host_no, EXT_ASYNC_EVENT* buf);
+// Takes, from the head to the end of the buffer, up to `max` (at most 64)
+// entries of host `host_no` into `buf` (each leaves a hole); the head goes
+// back to 0. Returns the number taken.
+uint32_t vxapi_empty_portevq(vxapi_hbaptevq_t* queue, uint32_t host_no, EXT_ASYNC_EVENT* buf,
+                             uint32_t max = VX_EVQ_TAKE_MAX);
 
 // The same on this process's mapping, under the database lock.
 void vxapi_add_portev_to_shared_mem(const EXT_ASYNC_EVENT* event);
 void vxapi_remove_aen_holes_from_shared_mem(uint32_t slot);
-// Own slot only: the port's events into `buf` (room for 64), their number
-// in *count. 0 on success, 1 without a slot or mapping.
-int vxapi_empty_sh_portevq(uint32_t slot, const vxapi_priv_database* record, EXT_ASYNC_EVENT* buf, uint32_t* count);
+// Own slot only: up to `max` of the port's events into `buf` (room for
+// `max`, at most 64), their number in *count. 0 on success, 1 without a
+// slot or mapping.
+int vxapi_empty_sh_portevq(uint32_t slot, const vxapi_priv_database* record, EXT_ASYNC_EVENT* buf, uint32_t* count,
+                           uint32_t max = VX_EVQ_TAKE_MAX);
 
 // ---- The pass ----
 

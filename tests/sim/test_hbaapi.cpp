@@ -7,12 +7,14 @@
 // from the same sysfs data must agree, and each field that differs by our
 // rules is listed below with its reason.
 #include <dlfcn.h>
+#include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <hbaapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -413,6 +415,226 @@ SIM_TEST(HbaApiPeer, AgreesWithThePeerLibrary, "peer.json") {
     }
     close_all(ours);
     close_all(peers);
+    EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
+}
+
+// ---- Statistics and events ----
+
+// The simulated host shortens sleeps; waiting for the event thread needs real time.
+void real_sleep(int ms) { poll(nullptr, 0, ms); }
+
+// The families before Swift keep no frame or NOS counters.
+bool keeps_frame_counters(const vxsim::Adapter& a) { return a.device_id >= 0x1050; }
+
+SIM_TEST(HbaApiWrapper, PortStatisticsMatchTheScenario, "default.json") {
+    write_conf(our_conf_line());
+    ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
+    const std::vector<adapter_view> views = read_all(OUR_PREFIX);
+    ASSERT_EQ(views.size(), scenario_port_count());
+    constexpr HBA_INT64 UNKEPT = -1;
+    for (const adapter_view& v : views) {
+        SCOPED_TRACE(v.name);
+        const vxsim::Adapter* adapter = nullptr;
+        const vxsim::HostPort* p = scenario_port(wwn_value(v.port.PortWWN), &adapter);
+        ASSERT_NE(p, nullptr);
+        const auto value = [p](const char* name) -> HBA_INT64 {
+            const auto it = p->stats.values.find(name);
+            return it == p->stats.values.end() ? 0 : static_cast<HBA_INT64>(it->second);
+        };
+        HBA_PORTSTATISTICS ps;
+        memset(&ps, 0, sizeof ps);
+        ASSERT_EQ(HBA_GetPortStatistics(v.handle, 0, &ps), HBA_STATUS_OK);
+        EXPECT_EQ(ps.SecondsSinceLastReset, UNKEPT);
+        EXPECT_EQ(ps.TxWords, UNKEPT);
+        EXPECT_EQ(ps.LinkFailureCount, value("link_failure_count"));
+        EXPECT_EQ(ps.ErrorFrames, ps.LinkFailureCount);
+        EXPECT_EQ(ps.LossOfSyncCount, value("loss_of_sync_count"));
+        EXPECT_EQ(ps.LIPCount, value("lip_count"));
+        const bool frames = keeps_frame_counters(*adapter);
+        EXPECT_EQ(ps.TxFrames, frames ? value("tx_frames") : UNKEPT);
+        EXPECT_EQ(ps.RxFrames, frames ? value("rx_frames") : UNKEPT);
+        EXPECT_EQ(ps.NOSCount, frames ? value("nos_count") : UNKEPT);
+
+        HBA_FC4STATISTICS fs;
+        EXPECT_EQ(HBA_GetFC4Statistics(v.handle, v.port.PortWWN, 0x08, &fs), HBA_STATUS_OK);
+        EXPECT_EQ(fs.InputRequests, value("fcp_input_requests"));
+        EXPECT_EQ(HBA_GetFC4Statistics(v.handle, v.port.PortWWN, 0x20, &fs), HBA_STATUS_ERROR_UNSUPPORTED_FC4);
+    }
+    close_all(views);
+    EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
+}
+
+struct event_log {
+    std::atomic<int> calls{0};
+    std::atomic<HBA_UINT32> type{0};
+    std::atomic<uint64_t> wwpn{0};
+};
+
+void on_port_event(void* data, HBA_WWN wwn, HBA_UINT32 type, HBA_UINT32) {
+    auto* log = static_cast<event_log*>(data);
+    log->type = type;
+    log->wwpn = wwn_value(wwn);
+    log->calls.fetch_add(1);
+}
+
+// Link down on host 2: the callback of its port hears it once; after the
+// removal the next one waits in the queue for a poll instead.
+SIM_TEST(HbaApiWrapper, PortEventReachesTheCallbackOnce, "default.json") {
+    write_conf(our_conf_line());
+    ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
+    const std::vector<adapter_view> views = read_all(OUR_PREFIX);
+    const auto v = std::find_if(views.begin(), views.end(), [](const adapter_view& a) {
+        const vxsim::HostPort* p = scenario_port(wwn_value(a.port.PortWWN));
+        return p && p->host_no == 2;
+    });
+    ASSERT_NE(v, views.end());
+    event_log log;
+    HBA_CALLBACKHANDLE cbh = nullptr;
+    HBA_WWN other = v->port.PortWWN;
+    other.wwn[7] ^= 0xFF;
+    EXPECT_EQ(HBA_RegisterForAdapterPortEvents(on_port_event, &log, v->handle, other, &cbh),
+              HBA_STATUS_ERROR_ILLEGAL_WWN);
+    ASSERT_EQ(HBA_RegisterForAdapterPortEvents(on_port_event, &log, v->handle, v->port.PortWWN, &cbh), HBA_STATUS_OK);
+
+    ASSERT_EQ(st::run_vxsim({"event", "--type", "linkdown", "--host", "2"}).status, 0);
+    for (int waited = 0; waited < 1500 && log.calls == 0; waited += 10)
+        real_sleep(10);
+    real_sleep(300);  // many more passes: no second call
+    EXPECT_EQ(log.calls.load(), 1);
+    EXPECT_EQ(log.type.load(), static_cast<HBA_UINT32>(HBA_EVENT_PORT_OFFLINE));
+    EXPECT_EQ(log.wwpn.load(), wwn_value(v->port.PortWWN));
+
+    ASSERT_EQ(HBA_RemoveCallback(cbh), HBA_STATUS_OK);
+    ASSERT_EQ(st::run_vxsim({"event", "--type", "linkdown", "--host", "2"}).status, 0);
+    HBA_EVENTINFO info[8];
+    HBA_UINT32 count = 0;
+    for (int waited = 0; waited < 1500 && count == 0; waited += 10) {
+        real_sleep(10);
+        count = 8;
+        ASSERT_EQ(HBA_GetEventBuffer(v->handle, info, &count), HBA_STATUS_OK);
+    }
+    ASSERT_EQ(count, 1u);
+    EXPECT_EQ(info[0].EventCode, static_cast<HBA_UINT32>(HBA_EVENT_PORT_OFFLINE));
+    EXPECT_EQ(log.calls.load(), 1);
+    close_all(views);
+    EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
+}
+
+// ---- SCSI commands and CT pass-through ----
+
+constexpr uint64_t HOST2 = 0x2100001d5a025142;  // the Swift's first port
+constexpr uint64_t DISKS = 0x5006016008601a00;  // target 0 behind it: disks
+constexpr uint64_t TAPE = 0x5006016808601a01;   // target 1: LUN 0 is a tape
+
+HBA_WWN wwn_of(uint64_t v) {
+    HBA_WWN w;
+    for (int i = 7; i >= 0; --i, v >>= 8)
+        w.wwn[i] = static_cast<uint8_t>(v);
+    return w;
+}
+
+uint64_t be(const uint8_t* p, size_t n) {
+    uint64_t v = 0;
+    for (size_t i = 0; i < n; ++i)
+        v = v << 8 | p[i];
+    return v;
+}
+
+std::string hex(const uint8_t* p, size_t n) {
+    std::string out;
+    char two[3];
+    for (size_t i = 0; i < n; ++i) {
+        snprintf(two, sizeof two, "%02x", p[i]);
+        out += two;
+    }
+    return out;
+}
+
+// The FCP LUN of a single-level midlayer LUN number: its two bytes first.
+HBA_UINT64 fcp_lun(uint16_t lun) { return static_cast<HBA_UINT64>(lun) << 48; }
+
+SIM_TEST(HbaApiWrapper, ScsiCommandsMatchTheScenario, "default.json") {
+    write_conf(our_conf_line());
+    ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
+    const std::vector<adapter_view> views = read_all(OUR_PREFIX);
+    const auto v = std::find_if(views.begin(), views.end(),
+                                [](const adapter_view& a) { return wwn_value(a.port.PortWWN) == HOST2; });
+    ASSERT_NE(v, views.end());
+    const HBA_WWN own = v->port.PortWWN;
+
+    std::vector<uint8_t> inq(256, 0xEE);
+    uint8_t sense[32];
+    ASSERT_EQ(HBA_SendScsiInquiry(v->handle, wwn_of(DISKS), fcp_lun(0), 0, 0, inq.data(), 255, sense, sizeof sense),
+              HBA_STATUS_OK);
+    EXPECT_EQ(std::string(inq.begin() + 8, inq.begin() + 36), "VARNEX  SIMDISK         0001");
+    EXPECT_EQ(inq[255], 0xEE);
+
+    // LUN 2 has 41943040 blocks, flat-space LUN 256 (0x4100 on the midlayer) 4194304.
+    for (auto [lun, last] : {std::pair<HBA_UINT64, uint32_t>{fcp_lun(2), 41943039}, {fcp_lun(0x4100), 4194303}}) {
+        uint8_t cap[8];
+        HBA_UINT32 size = sizeof cap, sense_size = sizeof sense;
+        HBA_UINT8 scsi = 0xEE;
+        EXPECT_EQ(HBA_ScsiReadCapacityV2(v->handle, own, wwn_of(DISKS), lun, cap, &size, &scsi, sense, &sense_size),
+                  HBA_STATUS_OK);
+        EXPECT_EQ(be(cap, 8), uint64_t(last) << 32 | 512) << std::hex << lun;
+        EXPECT_EQ(scsi, 0);
+        EXPECT_EQ(sense_size, 0u);
+    }
+
+    uint8_t luns[64];
+    HBA_UINT32 size = sizeof luns, sense_size = sizeof sense;
+    HBA_UINT8 scsi = 0xEE;
+    ASSERT_EQ(HBA_ScsiReportLUNsV2(v->handle, own, wwn_of(DISKS), luns, &size, &scsi, sense, &sense_size),
+              HBA_STATUS_OK);
+    EXPECT_EQ(hex(luns, 48), "000000280000000000000000000000000001000000000000000200000000000041000000000000004401"
+                             "000000000000");
+
+    // READ CAPACITY of a tape: ILLEGAL REQUEST, INVALID COMMAND OPERATION CODE.
+    uint8_t cap[8];
+    size = sizeof cap;
+    sense_size = sizeof sense;
+    EXPECT_EQ(HBA_ScsiReadCapacityV2(v->handle, own, wwn_of(TAPE), 0, cap, &size, &scsi, sense, &sense_size),
+              HBA_STATUS_SCSI_CHECK_CONDITION);
+    EXPECT_EQ(scsi, 0x02);
+    ASSERT_EQ(sense_size, 18u);
+    EXPECT_EQ(hex(sense, 18), "700005000000000a00000000200000000000");
+    memset(sense, 0, sizeof sense);
+    EXPECT_EQ(HBA_SendReadCapacity(v->handle, wwn_of(TAPE), 0, cap, sizeof cap, sense, sizeof sense),
+              HBA_STATUS_SCSI_CHECK_CONDITION);
+    EXPECT_EQ(sense[2], 0x05);
+
+    // The name server's FCP ports (GID_FT): every one is a port of the scenario.
+    uint8_t gid_ft[20] = {1, 0, 0, 0, 0xFC, 0x02, 0, 0, 0x01, 0x71};
+    gid_ft[19] = 8;
+    std::vector<uint8_t> resp(1024);
+    HBA_UINT32 resp_size = static_cast<HBA_UINT32>(resp.size());
+    ASSERT_EQ(HBA_SendCTPassThruV2(v->handle, own, gid_ft, sizeof gid_ft, resp.data(), &resp_size), HBA_STATUS_OK);
+    ASSERT_EQ(be(resp.data() + 8, 2), 0x8002u) << "accept";
+    std::set<uint32_t> known;
+    for (const auto& a : st::scenario().adapters)
+        for (const auto& f : a.functions) {
+            std::vector<const vxsim::HostPort*> ports{&f.port};
+            for (const auto& vp : f.vports)
+                ports.push_back(&vp);
+            for (const vxsim::HostPort* p : ports) {
+                known.insert(p->port_id);
+                for (const auto& r : p->remote_ports)
+                    known.insert(r.port_id);
+            }
+        }
+    size_t listed = 0;
+    for (size_t at = 16; at + 4 <= resp.size(); at += 4) {
+        EXPECT_TRUE(known.count(static_cast<uint32_t>(be(&resp[at + 1], 3)))) << at;
+        ++listed;
+        if (resp[at] & 0x80)  // the last entry
+            break;
+    }
+    EXPECT_GT(listed, 1u);
+    HBA_WWN other = own;
+    other.wwn[7] ^= 0xFF;
+    EXPECT_EQ(HBA_SendCTPassThruV2(v->handle, other, gid_ft, sizeof gid_ft, resp.data(), &resp_size),
+              HBA_STATUS_ERROR_ILLEGAL_WWN);
+    close_all(views);
     EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
 }
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -421,6 +422,269 @@ TEST_F(Capi, NodeCopyOfALongModel) {
     EXPECT_EQ(static_cast<uint8_t>(aa.Model[128]), 0xEE);  // the rest of the caller's field stays
     EXPECT_EQ(std::string(aa.ModelDescription), "Varnex " + std::string(128, 'X'));
     EXPECT_EQ(std::string(aa.DriverName), std::string(15, 'Y'));
+}
+
+
+// ---- Statistics ----
+
+TEST_F(Capi, PortStatisticsByFamily) {
+    EXT_HBA_PORT_STAT st{};
+    st.TotalLipResets = 5;
+    st.TotalLinkFailures = 7;
+    st.TotalLossOfSync = 8;
+    st.TotalLossOfSignals = 9;
+    st.PrimitiveSeqProtocolErrorCount = 10;
+    st.InvalidTransmissionWordCount = 11;
+    st.InvalidCRCCount = 0xFFFFFFFF;  // widened, not sign-extended
+    st.TxFrames = 20;
+    st.RxFrames = 21;
+    st.NosCount = 22;
+    st.DumpedFrames = 23;
+    constexpr HBA_INT64 UNKEPT = -1;
+    const struct {
+        uint16_t device_id;
+        bool frames;
+    } rows[] = {{SWIFT, true}, {CRANE, true}, {EGRET, false}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.device_id);
+        port->phy_info->device_id = r.device_id;
+        mock.expect(slot::get_statistics).answer(st);
+        HBA_PORTSTATISTICS ps;
+        memset(&ps, 0, sizeof ps);
+        // The port index does not choose a port.
+        ASSERT_EQ(vxhba_GetPortStatistics(h, 3, &ps), HBA_STATUS_OK);
+        EXPECT_EQ(ps.SecondsSinceLastReset, UNKEPT);
+        EXPECT_EQ(ps.TxWords, UNKEPT);
+        EXPECT_EQ(ps.RxWords, UNKEPT);
+        EXPECT_EQ(ps.TxFrames, r.frames ? 20 : UNKEPT);
+        EXPECT_EQ(ps.RxFrames, r.frames ? 21 : UNKEPT);
+        EXPECT_EQ(ps.NOSCount, r.frames ? 22 : UNKEPT);
+        EXPECT_EQ(ps.DumpedFrames, r.frames ? 23 : UNKEPT);
+        EXPECT_EQ(ps.LIPCount, 5);
+        EXPECT_EQ(ps.ErrorFrames, 7);
+        EXPECT_EQ(ps.LinkFailureCount, 7);
+        EXPECT_EQ(ps.LossOfSyncCount, 8);
+        EXPECT_EQ(ps.LossOfSignalCount, 9);
+        EXPECT_EQ(ps.PrimitiveSeqProtocolErrCount, 10);
+        EXPECT_EQ(ps.InvalidTxWordCount, 11);
+        EXPECT_EQ(ps.InvalidCRCCount, 0xFFFFFFFFLL);
+    }
+}
+
+TEST_F(Capi, StatisticsStatusAndArguments) {
+    const struct {
+        uint32_t stat, detail;
+        int32_t rc;
+        HBA_STATUS want;
+    } rows[] = {
+        {EXT_STATUS_BUSY, 0, 0, HBA_STATUS_ERROR_BUSY},
+        {EXT_STATUS_SCSI_STATUS, 0x02, 0, HBA_STATUS_SCSI_CHECK_CONDITION},
+        {EXT_STATUS_BUSY, 0, -1, HBA_STATUS_ERROR_BUSY},  // the driver's status first
+        {EXT_STATUS_OK, 0, 1, HBA_STATUS_ERROR},
+        {EXT_STATUS_DATA_UNDERRUN, 0, 0, HBA_STATUS_OK},  // delivered: the record is written
+    };
+    HBA_WWN own;
+    memcpy(own.wwn, port->wwpn, 8);
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.stat << "/" << r.rc);
+        mock.expect(slot::get_statistics).status(r.stat, r.detail).fails(r.rc, 0);
+        HBA_PORTSTATISTICS ps;
+        memset(&ps, 0, sizeof ps);
+        EXPECT_EQ(vxhba_GetPortStatistics(h, 0, &ps), r.want);
+        EXPECT_EQ(ps.TxWords, r.want == HBA_STATUS_OK ? -1 : 0);  // untouched on failure
+        mock.expect(slot::get_statistics).status(r.stat, r.detail).fails(r.rc, 0);
+        HBA_FC4STATISTICS fs;
+        memset(&fs, 0, sizeof fs);
+        EXPECT_EQ(vxhba_GetFC4Statistics(h, own, VX_FC4_TYPE_FCP, &fs), r.want);
+    }
+    HBA_PORTSTATISTICS ps;
+    HBA_FC4STATISTICS fs;
+    EXPECT_EQ(vxhba_GetPortStatistics(h + 1, 0, &ps), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(vxhba_GetPortStatistics(h, 0, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetFC4Statistics(h + 1, own, VX_FC4_TYPE_FCP, &fs), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(vxhba_GetFC4Statistics(h, own, VX_FC4_TYPE_FCP, nullptr), HBA_STATUS_ERROR_ARG);
+    // Neither another port nor another FC-4 type reaches the driver.
+    HBA_WWN other = own;
+    other.wwn[7] ^= 1;
+    EXPECT_EQ(vxhba_GetFC4Statistics(h, other, VX_FC4_TYPE_FCP, &fs), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    EXPECT_EQ(vxhba_GetFC4Statistics(h, own, 0x20, &fs), HBA_STATUS_ERROR_UNSUPPORTED_FC4);
+}
+
+TEST_F(Capi, FC4StatisticsAreTheFcpCounters) {
+    EXT_HBA_PORT_STAT st{};
+    st.InputRequestCount = 0x100000001ULL;
+    st.OutputRequestCount = 2;
+    st.ControlRequestCount = 3;
+    st.InputMBytes = 4;
+    st.OutputMBytes = 5;
+    mock.expect(slot::get_statistics).answer(st);
+    HBA_WWN own;
+    memcpy(own.wwn, port->wwpn, 8);
+    HBA_FC4STATISTICS fs;
+    memset(&fs, 0xEE, sizeof fs);
+    ASSERT_EQ(vxhba_GetFC4Statistics(h, own, VX_FC4_TYPE_FCP, &fs), HBA_STATUS_OK);
+    EXPECT_EQ(fs.InputRequests, 0x100000001LL);
+    EXPECT_EQ(fs.OutputRequests, 2);
+    EXPECT_EQ(fs.ControlRequests, 3);
+    EXPECT_EQ(fs.InputMegabytes, 4);
+    EXPECT_EQ(fs.OutputMegabytes, 5);
+}
+
+// ---- SCSI commands and CT pass-through ----
+
+// Each command reaches the driver with the LUN of the FCP LUN's first two
+// bytes and a response size the command can use.
+TEST_F(Capi, ScsiCommandsAddressLunAndSize) {
+    HBA_WWN own, target{};
+    memcpy(own.wwn, port->wwpn, 8);
+    target.wwn[0] = 0x50;
+    uint8_t rsp[600];
+    uint8_t sense[32];
+    HBA_UINT32 size = 0, sense_size = 0;
+    HBA_UINT8 scsi = 0xEE;
+    const struct {
+        const char* what;
+        uint32_t lun, size;
+        std::function<HBA_STATUS()> call;
+    } rows[] = {
+        {"inquiry", 5, 255, [&] { return vxhba_SendScsiInquiry(h, target, 0x0005000000000000ULL, 1, 0x83, rsp, 300, sense, 32); }},
+        {"inquiry v2", 0x105, 36, [&] {
+             size = 36;
+             return vxhba_ScsiInquiryV2(h, own, target, 0x0105000000000000ULL, 0, 0, rsp, &size, &scsi, sense, &sense_size);
+         }},
+        {"read capacity, flat space", 261, 8, [&] { return vxhba_SendReadCapacity(h, target, 0x4105000000000000ULL, rsp, 8, nullptr, 0); }},
+        {"read capacity v2", 0, 8, [&] {
+             size = 8;
+             return vxhba_ScsiReadCapacityV2(h, own, target, 0, rsp, &size, &scsi, nullptr, nullptr);
+         }},
+        {"report luns", 0, 512, [&] { return vxhba_SendReportLUNs(h, target, rsp, 512, sense, 32); }},
+        {"report luns v2", 0, 600, [&] {
+             size = 600;
+             return vxhba_ScsiReportLUNsV2(h, own, target, rsp, &size, &scsi, sense, &sense_size);
+         }},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.what);
+        mock.expect(slot::send_fc_scsipt).with_arg(r.lun).with_size(r.size).answer_bytes({0x00, 0x11, 0x22});
+        memset(rsp, 0, sizeof rsp);
+        scsi = 0xEE;
+        sense_size = 32;
+        EXPECT_EQ(r.call(), HBA_STATUS_OK);
+        EXPECT_EQ(rsp[2], 0x22);
+        if (scsi != 0xEE) {
+            EXPECT_EQ(scsi, 0);  // the V2 forms report the status byte
+        }
+    }
+    EXPECT_EQ(sense_size, 0u);  // no check condition, no sense
+}
+
+TEST_F(Capi, ScsiStatusAndSense) {
+    HBA_WWN own, target{};
+    memcpy(own.wwn, port->wwpn, 8);
+    std::vector<uint8_t> fixed(18, 0);
+    fixed[0] = 0x70;
+    fixed[2] = 0x05;
+    fixed[12] = 0x25;
+    const struct {
+        uint32_t stat, dstat;
+        int32_t rc;
+        HBA_STATUS want;
+        uint8_t scsi;
+        uint32_t sense_len;
+    } rows[] = {
+        {EXT_STATUS_SCSI_STATUS, 0x02, 0, HBA_STATUS_SCSI_CHECK_CONDITION, 0x02, 8},  // cut to the room
+        {EXT_STATUS_SCSI_STATUS, 0x18, 0, HBA_STATUS_ERROR_BUSY, 0x18, 0},
+        {EXT_STATUS_DATA_UNDERRUN, 0, 0, HBA_STATUS_OK, 0, 0},
+        {EXT_STATUS_DEV_NOT_FOUND, 0, 1, HBA_STATUS_ERROR_ILLEGAL_INDEX, 0, 0},
+        {EXT_STATUS_OK, 0, -1, HBA_STATUS_ERROR, 0, 0},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << r.stat << "/" << r.dstat << "/" << r.rc);
+        mock.expect(slot::send_fc_scsipt).status(r.stat, r.dstat).fails(r.rc, EIO).with_sense(fixed);
+        uint8_t rsp[36];
+        uint8_t sense[16];
+        memset(sense, 0xEE, sizeof sense);
+        HBA_UINT32 size = sizeof rsp, sense_size = 8;
+        HBA_UINT8 scsi = 0xEE;
+        EXPECT_EQ(vxhba_ScsiInquiryV2(h, own, target, 0, 0, 0, rsp, &size, &scsi, sense, &sense_size), r.want);
+        EXPECT_EQ(scsi, r.scsi);
+        EXPECT_EQ(sense_size, r.sense_len);
+        EXPECT_EQ(sense[8], 0xEE);  // nothing past the room given
+        if (r.sense_len) {
+            EXPECT_EQ(sense[2], 0x05);
+        }
+    }
+    // The first form: the same answer, sense in the caller's room.
+    mock.expect(slot::send_fc_scsipt).status(EXT_STATUS_SCSI_STATUS, 0x02).with_sense(fixed);
+    uint8_t rsp[8];
+    uint8_t sense[32] = {};
+    EXPECT_EQ(vxhba_SendReadCapacity(h, target, 0, rsp, sizeof rsp, sense, sizeof sense),
+              HBA_STATUS_SCSI_CHECK_CONDITION);
+    EXPECT_EQ(sense[12], 0x25);
+}
+
+// Refused before the driver is asked (the mock fails on any request).
+TEST_F(Capi, PassThroughBadInput) {
+    HBA_WWN own, other, target{};
+    memcpy(own.wwn, port->wwpn, 8);
+    other = own;
+    other.wwn[7] ^= 1;
+    uint8_t rsp[64], req[64] = {}, sense[16];
+    HBA_UINT32 size = sizeof rsp, sense_size = sizeof sense, zero = 0;
+    HBA_UINT8 scsi = 0;
+    const struct {
+        const char* what;
+        HBA_STATUS want;
+        std::function<HBA_STATUS()> call;
+    } rows[] = {
+        {"bad handle", 3, [&] { return vxhba_SendReportLUNs(h + 1, target, rsp, 64, sense, 16); }},
+        {"bad handle v2", 3, [&] { return vxhba_ScsiReportLUNsV2(h + 1, own, target, rsp, &size, &scsi, sense, &sense_size); }},
+        {"no response", 4, [&] { return vxhba_SendScsiInquiry(h, target, 0, 0, 0, nullptr, 64, sense, 16); }},
+        {"empty response", 4, [&] { return vxhba_SendReadCapacity(h, target, 0, rsp, 0, sense, 16); }},
+        {"empty response v2", 4, [&] { return vxhba_ScsiReportLUNsV2(h, own, target, rsp, &zero, &scsi, sense, &sense_size); }},
+        {"no size", 4, [&] { return vxhba_ScsiReadCapacityV2(h, own, target, 0, rsp, nullptr, &scsi, sense, &sense_size); }},
+        {"no status", 4, [&] { return vxhba_ScsiInquiryV2(h, own, target, 0, 0, 0, rsp, &size, nullptr, sense, &sense_size); }},
+        {"sense without size", 4, [&] { return vxhba_ScsiInquiryV2(h, own, target, 0, 0, 0, rsp, &size, &scsi, sense, nullptr); }},
+        {"another port", 5, [&] { return vxhba_ScsiInquiryV2(h, other, target, 0, 0, 0, rsp, &size, &scsi, sense, &sense_size); }},
+        {"extended LUN", HBA_STATUS_ERROR_INVALID_LUN, [&] { return vxhba_SendReadCapacity(h, target, 0xC000000000000000ULL, rsp, 8, sense, 16); }},
+        {"ct bad handle", 3, [&] { return vxhba_SendCTPassThru(h + 1, req, 64, rsp, 64); }},
+        {"ct no request", 4, [&] { return vxhba_SendCTPassThru(h, nullptr, 64, rsp, 64); }},
+        {"ct short request", 4, [&] { return vxhba_SendCTPassThru(h, req, 15, rsp, 64); }},
+        {"ct no response", 4, [&] { return vxhba_SendCTPassThruV2(h, own, req, 64, rsp, nullptr); }},
+        {"ct another port", 5, [&] { return vxhba_SendCTPassThruV2(h, other, req, 64, rsp, &size); }},
+    };
+    for (const auto& r : rows)
+        EXPECT_EQ(r.call(), r.want) << r.what;
+}
+
+TEST_F(Capi, CtPassThroughStatus) {
+    HBA_WWN own;
+    memcpy(own.wwn, port->wwpn, 8);
+    uint8_t req[16] = {0x01};
+    port->topology = VX_TOPOLOGY_F_PORT;
+    const struct {
+        uint32_t stat;
+        int32_t rc;
+        HBA_STATUS want;
+    } rows[] = {
+        {EXT_STATUS_OK, 0, HBA_STATUS_OK},
+        {EXT_STATUS_DATA_OVERRUN, 0, HBA_STATUS_OK},
+        {EXT_STATUS_BUSY, 1, HBA_STATUS_ERROR_BUSY},
+        {EXT_STATUS_OK, 1, HBA_STATUS_ERROR},  // failed without a driver status
+    };
+    for (const auto& r : rows) {
+        mock.expect(slot::send_ct_passthru).with_size(256).status(r.stat).fails(r.rc, 0).answer_bytes({0x01, 0x00, 0x80, 0x02});
+        uint8_t rsp[256] = {};
+        HBA_UINT32 size = sizeof rsp;
+        EXPECT_EQ(vxhba_SendCTPassThruV2(h, own, req, sizeof req, rsp, &size), r.want) << r.stat << "/" << r.rc;
+        EXPECT_EQ(size, sizeof rsp);
+    }
+    mock.expect(slot::send_ct_passthru).with_size(64);
+    uint8_t rsp[64];
+    EXPECT_EQ(vxhba_SendCTPassThru(h, req, sizeof req, rsp, sizeof rsp), HBA_STATUS_OK);
+    // Off a fabric the request is refused without reaching the driver.
+    port->topology = 0;
+    EXPECT_EQ(vxhba_SendCTPassThru(h, req, sizeof req, rsp, sizeof rsp), HBA_STATUS_ERROR);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "mock_channel.h"
 #include "unit_support.h"
 #include "vsdmgt.h"
+#include "vx_capi.h"
 #include "vx_event.h"
 #include "vx_netlink.h"
 #include "vx_sysfs.h"
@@ -600,6 +601,75 @@ TEST(SysfsStatistics, CounterTextsAndTheRecord) {
     EXPECT_EQ(st.TotalMBytes, 15u);
     EXPECT_EQ(st.ControllerErrorCount, 4u);
     EXPECT_EQ(st.TotalLinkFailures, 6u);
+}
+
+// The Common HBA API's registration, removal and polling over the same
+// queue: a removed callback gets nothing more, and a poll takes no more
+// than the caller has room for.
+TEST_F(SdEvents, HbaPortEventsRegisterRemoveAndPoll) {
+    port->features |= VX_FEAT_EVENTS;
+    port->wwpn[0] = 0x21;
+    HBA_WWN own;
+    memcpy(own.wwn, port->wwpn, 8);
+    HBA_WWN other = own;
+    other.wwn[7] ^= 1;
+    const auto hh = static_cast<HBA_HANDLE>(h);
+    callback_log log;
+    log.handle = h;
+    HBA_CALLBACKHANDLE cbh = nullptr;
+    EXPECT_EQ(vxhba_RegisterForAdapterPortEvents(record_event, &log, hh + 1, own, &cbh),
+              HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(vxhba_RegisterForAdapterPortEvents(nullptr, &log, hh, own, &cbh), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_RegisterForAdapterPortEvents(record_event, &log, hh, own, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_RegisterForAdapterPortEvents(record_event, &log, hh, other, &cbh), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    EXPECT_FALSE(port->port_flags & VX_PORT_FLAG_HBAPT_CB);
+
+    ASSERT_EQ(vxhba_RegisterForAdapterPortEvents(record_event, &log, hh, own, &cbh), HBA_STATUS_OK);
+    ASSERT_NE(cbh, nullptr);
+    queue(2, EXT_AEN_LINK_UP);
+    {
+        vxapi_event_hold hold;
+        vxapi_make_event_callbacks(port);
+    }
+    EXPECT_EQ(log.calls.size(), 2u);
+
+    EXPECT_EQ(vxhba_RemoveCallback(cbh), HBA_STATUS_OK);
+    EXPECT_EQ(vxhba_RemoveCallback(cbh), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(vxhba_RemoveCallback(nullptr), HBA_STATUS_ERROR_INVALID_HANDLE);
+    log.calls.clear();
+    vxapi_add_portev(shared.get(), entry(EXT_AEN_LINK_DOWN, HOST));
+    vxapi_add_portev(shared.get(), entry(EXT_AEN_NEW_TARGETS, HOST + 1));  // another port's
+    vxapi_add_portev(shared.get(), entry(EXT_AEN_RSCN, HOST, 0x010400));
+    {
+        vxapi_event_hold hold;
+        vxapi_make_event_callbacks(port);
+    }
+    EXPECT_TRUE(log.calls.empty());
+
+    // Polled instead: one at a time when there is room for one.
+    HBA_EVENTINFO info[4];
+    memset(info, 0xEE, sizeof info);
+    HBA_UINT32 count = 1;
+    ASSERT_EQ(vxhba_GetEventBuffer(hh, info, &count), HBA_STATUS_OK);
+    ASSERT_EQ(count, 1u);
+    EXPECT_EQ(info[0].EventCode, static_cast<HBA_UINT32>(HBA_EVENT_PORT_OFFLINE));  // link down
+    EXPECT_EQ(info[1].EventCode, 0xEEEEEEEEu);
+    count = 4;
+    ASSERT_EQ(vxhba_GetEventBuffer(hh, info, &count), HBA_STATUS_OK);
+    ASSERT_EQ(count, 1u);
+    EXPECT_EQ(info[0].EventCode, static_cast<HBA_UINT32>(HBA_EVENT_PORT_FABRIC));
+    EXPECT_EQ(info[0].Event.RSCN_EventInfo.PortFcId, 0x010400u);
+    count = 4;
+    ASSERT_EQ(vxhba_GetEventBuffer(hh, info, &count), HBA_STATUS_OK);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(shared->hbaptevq[0].eventbuf[3].AsyncEventCode, EXT_AEN_NEW_TARGETS);  // left for its port
+
+    count = 4;
+    EXPECT_EQ(vxhba_GetEventBuffer(hh, nullptr, &count), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetEventBuffer(hh, info, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(vxhba_GetEventBuffer(hh + 1, info, &count), HBA_STATUS_ERROR_INVALID_HANDLE);
+    count = 0;
+    EXPECT_EQ(vxhba_GetEventBuffer(hh, nullptr, &count), HBA_STATUS_OK);
 }
 
 }  // namespace
