@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -229,6 +230,23 @@ std::vector<int> run_children(int n, const std::function<int(int)>& fn) {
         statuses.push_back(pid > 0 && ::waitpid(pid, &ws, 0) == pid ? status_of(ws) : -1);
     }
     return statuses;
+}
+
+std::string hex(const void* p, size_t n) {
+    std::string out;
+    char two[3];
+    for (size_t i = 0; i < n; ++i) {
+        snprintf(two, sizeof two, "%02x", static_cast<const uint8_t*>(p)[i]);
+        out += two;
+    }
+    return out;
+}
+
+uint64_t be(const uint8_t* p, size_t n) {
+    uint64_t v = 0;
+    for (size_t i = 0; i < n; ++i)
+        v = v << 8 | p[i];
+    return v;
 }
 
 }  // namespace vxsim::test

@@ -63,6 +63,10 @@ Output run_vxsim(const std::vector<std::string>& args);
 // children report through their result.
 std::vector<int> run_children(int n, const std::function<int(int)>& fn);
 
+// Bytes as lower-case hex digits, and as one big-endian number.
+std::string hex(const void* p, size_t n);
+uint64_t be(const uint8_t* p, size_t n);
+
 // Where things are, as built.
 std::string vxsim_binary();
 std::string scenario_dir();

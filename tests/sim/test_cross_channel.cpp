@@ -27,15 +27,7 @@ constexpr const char* SNAPSHOT_ENV = "VXSDM_SNAPSHOT";
 constexpr const char* BEGIN = "@@snapshot-begin@@";
 constexpr const char* END = "@@snapshot-end@@";
 
-std::string hex(const void* p, size_t n) {
-    std::string s;
-    char buf[3];
-    for (size_t i = 0; i < n; ++i) {
-        snprintf(buf, sizeof buf, "%02x", static_cast<const uint8_t*>(p)[i]);
-        s += buf;
-    }
-    return s;
-}
+using st::hex;
 
 // ---- The snapshot of one host (taken inside it) ----
 

@@ -533,22 +533,9 @@ HBA_WWN wwn_of(uint64_t v) {
     return w;
 }
 
-uint64_t be(const uint8_t* p, size_t n) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < n; ++i)
-        v = v << 8 | p[i];
-    return v;
-}
+using st::be;
 
-std::string hex(const uint8_t* p, size_t n) {
-    std::string out;
-    char two[3];
-    for (size_t i = 0; i < n; ++i) {
-        snprintf(two, sizeof two, "%02x", p[i]);
-        out += two;
-    }
-    return out;
-}
+using st::hex;
 
 // The FCP LUN of a single-level midlayer LUN number: its two bytes first.
 HBA_UINT64 fcp_lun(uint16_t lun) { return static_cast<HBA_UINT64>(lun) << 48; }

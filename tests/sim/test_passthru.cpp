@@ -25,22 +25,9 @@ constexpr uint64_t TAPE = 0x5006016808601a01;     // target 1 behind host 2: LUN
 constexpr uint64_t BLOCKED = 0x5006016008601b00;  // target 2 behind host 2, "Blocked"
 constexpr uint64_t REFUSER = 0x5006016008601c00;  // target 0 behind host 3
 
-uint64_t be(const uint8_t* p, size_t n) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < n; ++i)
-        v = v << 8 | p[i];
-    return v;
-}
+using st::be;
 
-std::string hex(const uint8_t* p, size_t n) {
-    std::string s;
-    char two[3];
-    for (size_t i = 0; i < n; ++i) {
-        snprintf(two, sizeof two, "%02x", p[i]);
-        s += two;
-    }
-    return s;
-}
+using st::hex;
 
 int port_handle(uint64_t wwpn) {
     for (SD_UINT32 i = 0, n = SDGetNumberOfAdapters(); i < n; ++i) {

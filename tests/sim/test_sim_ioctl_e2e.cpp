@@ -31,13 +31,6 @@ uint64_t wwn_of(const uint8_t* b) {
     return v;
 }
 
-std::string hex(const void* p, size_t n) {
-    std::ostringstream out;
-    for (size_t i = 0; i < n; ++i)
-        out << std::hex << std::setw(2) << std::setfill('0') << int(static_cast<const uint8_t*>(p)[i]);
-    return out.str();
-}
-
 // The newer node, made the way the library makes it.
 int open_newer_node() {
     unsigned major = 0, minor = 0;
