@@ -32,6 +32,26 @@ void forward_signal(int sig) {
         ::kill(g_child, sig);
 }
 
+// Whether /proc/self/mounts lists a sysfs at /sys. libsysfs looks there for
+// where sysfs is, so a bare chroot without one would never see the tree.
+bool sysfs_at_sys() {
+    std::string mounts, error;
+    if (!fs::read_file("/proc/self/mounts", mounts, error))
+        return false;
+    size_t pos = 0;
+    while (pos < mounts.size()) {
+        size_t end = mounts.find('\n', pos);
+        if (end == std::string::npos)
+            end = mounts.size();
+        std::string_view line(mounts.data() + pos, end - pos);
+        const size_t dir = line.find(' ');
+        if (dir != std::string_view::npos && line.substr(dir + 1).starts_with("/sys sysfs "))
+            return true;
+        pos = end + 1;
+    }
+    return false;
+}
+
 bool under(const std::string& path, std::string_view dir) {
     return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/';
 }
@@ -97,6 +117,9 @@ public:
                 nodes_.push_back({n, fd});
         }
 
+        if (!sysfs_at_sys() && ::mount("sysfs", "/sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0)
+            report("no sysfs at /sys and none can be mounted (" + std::string(std::strerror(errno)) +
+                   "): libraries that look for sysfs in /proc/mounts will not find the simulated tree");
         mount_or_fail(root::sys(o_.root), "/sys", nullptr, MS_BIND, nullptr);
         overlay("/etc", root::etc_upper(o_.root), root::overlay_work(o_.root) + "/etc");
         {

@@ -5,10 +5,6 @@
 # in a cache (VX_PKGTEST_CACHE) so later runs download nothing.
 #
 #   tests/install/check_debs.sh [DEBS_DIR [BUILD_DIR]]
-#
-# Not yet part of make test: the packages install, but vxcli in the root
-# finds no adapters under vxsim there (the build tree's finds four), which
-# is still to be explained.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 debs=$(realpath "${1:-build-deb}")
@@ -40,8 +36,10 @@ for p in libvxsdm6 libvxsdm-dev vxcli vxsim; do
     { echo "FAIL: $p is not installed"; failures=$((failures + 1)); }
 done
 
-# vxsim makes / private before it mounts anything, so the root must be a
-# mount point of its own; all of it vanishes with the mount namespace.
+# The root gets proc and dev; no sysfs, which vxsim mounts itself where a
+# bare root lacks it (libsysfs finds sysfs through /proc/mounts). vxsim
+# makes / private before it mounts anything, so the root must be a mount
+# point of its own; all of it vanishes with the mount namespace.
 in_root() {
   unshare --mount --propagation private sh -c '
     mount --bind "$0" "$0" && mount -t proc proc "$0/proc" && mount --rbind /dev "$0/dev" &&
