@@ -54,6 +54,30 @@ if [[ -x $build/sim/vxsim && -x $build/tools/vxcli/vxcli ]]; then
 elif [[ $(grep -c '^ *[0-9]' <<<"$got") -ne 4 ]]; then
   echo "FAIL: the default host has four ports"; failures=$((failures + 1))
 fi
+
+# Our line of /etc/hba.conf comes back when the wrapper's package installs
+# the file after ours (apt may order them either way).
+chroot "$root" sed -i '/^com\.varnex-vxsdm /d' /etc/hba.conf
+wrapper=$(ls "$cache"/libhbaapi2_*.deb | head -1)
+cp "$wrapper" "$root/tmp/" && chroot "$root" dpkg -i "/tmp/$(basename "$wrapper")" >/dev/null
+chroot "$root" grep -q '^com\.varnex-vxsdm /usr/lib/.*/libvxsdm\.so\.6$' /etc/hba.conf ||
+  { echo "FAIL: installing the wrapper's package after ours left /etc/hba.conf without our line"; failures=$((failures + 1)); }
+
+# The SNIA wrapper finds the packaged library through the line the package
+# added to /etc/hba.conf. The build tree's list, for comparison, comes from
+# its own line, added inside its simulated host (an /etc overlay that dies
+# with it).
+got=$(in_root vxsim run -- vxhbalist 2>&1) || { echo "FAIL: vxhbalist in the root: $got"; failures=$((failures + 1)); }
+echo "$got"
+if [[ -x $build/sim/vxsim && -x $build/tools/vxhbalist/vxhbalist ]]; then
+  lib=$(realpath "$build/libvxsdm/libvxsdm.so.6")
+  want=$("$build/sim/vxsim" run -- sh -c 'echo "com.varnex-vxsdm $1" >>/etc/hba.conf && exec "$2"' \
+    sh "$lib" "$(realpath "$build/tools/vxhbalist/vxhbalist")" 2>&1)
+  [[ "$got" == "$want" ]] || { echo "FAIL: the packaged vxhbalist differs from the build tree's:";
+    diff <(echo "$want") <(echo "$got") || true; failures=$((failures + 1)); }
+elif [[ $(grep -c '^varnex-' <<<"$got") -ne 4 ]]; then
+  echo "FAIL: the wrapper lists four adapters"; failures=$((failures + 1))
+fi
 echo "check_debs: $((SECONDS - start)) s"
 [[ $failures -eq 0 ]] || { echo "check_debs: $failures checks failed"; exit 1; }
 echo "check_debs: the packages install and run"
