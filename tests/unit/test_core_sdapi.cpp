@@ -1,5 +1,6 @@
-// The SD layer over an in-process channel: status rules, handle and pointer
-// checks, and the conversions that depend on what the driver answered.
+// The SD layer over an in-process channel: status rules and the conversions
+// that depend on what the driver answered. (Bad handles and missing records
+// are checked end to end.)
 #include <gtest/gtest.h>
 
 #include <cerrno>
