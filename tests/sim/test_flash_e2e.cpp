@@ -439,6 +439,7 @@ SIM_TEST(Flash, BadInputLeavesTheFlashAlone, "families.json") {
         {"larger than the region", SDUpdateOptionRomEx(lark, 0, buf.data(), 0x4001, 0x2A), 0x20000084},
         {"a slice Ex does not write", SDUpdateOptionRomEx(kite, 0, buf.data(), 0x100, 0x08), 0x20000064},
         {"region 0 on Ex2", SDUpdateOptionRomEx2(lark, 0, buf.data(), 0x100, 0), 0x20000109},
+        {"region ~0 on Ex2", SDUpdateOptionRomEx2(lark, 0, buf.data(), 0x100, 0xFFFFFFFF), 0x20000109},
         {"whole image on Wren", SDUpdateOptionRom(wren, 0, buf.data(), 0x20000), 0x20000066},
         {"broken signature", SDUpdateOptionRomEx(lark, 0, broken.data(), uint32_t(broken.size()), 0x07), 0x20000064},
         {"chain that never ends", SDUpdateOptionRomEx(lark, 0, looping.data(), uint32_t(looping.size()), 0x07),

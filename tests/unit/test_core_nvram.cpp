@@ -18,59 +18,11 @@ namespace {
 
 using image_t = std::vector<uint8_t>;
 
-// Where a variable lives: byte offset of its little-endian word (16-bit in the
-// 256-byte layout, 32-bit in nvram_swift), lowest bit, width. Width 0: absent.
+// Where a variable lives: lowest bit of the image and width. Width 0: absent.
 struct place {
-    uint16_t offset;
-    uint8_t start, bits;
+    size_t first_bit, bits;
+    bool operator==(const place&) const = default;
 };
-
-// Per variable: 256-byte word index / start bit / width, then nvram_swift
-// byte offset / start bit / width (all 0 where that layout lacks it).
-constexpr uint16_t places[NVRAMVarEnd][6] = {
-    {0, 0, 32, 0, 0, 32}, {2, 0, 8, 4, 0, 16}, {3, 0, 8, 0, 0, 0}, {4, 0, 1, 44, 0, 1}, {4, 1, 1, 44, 1, 1},
-    {4, 2, 1, 44, 2, 1}, {4, 3, 1, 44, 3, 1}, {4, 4, 1, 44, 4, 1}, {4, 5, 1, 44, 5, 1}, {4, 6, 1, 44, 6, 1},
-    {4, 7, 1, 44, 7, 1}, {4, 8, 1, 44, 8, 1}, {4, 9, 1, 44, 9, 1}, {4, 10, 1, 44, 10, 1}, {4, 11, 1, 44, 11, 1},
-    {4, 12, 1, 44, 12, 1}, {4, 13, 1, 44, 13, 1}, {4, 14, 1, 44, 14, 1}, {4, 15, 1, 44, 15, 1},
-    {5, 0, 16, 12, 0, 16}, {6, 0, 16, 16, 0, 16}, {7, 0, 16, 14, 0, 16}, {8, 0, 8, 36, 0, 8},
-    {8, 8, 8, 0, 0, 0}, {9, 0, 8, 20, 0, 8}, {9, 8, 8, 21, 0, 8}, {10, 0, 8, 22, 0, 8}, {10, 8, 8, 23, 0, 8},
-    {11, 0, 8, 24, 0, 8}, {11, 8, 8, 25, 0, 8}, {12, 0, 8, 26, 0, 8}, {12, 8, 8, 27, 0, 8},
-    {13, 0, 16, 18, 0, 16}, {14, 0, 8, 0, 0, 0}, {14, 8, 8, 42, 0, 16}, {15, 0, 8, 28, 0, 8},
-    {15, 8, 8, 29, 0, 8}, {16, 0, 8, 30, 0, 8}, {16, 8, 8, 31, 0, 8}, {17, 0, 8, 32, 0, 8},
-    {17, 8, 8, 33, 0, 8}, {18, 0, 8, 34, 0, 8}, {18, 8, 8, 35, 0, 8}, {19, 0, 4, 48, 0, 4},
-    {19, 4, 3, 48, 4, 3}, {19, 7, 1, 48, 7, 1}, {19, 8, 1, 48, 8, 1}, {19, 9, 1, 48, 9, 1},
-    {19, 12, 1, 48, 12, 1}, {19, 13, 1, 0, 0, 0}, {19, 14, 1, 0, 0, 0}, {19, 15, 1, 0, 0, 0},
-    {20, 0, 8, 0, 0, 0}, {20, 8, 8, 40, 0, 16}, {21, 0, 1, 52, 0, 1}, {21, 4, 2, 52, 4, 2},
-    {21, 6, 1, 52, 6, 1}, {21, 14, 2, 52, 13, 3}, {35, 1, 1, 256, 1, 1}, {35, 2, 1, 0, 0, 0},
-    {35, 3, 1, 256, 3, 1}, {35, 4, 1, 256, 4, 1}, {35, 5, 1, 0, 0, 0}, {35, 6, 1, 0, 0, 0}, {35, 7, 1, 0, 0, 0},
-    {35, 8, 1, 0, 0, 0}, {35, 9, 1, 0, 0, 0}, {35, 10, 1, 256, 10, 1}, {35, 11, 1, 256, 11, 1},
-    {35, 12, 1, 0, 0, 0}, {35, 13, 1, 0, 0, 0}, {35, 14, 1, 0, 0, 0}, {36, 0, 8, 276, 0, 8},
-    {36, 8, 8, 277, 0, 8}, {37, 0, 8, 278, 0, 8}, {37, 8, 8, 279, 0, 8}, {38, 0, 8, 280, 0, 8},
-    {38, 8, 8, 281, 0, 8}, {39, 0, 8, 282, 0, 8}, {39, 8, 8, 283, 0, 8}, {40, 0, 8, 284, 0, 16},
-    {40, 8, 8, 328, 0, 8}, {41, 0, 8, 340, 0, 16}, {42, 0, 16, 336, 0, 16}, {43, 0, 8, 0, 0, 0},
-    {43, 8, 8, 0, 0, 0}, {44, 0, 8, 0, 0, 0}, {44, 8, 8, 0, 0, 0}, {45, 0, 8, 0, 0, 0}, {45, 8, 8, 0, 0, 0},
-    {46, 0, 8, 0, 0, 0}, {46, 8, 8, 0, 0, 0}, {55, 0, 1, 324, 0, 1}, {55, 1, 1, 324, 1, 1},
-    {55, 3, 1, 324, 3, 1}, {55, 5, 1, 324, 5, 1}, {55, 7, 1, 324, 7, 1}, {55, 8, 8, 342, 0, 16},
-    {64, 0, 8, 288, 0, 8}, {64, 8, 8, 289, 0, 8}, {65, 0, 8, 290, 0, 8}, {65, 8, 8, 291, 0, 8},
-    {66, 0, 8, 292, 0, 8}, {66, 8, 8, 293, 0, 8}, {67, 0, 8, 294, 0, 8}, {67, 8, 8, 295, 0, 8},
-    {68, 0, 16, 296, 0, 16}, {69, 0, 8, 300, 0, 8}, {69, 8, 8, 301, 0, 8}, {70, 0, 8, 302, 0, 8},
-    {70, 8, 8, 303, 0, 8}, {71, 0, 8, 304, 0, 8}, {71, 8, 8, 305, 0, 8}, {72, 0, 8, 306, 0, 8},
-    {72, 8, 8, 307, 0, 8}, {73, 0, 16, 308, 0, 16}, {74, 0, 8, 312, 0, 8}, {74, 8, 8, 313, 0, 8},
-    {75, 0, 8, 314, 0, 8}, {75, 8, 8, 315, 0, 8}, {76, 0, 8, 316, 0, 8}, {76, 8, 8, 317, 0, 8},
-    {77, 0, 8, 318, 0, 8}, {77, 8, 8, 319, 0, 8}, {78, 0, 16, 320, 0, 16}, {122, 0, 16, 504, 0, 16},
-    {124, 0, 16, 506, 0, 16}, {125, 0, 16, 504, 0, 16}, {126, 0, 16, 506, 0, 16}, {127, 8, 8, 508, 0, 32},
-    {0, 0, 0, 44, 6, 1}, {0, 0, 0, 412, 0, 1}, {0, 0, 0, 44, 7, 1},
-};
-
-place word_place(uint32_t n) {
-    return {static_cast<uint16_t>(places[n][0] * 2), static_cast<uint8_t>(places[n][1]),
-            static_cast<uint8_t>(places[n][2])};
-}
-place swift_place(uint32_t n) {
-    return {places[n][3], static_cast<uint8_t>(places[n][4]), static_cast<uint8_t>(places[n][5])};
-}
-
-uint32_t width_mask(uint32_t bits) { return bits >= 32 ? 0xFFFFFFFFu : (1u << bits) - 1; }
 
 image_t random_image(size_t size, uint32_t seed) {
     std::mt19937 rng(seed);
@@ -80,24 +32,15 @@ image_t random_image(size_t size, uint32_t seed) {
     return img;
 }
 
-// The field's bits read straight from the image, little-endian.
-uint32_t field_bits(const image_t& img, place p) {
-    uint64_t word = 0;
-    for (uint32_t i = 0; i < 4 && p.offset + i < img.size(); ++i)
-        word |= static_cast<uint64_t>(img[p.offset + i]) << (8 * i);
-    return static_cast<uint32_t>(word >> p.start) & width_mask(p.bits);
-}
-
 struct layout {
     const char* name;
     size_t size;
-    place (*where)(uint32_t);
     uint32_t (*get)(const uint8_t*, uint32_t);
     uint32_t (*set)(uint8_t*, uint32_t, uint32_t);
 };
 const layout layouts[] = {
-    {"256-byte", NVRAM_IMAGE_SIZE, word_place, VXSDNVR_GetVariableValue, VXSDNVR_SetVariableValue},
-    {"swift", NVRAM_SWIFT_IMAGE_SIZE, swift_place,
+    {"256-byte", NVRAM_IMAGE_SIZE, VXSDNVR_GetVariableValue, VXSDNVR_SetVariableValue},
+    {"swift", NVRAM_SWIFT_IMAGE_SIZE,
      [](const uint8_t* i, uint32_t n) {
          return VXSDNVR_GetVariableValue_swift(static_cast<const nvram_swift*>(static_cast<const void*>(i)), n);
      },
@@ -106,28 +49,58 @@ const layout layouts[] = {
      }},
 };
 
+// Sets every bit of variable `n` to its opposite (with the bits above any
+// width set too): the bits that changed must be one unbroken run, the field;
+// the getter must read them back, and setting the old value must restore the
+// image exactly.
+place flip_field(const layout& l, uint32_t n) {
+    image_t img = random_image(l.size, n);
+    const image_t before = img;
+    const uint32_t old = l.get(img.data(), n);
+    EXPECT_EQ(l.set(img.data(), n, ~old), SDM_STATUS_SUCCESS);
+    std::vector<size_t> changed;
+    for (size_t bit = 0; bit < img.size() * 8; ++bit)
+        if (((img[bit / 8] ^ before[bit / 8]) >> (bit % 8)) & 1)
+            changed.push_back(bit);
+    if (changed.empty()) {
+        EXPECT_EQ(old, 0u) << "an absent variable reads 0";
+        return {0, 0};
+    }
+    const place p{changed.front(), changed.size()};
+    EXPECT_EQ(changed.back() - changed.front() + 1, changed.size()) << "a field with a hole";
+    const uint32_t mask = p.bits >= 32 ? 0xFFFFFFFFu : (1u << p.bits) - 1;
+    EXPECT_EQ(old & ~mask, 0u);
+    EXPECT_EQ(l.get(img.data(), n), ~old & mask);
+    EXPECT_EQ(l.set(img.data(), n, old), SDM_STATUS_SUCCESS);
+    EXPECT_EQ(img, before);
+    return p;
+}
+
 TEST(NvramVariables, EveryVariableOfBothLayoutsSetsOnlyItsOwnBits) {
-    for (const layout& l : layouts) {
+    for (const layout& l : layouts)
         for (uint32_t n = 1; n < NVRAMVarEnd; ++n) {  // NVRAMVarId is a string: below
             SCOPED_TRACE(std::string(l.name) + " variable " + std::to_string(n));
-            const place p = l.where(n);
-            image_t img = random_image(l.size, n);
-            const image_t before = img;
-            EXPECT_EQ(l.get(img.data(), n), field_bits(img, p));
-            // A value of the field's width, unlike the current one, with bits above the width set.
-            const uint32_t mask = width_mask(p.bits);
-            const uint32_t value = ~field_bits(img, p) & mask;
-            EXPECT_EQ(l.set(img.data(), n, value | ~mask), SDM_STATUS_SUCCESS);
-            EXPECT_EQ(l.get(img.data(), n), value);
-            EXPECT_EQ(field_bits(img, p), value);
-            for (size_t bit = 0; bit < img.size() * 8; ++bit) {
-                const bool changed = ((img[bit / 8] ^ before[bit / 8]) >> (bit % 8)) & 1;
-                const bool in_field = bit >= p.offset * 8u + p.start && bit < p.offset * 8u + p.start + p.bits;
-                ASSERT_TRUE(!changed || in_field) << "bit " << bit << " outside the field";
-            }
-            EXPECT_EQ(l.set(img.data(), n, ~value & mask), SDM_STATUS_SUCCESS);
-            EXPECT_EQ(img, before);
+            flip_field(l, n);
         }
+    // Places a management tool relies on: byte * 8 + bit, and width, of the
+    // 256-byte and of the Swift layout.
+    const struct {
+        uint32_t n;
+        place word, swift;
+    } spots[] = {
+        {NVRAMVarRiscVersion, {6 * 8, 8}, {0, 0}},
+        {NVRAMVarExecutionThrottle, {14 * 8, 16}, {14 * 8, 16}},
+        {NVRAMVarPortName0, {18 * 8, 8}, {20 * 8, 8}},
+        {NVRAMVarPortName7, {24 * 8 + 8, 8}, {27 * 8, 8}},
+        {NVRAMVarNodeName0, {30 * 8, 8}, {28 * 8, 8}},
+        {NVRAMVarDataRate, {42 * 8 + 14, 2}, {52 * 8 + 13, 3}},
+        {NVRAMVarSubSystemDeviceID1, {252 * 8, 16}, {506 * 8, 16}},
+        {NVRAMVarCheckSum, {255 * 8, 8}, {508 * 8, 32}},
+        {NVRAMVarEnableDPort, {0, 0}, {44 * 8 + 7, 1}},
+    };
+    for (const auto& s : spots) {
+        EXPECT_EQ(flip_field(layouts[0], s.n), s.word) << "256-byte variable " << s.n;
+        EXPECT_EQ(flip_field(layouts[1], s.n), s.swift) << "swift variable " << s.n;
     }
 }
 
@@ -146,8 +119,8 @@ TEST(NvramVariables, IdentifierIsReadLittleEndianAndWrittenAsAString) {
     }
 }
 
-// Fields wider than their width, absent Swift fields and every place are
-// covered by the walk above; here what lies outside the table.
+// Values wider than their field and absent Swift fields are covered by the
+// walk above; here what lies outside the table.
 TEST(NvramVariables, BadNumbersAndNullImagesTouchNothing) {
     for (const layout& l : layouts) {
         image_t img = random_image(l.size, 3);

@@ -1,10 +1,10 @@
-// The SD layer over an in-process channel: status rules, handle and pointer
-// checks, and the conversions that depend on what the driver answered.
+// The SD layer over an in-process channel: status rules and the conversions
+// that depend on what the driver answered. (Bad handles and missing records
+// are checked end to end.)
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -137,31 +137,6 @@ TEST_F(SdLayer, ChipDriverAndFirmwareNeedACleanAnswer) {
         memset(&fp, 0xEE, sizeof fp);
         EXPECT_EQ(SDGetHbaDeviceFirmwareProperty(h, &fp), r.status);
         EXPECT_EQ(fp.Version[0], r.filled ? 9 : 0xEE);
-    }
-}
-
-// Every handle-taking call: an unknown handle is reported before a missing
-// record, and neither reaches the driver. The converged-port call alone
-// refuses its missing buffer first.
-TEST_F(SdLayer, BadHandleWinsOverNullRecord) {
-    SD_UINT32 size = 0;
-    const std::vector<std::pair<std::string, std::function<SD_UINT32(int)>>> calls = {
-        {"node", [](int d) { return SDGetHbaDeviceNodeProperty(d, nullptr); }},
-        {"port", [](int d) { return SDGetHbaDevicePortProperty(d, 0, nullptr); }},
-        {"chip", [](int d) { return SDGetHbaDeviceChipProperty(d, nullptr); }},
-        {"driver", [](int d) { return SDGetHbaDeviceDriverProperty(d, nullptr); }},
-        {"firmware", [](int d) { return SDGetHbaDeviceFirmwareProperty(d, nullptr); }},
-        {"discport", [](int d) { return SDGetDiscPortProperty(d, 0, 0, 0, nullptr); }},
-        {"disctgt", [](int d) { return SDGetDiscTargetProperty(d, 0, 0, 0, nullptr); }},
-        {"portdb", [](int d) { return SDGetPortDatabase(d, 0, nullptr, 300); }},
-        {"luns", [&](int d) { return SDGetTargetLunList(d, 0, nullptr, nullptr); }},
-        {"cna", [&](int d) { return SDGetCnaPortData(d, 0, SDM_CNA_PORT_DATA, nullptr, &size); }},
-    };
-    for (const auto& [name, call] : calls) {
-        const SD_UINT32 bad = name == "cna" ? SDM_STATUS_INVALID_PARAMETER : SDM_STATUS_INVALID_HANDLE;
-        EXPECT_EQ(call(0), bad) << name;
-        EXPECT_EQ(call(h + 1), bad) << name;
-        EXPECT_EQ(call(h), SDM_STATUS_INVALID_PARAMETER) << name;
     }
 }
 
