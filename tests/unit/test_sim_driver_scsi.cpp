@@ -16,6 +16,7 @@
 #include "vx_fc_bsg.h"
 #include "ioctl.h"
 #include "scsi_target.h"
+#include "stats.h"
 
 using namespace vxsim;
 using namespace vxsim::drv;
@@ -226,12 +227,12 @@ TEST_F(Scsi, NameServerAcceptsAndRejects) {
 TEST_F(Scsi, ElsAnswers) {
     const RemotePort& t = target(0);
     const Bytes echo{ELS_ECHO, 0, 0, 0, 'p', 'i', 'n', 'g'};
-    ElsAnswer a = els_answer(t, echo.data(), echo.size());
+    ElsAnswer a = els_answer(host(1), t, echo.data(), echo.size());
     EXPECT_TRUE(a.accepted);
     EXPECT_EQ(a.bytes, (Bytes{ELS_LS_ACC, 0, 0, 0, 'p', 'i', 'n', 'g'}));
     for (uint8_t format : {uint8_t(0x00), uint8_t(0x10), uint8_t(RNID_FORMAT_TOPOLOGY)}) {
         const Bytes rnid{ELS_RNID, 0, 0, 0, format, 0, 0, 0};
-        a = els_answer(t, rnid.data(), rnid.size());
+        a = els_answer(host(1), t, rnid.data(), rnid.size());
         const bool topology = format == RNID_FORMAT_TOPOLOGY;
         ASSERT_EQ(a.bytes.size(), topology ? 76u : 24u) << int(format);
         EXPECT_EQ(Bytes(a.bytes.begin(), a.bytes.begin() + 8), (Bytes{ELS_LS_ACC, 0, 0, 0, topology ? format : uint8_t(0), 16, 0,
@@ -239,10 +240,63 @@ TEST_F(Scsi, ElsAnswers) {
         EXPECT_EQ(Bytes(a.bytes.begin() + 8, a.bytes.begin() + 16), (Bytes{0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0A}));
     }
     const Bytes plogi{0x03, 0, 0, 0};
-    a = els_answer(t, plogi.data(), plogi.size());
+    a = els_answer(host(1), t, plogi.data(), plogi.size());
     EXPECT_FALSE(a.accepted);
     EXPECT_EQ(a.bytes, (Bytes{ELS_LS_RJT, 0, 0, 0, 0, LS_RJT_NOT_SUPPORTED, 0, 0}));
-    EXPECT_EQ(els_answer(t, plogi.data(), 2).reason, LS_RJT_LOGICAL_ERROR);
+    EXPECT_EQ(els_answer(host(1), t, plogi.data(), 2).reason, LS_RJT_LOGICAL_ERROR);
+}
+
+// RLS and RPS answer with the port's own link error block, and only for the
+// port they name; RPS puts the flag and the port status first.
+TEST_F(Scsi, LinkStatusAnswers) {
+    const RemotePort& t = target(0);
+    Bytes block;
+    for (uint32_t c : vxsim::remote_link_errors(t))
+        block.insert(block.end(), {uint8_t(c >> 24), uint8_t(c >> 16), uint8_t(c >> 8), uint8_t(c)});
+
+    Bytes rls{ELS_RLS, 0, 0, 0, 0, uint8_t(t.port_id >> 16), uint8_t(t.port_id >> 8), uint8_t(t.port_id)};
+    ElsAnswer a = els_answer(host(1), t, rls.data(), rls.size());
+    Bytes want{ELS_LS_ACC, 0, 0, 0};
+    want.insert(want.end(), block.begin(), block.end());
+    EXPECT_EQ(a.bytes, want);
+    rls[7] ^= 1;
+    EXPECT_EQ(els_answer(host(1), t, rls.data(), rls.size()).reason, LS_RJT_UNABLE_TO_PERFORM) << "another port";
+    EXPECT_EQ(els_answer(host(1), t, rls.data(), 4).reason, LS_RJT_LOGICAL_ERROR) << "no port named";
+
+    auto rps = [&](uint8_t flag, uint64_t selection) {
+        Bytes r{ELS_RPS, 0, 0, 0, 0, 0, 0, flag};
+        for (int i = 7; i >= 0; --i)
+            r.push_back(uint8_t(selection >> (8 * i)));
+        return r;
+    };
+    const struct {
+        Bytes req;
+        uint8_t reject;  // 0: accepted
+    } cases[] = {
+        {rps(0, 0), 0},
+        {rps(RPS_BY_PORT_NAME, t.wwpn), 0},
+        {rps(RPS_BY_PORT_NUMBER, t.number), 0},
+        {rps(RPS_BY_PORT_NAME, t.wwpn ^ 1), LS_RJT_UNABLE_TO_PERFORM},
+        {rps(RPS_BY_PORT_NUMBER, t.number + 1), LS_RJT_UNABLE_TO_PERFORM},
+        {rps(3, t.wwpn), LS_RJT_LOGICAL_ERROR},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(int(c.req[7]));
+        a = els_answer(host(1), t, c.req.data(), c.req.size());
+        if (c.reject) {
+            EXPECT_EQ(a.bytes, (Bytes{ELS_LS_RJT, 0, 0, 0, 0, c.reject, 0, 0}));
+            continue;
+        }
+        // An N_Port on a fabric.
+        want = {ELS_LS_ACC, 0, 0, 0, 0, 0, 0, c.req[7], 0, 0, 0, 0x14};
+        want.insert(want.end(), block.begin(), block.end());
+        EXPECT_EQ(a.bytes, want);
+    }
+    // On a loop without a fabric.
+    const RemotePort& looped = host(3).remote_ports.at(0);
+    const Bytes itself = rps(0, 0);
+    EXPECT_EQ(els_answer(host(3), looped, itself.data(), itself.size()).bytes.at(11), 0x08);
+    EXPECT_EQ(els_answer(host(1), t, itself.data(), 12).reason, LS_RJT_LOGICAL_ERROR) << "no port selection";
 }
 
 // ---- extended-ioctl framing ----
