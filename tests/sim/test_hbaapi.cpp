@@ -162,6 +162,12 @@ std::vector<adapter_view> read_all(const std::string& prefix) {
     return views;
 }
 
+// The adapter of this port name among those read, or end().
+std::vector<adapter_view>::const_iterator view_of(const std::vector<adapter_view>& views, uint64_t wwpn) {
+    return std::find_if(views.begin(), views.end(),
+                        [wwpn](const adapter_view& a) { return wwn_value(a.port.PortWWN) == wwpn; });
+}
+
 void close_all(const std::vector<adapter_view>& views) {
     for (const auto& v : views)
         HBA_CloseAdapter(v.handle);
@@ -545,8 +551,7 @@ SIM_TEST(HbaApiWrapper, ScsiCommandsMatchTheScenario, "default.json") {
     write_conf(our_conf_line());
     ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
     const std::vector<adapter_view> views = read_all(OUR_PREFIX);
-    const auto v = std::find_if(views.begin(), views.end(),
-                                [](const adapter_view& a) { return wwn_value(a.port.PortWWN) == HOST2; });
+    const auto v = view_of(views, HOST2);
     ASSERT_NE(v, views.end());
     const HBA_WWN own = v->port.PortWWN;
 
@@ -643,8 +648,7 @@ void check_link_services() {
     write_conf(our_conf_line());
     ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
     const std::vector<adapter_view> views = read_all(OUR_PREFIX);
-    const auto v = std::find_if(views.begin(), views.end(),
-                                [](const adapter_view& a) { return wwn_value(a.port.PortWWN) == HOST2; });
+    const auto v = view_of(views, HOST2);
     ASSERT_NE(v, views.end());
     const HBA_HANDLE h = v->handle;
     const HBA_WWN own = v->port.PortWWN;
