@@ -16,7 +16,6 @@
 #include "vx_fc_bsg.h"
 #include "ioctl.h"
 #include "scsi_target.h"
-#include "stats.h"
 
 using namespace vxsim;
 using namespace vxsim::drv;
@@ -246,57 +245,38 @@ TEST_F(Scsi, ElsAnswers) {
     EXPECT_EQ(els_answer(host(1), t, plogi.data(), 2).reason, LS_RJT_LOGICAL_ERROR);
 }
 
-// RLS and RPS answer with the port's own link error block, and only for the
-// port they name; RPS puts the flag and the port status first.
-TEST_F(Scsi, LinkStatusAnswers) {
+// RLS and RPS answer only for the port they name, and only well-formed
+// requests (the accepted answers are compared end to end); RPS reports a
+// loop port as such.
+TEST_F(Scsi, LinkStatusRefusalsAndLoopStatus) {
     const RemotePort& t = target(0);
-    Bytes block;
-    for (uint32_t c : vxsim::remote_link_errors(t))
-        block.insert(block.end(), {uint8_t(c >> 24), uint8_t(c >> 16), uint8_t(c >> 8), uint8_t(c)});
-
-    Bytes rls{ELS_RLS, 0, 0, 0, 0, uint8_t(t.port_id >> 16), uint8_t(t.port_id >> 8), uint8_t(t.port_id)};
-    ElsAnswer a = els_answer(host(1), t, rls.data(), rls.size());
-    Bytes want{ELS_LS_ACC, 0, 0, 0};
-    want.insert(want.end(), block.begin(), block.end());
-    EXPECT_EQ(a.bytes, want);
-    rls[7] ^= 1;
-    EXPECT_EQ(els_answer(host(1), t, rls.data(), rls.size()).reason, LS_RJT_UNABLE_TO_PERFORM) << "another port";
-    EXPECT_EQ(els_answer(host(1), t, rls.data(), 4).reason, LS_RJT_LOGICAL_ERROR) << "no port named";
-
-    auto rps = [&](uint8_t flag, uint64_t selection) {
-        Bytes r{ELS_RPS, 0, 0, 0, 0, 0, 0, flag};
+    auto request = [](uint8_t code, uint8_t flag, uint64_t selection) {
+        Bytes r{code, 0, 0, 0, 0, 0, 0, flag};
         for (int i = 7; i >= 0; --i)
             r.push_back(uint8_t(selection >> (8 * i)));
         return r;
     };
+    const uint32_t other_id = t.port_id ^ 1;
     const struct {
         Bytes req;
-        uint8_t reject;  // 0: accepted
+        size_t len;
+        uint8_t reason;
     } cases[] = {
-        {rps(0, 0), 0},
-        {rps(RPS_BY_PORT_NAME, t.wwpn), 0},
-        {rps(RPS_BY_PORT_NUMBER, t.number), 0},
-        {rps(RPS_BY_PORT_NAME, t.wwpn ^ 1), LS_RJT_UNABLE_TO_PERFORM},
-        {rps(RPS_BY_PORT_NUMBER, t.number + 1), LS_RJT_UNABLE_TO_PERFORM},
-        {rps(3, t.wwpn), LS_RJT_LOGICAL_ERROR},
+        {{ELS_RLS, 0, 0, 0, 0, uint8_t(other_id >> 16), uint8_t(other_id >> 8), uint8_t(other_id)}, 8,
+         LS_RJT_UNABLE_TO_PERFORM},
+        {{ELS_RLS, 0, 0, 0}, 4, LS_RJT_LOGICAL_ERROR},
+        {request(ELS_RPS, RPS_BY_PORT_NAME, t.wwpn ^ 1), 16, LS_RJT_UNABLE_TO_PERFORM},
+        {request(ELS_RPS, 3, t.wwpn), 16, LS_RJT_LOGICAL_ERROR},
+        {request(ELS_RPS, 0, 0), 12, LS_RJT_LOGICAL_ERROR},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(int(c.req[7]));
-        a = els_answer(host(1), t, c.req.data(), c.req.size());
-        if (c.reject) {
-            EXPECT_EQ(a.bytes, (Bytes{ELS_LS_RJT, 0, 0, 0, 0, c.reject, 0, 0}));
-            continue;
-        }
-        // An N_Port on a fabric.
-        want = {ELS_LS_ACC, 0, 0, 0, 0, 0, 0, c.req[7], 0, 0, 0, 0x14};
-        want.insert(want.end(), block.begin(), block.end());
-        EXPECT_EQ(a.bytes, want);
+        const ElsAnswer a = els_answer(host(1), t, c.req.data(), c.len);
+        EXPECT_EQ(a.bytes, (Bytes{ELS_LS_RJT, 0, 0, 0, 0, c.reason, 0, 0})) << int(c.req[0]) << "/" << c.len;
     }
-    // On a loop without a fabric.
-    const RemotePort& looped = host(3).remote_ports.at(0);
-    const Bytes itself = rps(0, 0);
-    EXPECT_EQ(els_answer(host(3), looped, itself.data(), itself.size()).bytes.at(11), 0x08);
-    EXPECT_EQ(els_answer(host(1), t, itself.data(), 12).reason, LS_RJT_LOGICAL_ERROR) << "no port selection";
+    const Bytes itself = request(ELS_RPS, 0, 0);
+    const ElsAnswer looped = els_answer(host(3), host(3).remote_ports.at(0), itself.data(), itself.size());
+    ASSERT_EQ(looped.bytes.size(), RPS_ACC_SIZE);
+    EXPECT_EQ(looped.bytes[11], 0x08) << "on a loop, no fabric";
 }
 
 // ---- extended-ioctl framing ----
