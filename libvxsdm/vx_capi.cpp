@@ -3,6 +3,9 @@
 // mapping every handler that talks to the driver shares.
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
 
 #include "vx_adapters.h"
 #include "vx_capi.h"
@@ -401,6 +404,15 @@ HBA_STATUS vxhba_GetDiscPortAttrByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTAT
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!attrs)
         return null_record(fn, handle);
+    EXT_DISC_PORT record{};
+    const HBA_STATUS status = vxcapi_find_discport(fn, handle, inst, wwn, PORT_WWN, &record);
+    if (status == HBA_STATUS_OK)
+        vxcapi_copy_discport_attributes(inst, &record, attrs);
+    return trace_exit(fn, handle, status);
+}
+
+HBA_STATUS vxcapi_find_discport(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, const HBA_WWN& wwn,
+                                HBA_WWNTYPE type, EXT_DISC_PORT* found) {
     for (uint32_t index = 0; index < MAX_DISC_INDEX; ++index) {
         EXT_DISC_PORT record{};
         uint32_t ext_stat = 0;
@@ -409,15 +421,16 @@ HBA_STATUS vxhba_GetDiscPortAttrByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTAT
         // The end of the list: no port of that name.
         if (ext_stat == EXT_STATUS_DEV_NOT_FOUND)
             break;
-        const HBA_STATUS status = query_status(fn, handle, rc, ext_stat);
+        const HBA_STATUS status = query_status(name, handle, rc, ext_stat);
         if (status != HBA_STATUS_OK)
-            return trace_exit(fn, handle, status);
-        if (same_wwn(wwn, record.WWPN)) {
-            vxcapi_copy_discport_attributes(inst, &record, attrs);
-            return trace_exit(fn, handle, HBA_STATUS_OK);
+            return status;
+        if (same_wwn(wwn, type == NODE_WWN ? record.WWNN : record.WWPN)) {
+            *found = record;
+            return HBA_STATUS_OK;
         }
     }
-    return trace_exit(fn, handle, HBA_STATUS_ERROR_ILLEGAL_WWN);
+    trace_call(ERR, name, handle, "): no discovered port of that name.");
+    return HBA_STATUS_ERROR_ILLEGAL_WWN;
 }
 
 namespace {
@@ -496,6 +509,103 @@ HBA_STATUS vxhba_GetFC4Statistics(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT8
         stats->OutputMegabytes = stat.OutputMBytes;
     }
     return trace_exit(fn, handle, status);
+}
+
+// ---- RNID management data ----
+
+namespace {
+
+// RNID unit type of a host.
+constexpr HBA_UINT32 RNID_UNIT_HOST = 0x0A;
+
+// The driver offers nowhere to publish the data, so this process keeps what
+// its clients set, per port name, until it ends; other processes do not
+// see it. A list of nodes, so that running out of memory is an answer.
+struct mgmt_entry {
+    uint8_t wwpn[8];
+    HBA_MGMTINFO info;
+    std::unique_ptr<mgmt_entry> next;
+};
+
+std::mutex mgmt_lock;
+std::unique_ptr<mgmt_entry> mgmt_list;
+
+mgmt_entry* find_mgmt(const uint8_t* wwpn) {
+    for (mgmt_entry* e = mgmt_list.get(); e; e = e->next.get())
+        if (memcmp(e->wwpn, wwpn, sizeof e->wwpn) == 0)
+            return e;
+    return nullptr;
+}
+
+void copy_mgmt(const HBA_MGMTINFO& from, HBA_MGMTINFO* to) {
+    to->wwn = from.wwn;
+    to->unittype = from.unittype;
+    to->PortId = from.PortId;
+    to->NumberOfAttachedNodes = from.NumberOfAttachedNodes;
+    to->IPVersion = from.IPVersion;
+    to->UDPPort = from.UDPPort;
+    memcpy(to->IPAddress, from.IPAddress, sizeof to->IPAddress);
+    to->reserved = from.reserved;
+    to->TopologyDiscoveryFlags = from.TopologyDiscoveryFlags;
+}
+
+}  // namespace
+
+HBA_STATUS vxhba_SetRNIDMgmtInfo(HBA_HANDLE handle, HBA_MGMTINFO* info) {
+    static constexpr const char* fn = "vxhba_SetRNIDMgmtInfo";
+    trace_entry(fn, handle);
+    const vxapi_priv_database* inst = resolve(fn, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (!info)
+        return null_record(fn, handle);
+    std::lock_guard<std::mutex> hold(mgmt_lock);
+    mgmt_entry* e = find_mgmt(inst->wwpn);
+    if (!e) {
+        std::unique_ptr<mgmt_entry> made(new (std::nothrow) mgmt_entry{});
+        if (!made) {
+            trace_call(ERR, fn, handle, "): out of memory.");
+            return trace_exit(fn, handle, HBA_STATUS_ERROR);
+        }
+        memcpy(made->wwpn, inst->wwpn, sizeof made->wwpn);
+        made->next = std::move(mgmt_list);
+        mgmt_list = std::move(made);
+        e = mgmt_list.get();
+    }
+    copy_mgmt(*info, &e->info);
+    return trace_exit(fn, handle, HBA_STATUS_OK);
+}
+
+// Before any Set: what the port tells of itself, the rest zero.
+HBA_STATUS vxhba_GetRNIDMgmtInfo(HBA_HANDLE handle, HBA_MGMTINFO* info) {
+    static constexpr const char* fn = "vxhba_GetRNIDMgmtInfo";
+    trace_entry(fn, handle);
+    vxapi_priv_database* inst = resolve(fn, handle);
+    if (!inst)
+        return HBA_STATUS_ERROR_INVALID_HANDLE;
+    if (!info)
+        return null_record(fn, handle);
+    {
+        std::lock_guard<std::mutex> hold(mgmt_lock);
+        if (const mgmt_entry* e = find_mgmt(inst->wwpn)) {
+            copy_mgmt(e->info, info);
+            return trace_exit(fn, handle, HBA_STATUS_OK);
+        }
+    }
+    EXT_HBA_PORT port{};
+    uint32_t ext_stat = 0;
+    const int32_t rc = vxapi_query_hbaport(inst->oshandle, inst, &port, &ext_stat);
+    const HBA_STATUS status = query_status(fn, handle, rc, ext_stat);
+    if (status != HBA_STATUS_OK)
+        return trace_exit(fn, handle, status);
+    HBA_MGMTINFO derived;
+    memset(&derived, 0, sizeof derived);
+    memcpy(derived.wwn.wwn, inst->wwnn, sizeof derived.wwn.wwn);
+    derived.unittype = RNID_UNIT_HOST;
+    derived.PortId = vxcapi_fcid(port.Id);
+    derived.NumberOfAttachedNodes = port.DiscPortCount;
+    copy_mgmt(derived, info);
+    return trace_exit(fn, handle, HBA_STATUS_OK);
 }
 
 // ---- Handlers that do nothing ----

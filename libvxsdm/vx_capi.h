@@ -53,6 +53,13 @@ void vxcapi_copy_discport_attributes(vxapi_priv_database* inst, const EXT_DISC_P
 // as one number: 01 02 00 gives 0x010200.
 HBA_UINT32 vxcapi_fcid(const uint8_t id[4]);
 
+// The discovered port of the handle's port whose node name (NODE_WWN) or
+// port name (PORT_WWN) is `wwn`, found by walking the driver's list (the
+// first one of that name). HBA_STATUS_ERROR_ILLEGAL_WWN when none; a failed
+// query gives its status, traced under `name`.
+HBA_STATUS vxcapi_find_discport(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, const HBA_WWN& wwn,
+                                HBA_WWNTYPE type, EXT_DISC_PORT* found);
+
 // The operating system's name of the SCSI target `target_id` behind the port
 // ("targetH:0:T", the kernel's device of a target), `len` bytes at most.
 // Empty, with result 1, when the host has no such target.

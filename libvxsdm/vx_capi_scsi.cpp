@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -38,11 +39,6 @@ vxapi_priv_database* resolve(const char* name, HBA_HANDLE handle) {
         vxdbg_print(": check_handle failed. handle=", handle, VXDBG_DEC, 1);
     }
     return inst;
-}
-
-HBA_STATUS not_supported(const char* name) {
-    vxdbg_line(TRC, name);
-    return HBA_STATUS_ERROR_NOT_SUPPORTED;
 }
 
 // One LUN of the host as the SCSI midlayer names it (H:C:T:L).
@@ -346,22 +342,30 @@ scsi_request read_capacity(const HBA_WWN& target, uint64_t lun, void* rsp, uint3
     return r;
 }
 
-// V2 forms: the adapter's port named, sizes and status by pointer.
-vxapi_priv_database* v2_checks(const char* name, HBA_HANDLE handle, const HBA_WWN& port_wwn, const void* rsp,
-                               const HBA_UINT32* rsp_size, const HBA_UINT8* scsi_status, const void* sense,
-                               const HBA_UINT32* sense_size, HBA_STATUS* status) {
-    if (!rsp_size || !scsi_status || (sense && !sense_size)) {
+// Handlers whose response size comes by pointer, with the adapter's port
+// named (when `port_wwn` is given); `pointers_ok` says whether the
+// handler's other pointers are usable.
+vxapi_priv_database* sized_checks(const char* name, HBA_HANDLE handle, const HBA_WWN* port_wwn, const void* rsp,
+                                  const HBA_UINT32* rsp_size, bool pointers_ok, HBA_STATUS* status) {
+    if (!rsp_size || !pointers_ok) {
         trace_status(ERR, name, handle, "): null size or status.");
         *status = check_handle(handle) ? HBA_STATUS_ERROR_ARG : HBA_STATUS_ERROR_INVALID_HANDLE;
         return nullptr;
     }
     vxapi_priv_database* inst = scsi_checks(name, handle, rsp, *rsp_size, status);
-    if (inst && !own_port(inst, port_wwn)) {
+    if (inst && port_wwn && !own_port(inst, *port_wwn)) {
         trace_status(ERR, name, handle, "): not this adapter's port.");
         *status = HBA_STATUS_ERROR_ILLEGAL_WWN;
         return nullptr;
     }
     return inst;
+}
+
+// V2 forms: sizes and status by pointer.
+vxapi_priv_database* v2_checks(const char* name, HBA_HANDLE handle, const HBA_WWN& port_wwn, const void* rsp,
+                               const HBA_UINT32* rsp_size, const HBA_UINT8* scsi_status, const void* sense,
+                               const HBA_UINT32* sense_size, HBA_STATUS* status) {
+    return sized_checks(name, handle, &port_wwn, rsp, rsp_size, scsi_status && (!sense || sense_size), status);
 }
 
 HBA_STATUS send_ct(const char* name, HBA_HANDLE handle, void* req, HBA_UINT32 req_size, void* rsp,
@@ -490,24 +494,144 @@ HBA_STATUS vxhba_ScsiReadCapacityV2(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_WWN
     return send_scsi(fn, handle, inst, r);
 }
 
-// ---- Waiting for the link-service work ----
+// ---- Link services ----
 
-HBA_STATUS vxhba_SetRNIDMgmtInfo(HBA_HANDLE, HBA_MGMTINFO*) {
-    return not_supported("vxhba_SetRNIDMgmtInfo: not supported yet.");
+namespace {
+
+constexpr uint8_t ELS_LS_RJT = 0x01;
+constexpr uint8_t ELS_LS_ACC = 0x02;
+constexpr uint8_t ELS_RLS = 0x0F;
+constexpr uint8_t ELS_RPS = 0x56;
+constexpr uint8_t ELS_RNID = 0x78;
+constexpr uint8_t RNID_TOPOLOGY_DISCOVERY = 0xDF;  // node-identification data format
+constexpr uint8_t RPS_BY_PORT_NUMBER = 0x01;       // RPS flag: how the port selection names the port
+constexpr uint8_t RPS_BY_PORT_NAME = 0x02;
+constexpr uint32_t LS_RJT_SIZE = 8;
+constexpr uint32_t RLS_ACC_SIZE = 4 + 24;          // command word, link error status block
+constexpr uint32_t RPS_ACC_SIZE = 4 + 4 + 4 + 24;  // command word, flags, port status, the block
+constexpr uint32_t RNID_ACC_HEAD = 8;              // command word, format and the two data lengths
+constexpr uint32_t ELS_MAX_PAYLOAD = 2112;         // an FC frame's largest payload: room for any answer
+constexpr uint32_t ELS_MAX_REQUEST = 16;           // RPS, the longest request sent here
+
+bool zero_wwn(const HBA_WWN& wwn) {
+    return std::all_of(std::begin(wwn.wwn), std::end(wwn.wwn), [](HBA_UINT8 b) { return b == 0; });
 }
 
-HBA_STATUS vxhba_GetRNIDMgmtInfo(HBA_HANDLE, HBA_MGMTINFO*) {
-    return not_supported("vxhba_GetRNIDMgmtInfo: not supported yet.");
+// The whole length of an ELS answer, from its own bytes: the driver says
+// only whether it fitted.
+uint32_t answer_length(uint8_t command, const uint8_t* answer) {
+    if (answer[0] != ELS_LS_ACC)
+        return LS_RJT_SIZE;
+    switch (command) {
+    case ELS_RLS: return RLS_ACC_SIZE;
+    case ELS_RPS: return RPS_ACC_SIZE;
+    default: return RNID_ACC_HEAD + answer[5] + answer[7];
+    }
 }
 
-HBA_STATUS vxhba_SendRNID(HBA_HANDLE, HBA_WWN, HBA_WWNTYPE, void*, HBA_UINT32*) {
-    return not_supported("vxhba_SendRNID: not supported yet.");
+// One ELS to a discovered port. The answer, LS_ACC or LS_RJT, is copied to
+// the caller's buffer as far as it fits, and *rsp_size comes back as its
+// whole length: larger than the buffer when it was cut (still a success, as
+// an overrun of any pass-through is). An LS_RJT is HBA_STATUS_ERROR_ELS_REJECT.
+HBA_STATUS send_els(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, const EXT_DISC_PORT& to,
+                    const uint8_t* payload, uint32_t len, void* rsp, HBA_UINT32* rsp_size) {
+    EXT_ELS_PT_REQ head;
+    memset(&head, 0, sizeof head);
+    memcpy(head.WWNN, to.WWNN, sizeof head.WWNN);
+    memcpy(head.WWPN, to.WWPN, sizeof head.WWPN);
+    memcpy(head.Id, to.Id, sizeof head.Id);
+    head.ValidMask = EXT_DEF_ELS_VALID_WWNN | EXT_DEF_ELS_VALID_WWPN | EXT_DEF_ELS_VALID_PORTID;
+    len = std::min(len, ELS_MAX_REQUEST);
+    uint8_t req[sizeof head + ELS_MAX_REQUEST] = {};
+    memcpy(req, &head, sizeof head);
+    memcpy(req + sizeof head, payload, len);
+    uint8_t answer[ELS_MAX_PAYLOAD] = {};
+    uint32_t ext_stat = 0;
+    const int32_t rc =
+        vxapi_send_els_passthru(inst->oshandle, inst, req, sizeof head + len, answer, sizeof answer, &ext_stat);
+    HBA_STATUS status = vxapi_translate_to_capi_status(ext_stat, 0);
+    if (status == HBA_STATUS_OK && rc != 0)
+        status = HBA_STATUS_ERROR;  // failed without a driver status
+    if (status == HBA_STATUS_OK && answer[0] != ELS_LS_ACC && answer[0] != ELS_LS_RJT)
+        status = HBA_STATUS_ERROR;  // no answer at all
+    if (status != HBA_STATUS_OK) {
+        trace_status(ERR, name, handle, "): failed. stat=", ext_stat, VXDBG_DEC);
+        trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+        return status;
+    }
+    const uint32_t length = std::min(answer_length(payload[0], answer), ELS_MAX_PAYLOAD);
+    memcpy(rsp, answer, std::min(length, *rsp_size));
+    *rsp_size = length;
+    if (answer[0] == ELS_LS_RJT) {
+        trace_status(ERR, name, handle, "): rejected. reason=", answer[5], VXDBG_HEX);
+        status = HBA_STATUS_ERROR_ELS_REJECT;
+    }
+    trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+    return status;
 }
 
-HBA_STATUS vxhba_SendRPS(HBA_HANDLE, HBA_WWN, HBA_WWN, HBA_UINT32, HBA_WWN, HBA_UINT32, void*, HBA_UINT32*) {
-    return not_supported("vxhba_SendRPS: not supported yet.");
+}  // namespace
+
+HBA_STATUS vxhba_SendRNID(HBA_HANDLE handle, HBA_WWN wwn, HBA_WWNTYPE type, void* rsp, HBA_UINT32* rsp_size) {
+    static constexpr const char* fn = "vxhba_SendRNID";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst = sized_checks(fn, handle, nullptr, rsp, rsp_size, true, &status);
+    if (!inst)
+        return status;
+    if (type != NODE_WWN && type != PORT_WWN) {
+        trace_status(ERR, fn, handle, "): bad name type ", static_cast<uint32_t>(type), VXDBG_DEC);
+        return HBA_STATUS_ERROR_ARG;
+    }
+    EXT_DISC_PORT to{};
+    status = vxcapi_find_discport(fn, handle, inst, wwn, type, &to);
+    if (status != HBA_STATUS_OK)
+        return status;
+    const uint8_t payload[] = {ELS_RNID, 0, 0, 0, RNID_TOPOLOGY_DISCOVERY, 0, 0, 0};
+    return send_els(fn, handle, inst, to, payload, sizeof payload, rsp, rsp_size);
 }
 
-HBA_STATUS vxhba_SendRLS(HBA_HANDLE, HBA_WWN, HBA_WWN, void*, HBA_UINT32*) {
-    return not_supported("vxhba_SendRLS: not supported yet.");
+// The agent receives the request and answers for the object. Only a
+// discovered port can be the agent: a switch reached through its domain
+// controller (agent named by domain) is not served.
+HBA_STATUS vxhba_SendRPS(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_WWN agent_wwn, HBA_UINT32 agent_domain,
+                         HBA_WWN object_wwn, HBA_UINT32 object_port, void* rsp, HBA_UINT32* rsp_size) {
+    static constexpr const char* fn = "vxhba_SendRPS";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst = sized_checks(fn, handle, &port_wwn, rsp, rsp_size, true, &status);
+    if (!inst)
+        return status;
+    if (zero_wwn(agent_wwn)) {
+        trace_status(ERR, fn, handle, "): agent by domain not supported. domain=", agent_domain, VXDBG_DEC);
+        return HBA_STATUS_ERROR_NOT_SUPPORTED;
+    }
+    EXT_DISC_PORT agent{};
+    status = vxcapi_find_discport(fn, handle, inst, agent_wwn, PORT_WWN, &agent);
+    if (status != HBA_STATUS_OK)
+        return status;
+    // The object by name when one is given, else by its port number.
+    uint8_t payload[16] = {ELS_RPS};
+    if (zero_wwn(object_wwn)) {
+        payload[7] = RPS_BY_PORT_NUMBER;
+        for (int i = 0; i < 4; ++i)
+            payload[12 + i] = static_cast<uint8_t>(object_port >> (24 - 8 * i));
+    } else {
+        payload[7] = RPS_BY_PORT_NAME;
+        memcpy(payload + 8, object_wwn.wwn, sizeof object_wwn.wwn);
+    }
+    return send_els(fn, handle, inst, agent, payload, sizeof payload, rsp, rsp_size);
+}
+
+HBA_STATUS vxhba_SendRLS(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_WWN dest_wwn, void* rsp, HBA_UINT32* rsp_size) {
+    static constexpr const char* fn = "vxhba_SendRLS";
+    HBA_STATUS status = HBA_STATUS_OK;
+    vxapi_priv_database* inst = sized_checks(fn, handle, &port_wwn, rsp, rsp_size, true, &status);
+    if (!inst)
+        return status;
+    EXT_DISC_PORT to{};
+    status = vxcapi_find_discport(fn, handle, inst, dest_wwn, PORT_WWN, &to);
+    if (status != HBA_STATUS_OK)
+        return status;
+    // Word 1 names the port whose block is asked for: the destination itself.
+    const uint8_t payload[] = {ELS_RLS, 0, 0, 0, 0, to.Id[1], to.Id[2], to.Id[3]};
+    return send_els(fn, handle, inst, to, payload, sizeof payload, rsp, rsp_size);
 }

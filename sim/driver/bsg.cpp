@@ -97,7 +97,7 @@ void els(Job& job, const RemotePort* to) {
         job.result = -EIO;
         return;
     }
-    const ElsAnswer a = els_answer(*to, job.dout.data(), job.dout.size());
+    const ElsAnswer a = els_answer(job.host, *to, job.dout.data(), job.dout.size());
     job.f["els_response"] = a.accepted ? "LS_ACC" : "LS_RJT";
     job.din = a.bytes;
     auto& r = job.reply.reply_data.ctels_reply;

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "bigendian.h"
+#include "stats.h"
 
 namespace vxsim::drv {
 
@@ -242,13 +243,21 @@ CtAnswer name_server(const std::vector<NsEntry>& db, const uint8_t* req, size_t 
     }
 }
 
-ElsAnswer els_answer(const RemotePort& to, const uint8_t* payload, size_t len) {
+ElsAnswer els_answer(const HostPort& via, const RemotePort& to, const uint8_t* payload, size_t len) {
     ElsAnswer a;
     a.command = len ? payload[0] : 0;
     auto reject = [&](uint8_t reason) {
+        a.accepted = false;
         a.reason = reason;
         a.bytes = {ELS_LS_RJT, 0, 0, 0, 0, reason, 0, 0};
         return a;
+    };
+    // The link error status block at `at`, counters big-endian in order.
+    auto put_link_errors = [&](size_t at) {
+        for (uint32_t counter : remote_link_errors(to)) {
+            put_be(&a.bytes[at], counter, 4);
+            at += 4;
+        }
     };
     if (len < 4)
         return reject(LS_RJT_LOGICAL_ERROR);  // not even a command word
@@ -279,8 +288,40 @@ ElsAnswer els_answer(const RemotePort& to, const uint8_t* payload, size_t len) {
         }
         return a;
     }
+    case ELS_RLS:
+        // Word 1 names the port whose block is asked for: only its own.
+        if (len < 8)
+            return reject(LS_RJT_LOGICAL_ERROR);
+        if (get_be(payload + 5, 3) != to.port_id)
+            return reject(LS_RJT_UNABLE_TO_PERFORM);
+        a.bytes.assign(RLS_ACC_SIZE, 0);
+        a.bytes[0] = ELS_LS_ACC;
+        put_link_errors(4);
+        return a;
+    case ELS_RPS: {
+        // The flag (word 1, low byte) says how words 2-3 select the port:
+        // none (the receiver itself), its port number in word 3, or its name.
+        if (len < 16)
+            return reject(LS_RJT_LOGICAL_ERROR);
+        const uint8_t flag = payload[7];
+        const bool self = flag == 0 || (flag == RPS_BY_PORT_NUMBER && get_be(payload + 12, 4) == to.number) ||
+                          (flag == RPS_BY_PORT_NAME && get_be(payload + 8, 8) == to.wwpn);
+        if (flag > RPS_BY_PORT_NAME)
+            return reject(LS_RJT_LOGICAL_ERROR);
+        if (!self)
+            return reject(LS_RJT_UNABLE_TO_PERFORM);
+        const bool loop = via.link_state.find("Loop") != std::string::npos ||
+                          via.link_state.find("FL_Port") != std::string::npos;
+        const uint16_t status = static_cast<uint16_t>((loop ? PORT_STATUS_LOOP : PORT_STATUS_N_PORT) |
+                                                      (on_fabric(via) ? PORT_STATUS_FABRIC : 0));
+        a.bytes.assign(RPS_ACC_SIZE, 0);
+        a.bytes[0] = ELS_LS_ACC;
+        a.bytes[7] = flag;
+        put_be(&a.bytes[10], status, 2);
+        put_link_errors(12);
+        return a;
+    }
     default:
-        a.accepted = false;
         return reject(LS_RJT_NOT_SUPPORTED);
     }
 }

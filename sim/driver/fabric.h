@@ -1,6 +1,6 @@
 // The fabric behind a host port: its name server (FC-GS directory service,
 // answering CT requests) and the extended link services the remote ports
-// answer (ECHO, RNID; LS_RJT for the rest). Pure functions of the scenario,
+// answer (ECHO, RNID, RLS, RPS; LS_RJT for the rest). Pure functions of the scenario,
 // shared by the extended-ioctl and bsg paths.
 #pragma once
 
@@ -86,11 +86,24 @@ CtAnswer ct_not_supported(const uint8_t* req, size_t len);
 enum : uint8_t {
     ELS_LS_RJT = 0x01,
     ELS_LS_ACC = 0x02,
+    ELS_RLS = 0x0F,
     ELS_ECHO = 0x10,
+    ELS_RPS = 0x56,
     ELS_RNID = 0x78,
     LS_RJT_LOGICAL_ERROR = 0x03,
+    LS_RJT_UNABLE_TO_PERFORM = 0x09,
     LS_RJT_NOT_SUPPORTED = 0x0B,
     RNID_FORMAT_TOPOLOGY = 0xDF,
+    RPS_BY_PORT_NUMBER = 0x01,  // RPS flag: the port selection is a port number
+    RPS_BY_PORT_NAME = 0x02,    // ... a port name
+};
+inline constexpr size_t RLS_ACC_SIZE = 4 + 24;          // LS_ACC word, link error status block
+inline constexpr size_t RPS_ACC_SIZE = 4 + 4 + 4 + 24;  // LS_ACC word, flags, port status, the block
+// RPS port status bits.
+enum : uint16_t {
+    PORT_STATUS_FABRIC = 0x0004,  // a fabric is present
+    PORT_STATUS_LOOP = 0x0008,    // operating on a loop
+    PORT_STATUS_N_PORT = 0x0010,  // operating point to point or on a fabric
 };
 
 struct ElsAnswer {
@@ -100,8 +113,8 @@ struct ElsAnswer {
     uint8_t reason = 0, explanation = 0;
 };
 
-// The answer of remote port `to` to an ELS whose payload starts with its
-// command word.
-ElsAnswer els_answer(const RemotePort& to, const uint8_t* payload, size_t len);
+// The answer of remote port `to`, seen from host `via`, to an ELS whose
+// payload starts with its command word.
+ElsAnswer els_answer(const HostPort& via, const RemotePort& to, const uint8_t* payload, size_t len);
 
 }  // namespace vxsim::drv

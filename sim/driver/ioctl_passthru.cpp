@@ -198,7 +198,7 @@ void ioctl_els_passthru(IoctlAnswer& ans, const IoctlPort& p, const IoctlRequest
         return;
     }
     j["dest"] = hex_digits(to->port_id, 6);
-    const ElsAnswer a = els_answer(*to, payload, len);
+    const ElsAnswer a = els_answer(*p.host, *to, payload, len);
     ans.traffic = std::pair{to->wwpn, Traffic{Traffic::Frames, a.bytes.size(), len}};
     j["els_response"] = a.accepted ? "LS_ACC" : "LS_RJT";
     if (!a.accepted)

@@ -40,4 +40,11 @@ const HostPort* find_host_port(const Scenario& s, uint32_t host_no, bool* physic
     return nullptr;
 }
 
+std::array<uint32_t, LINK_ERROR_COUNTERS> remote_link_errors(const RemotePort& port) {
+    std::array<uint32_t, LINK_ERROR_COUNTERS> counters{};
+    for (size_t i = 0; i < counters.size(); ++i)
+        counters[i] = static_cast<uint32_t>(i + 1) << 16 | (port.port_id & 0xFFFF);
+    return counters;
+}
+
 }  // namespace vxsim

@@ -3,6 +3,7 @@
 // sim/driver/counters.h); the tree shows the starting values.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -38,5 +39,14 @@ std::map<std::string, uint64_t> initial_counters(const HostPort& port, bool phys
 // The host with this SCSI host number; `physical` tells whether it is its
 // function's physical port. Null when the scenario has none.
 const HostPort* find_host_port(const Scenario& s, uint32_t host_no, bool* physical);
+
+// The link error status block a remote port reports (RLS, RPS): link
+// failures, loss of sync, loss of signal, primitive sequence protocol
+// errors, invalid transmission words, invalid CRCs. Remote ports keep no
+// counters in a scenario, so each is derived from the port: counter i
+// (from 0) is (i + 1) << 16 | the low 16 bits of its address, distinct per
+// counter and per port, and stable for the life of the scenario.
+inline constexpr size_t LINK_ERROR_COUNTERS = 6;
+std::array<uint32_t, LINK_ERROR_COUNTERS> remote_link_errors(const RemotePort& port);
 
 }  // namespace vxsim

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "simtest.h"
+#include "stats.h"
 
 namespace {
 
@@ -159,6 +160,12 @@ std::vector<adapter_view> read_all(const std::string& prefix) {
         views.push_back(v);
     }
     return views;
+}
+
+// The adapter of this port name among those read, or end().
+std::vector<adapter_view>::const_iterator view_of(const std::vector<adapter_view>& views, uint64_t wwpn) {
+    return std::find_if(views.begin(), views.end(),
+                        [wwpn](const adapter_view& a) { return wwn_value(a.port.PortWWN) == wwpn; });
 }
 
 void close_all(const std::vector<adapter_view>& views) {
@@ -544,8 +551,7 @@ SIM_TEST(HbaApiWrapper, ScsiCommandsMatchTheScenario, "default.json") {
     write_conf(our_conf_line());
     ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
     const std::vector<adapter_view> views = read_all(OUR_PREFIX);
-    const auto v = std::find_if(views.begin(), views.end(),
-                                [](const adapter_view& a) { return wwn_value(a.port.PortWWN) == HOST2; });
+    const auto v = view_of(views, HOST2);
     ASSERT_NE(v, views.end());
     const HBA_WWN own = v->port.PortWWN;
 
@@ -624,5 +630,143 @@ SIM_TEST(HbaApiWrapper, ScsiCommandsMatchTheScenario, "default.json") {
     close_all(views);
     EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
 }
+
+// ---- Link services ----
+
+// The link error status block the scenario's remote port reports, as it
+// travels: six big-endian counters.
+std::string link_error_block(const vxsim::RemotePort& r) {
+    uint8_t block[24];
+    size_t at = 0;
+    for (uint32_t c : vxsim::remote_link_errors(r))
+        for (int shift = 24; shift >= 0; shift -= 8)
+            block[at++] = static_cast<uint8_t>(c >> shift);
+    return hex(block, sizeof block);
+}
+
+void check_link_services() {
+    write_conf(our_conf_line());
+    ASSERT_EQ(HBA_LoadLibrary(), HBA_STATUS_OK);
+    const std::vector<adapter_view> views = read_all(OUR_PREFIX);
+    const auto v = view_of(views, HOST2);
+    ASSERT_NE(v, views.end());
+    const HBA_HANDLE h = v->handle;
+    const HBA_WWN own = v->port.PortWWN;
+    const vxsim::HostPort* host = scenario_port(HOST2);
+    ASSERT_NE(host, nullptr);
+    const auto disks = std::find_if(host->remote_ports.begin(), host->remote_ports.end(),
+                                    [](const vxsim::RemotePort& r) { return r.wwpn == DISKS; });
+    ASSERT_NE(disks, host->remote_ports.end());
+    const std::string block = link_error_block(*disks);
+    HBA_WWN unknown = wwn_of(DISKS);
+    unknown.wwn[7] ^= 0x5A;
+    const HBA_WWN none{};
+
+    // RLS: the LS_ACC and the destination's block.
+    uint8_t rsp[128];
+    HBA_UINT32 size = sizeof rsp;
+    ASSERT_EQ(HBA_SendRLS(h, own, wwn_of(DISKS), rsp, &size), HBA_STATUS_OK);
+    ASSERT_EQ(size, 28u);
+    EXPECT_EQ(hex(rsp, 28), "02000000" + block);
+
+    // A short buffer: as much as fits, nothing past it, the whole length back.
+    memset(rsp, 0xEE, sizeof rsp);
+    size = 10;
+    EXPECT_EQ(HBA_SendRLS(h, own, wwn_of(DISKS), rsp, &size), HBA_STATUS_OK);
+    EXPECT_EQ(size, 28u);
+    EXPECT_EQ(hex(rsp, 10), ("02000000" + block).substr(0, 20));
+    EXPECT_EQ(rsp[10], 0xEE);
+
+    // RPS: the agent answers for the object, named by port name or by port
+    // number; the flags come back, then the port status (an N_Port on a
+    // fabric) and the block.
+    size = sizeof rsp;
+    ASSERT_EQ(HBA_SendRPS(h, own, wwn_of(DISKS), 0, wwn_of(DISKS), 0, rsp, &size), HBA_STATUS_OK);
+    ASSERT_EQ(size, 36u);
+    EXPECT_EQ(hex(rsp, 36), "020000000000000200000014" + block);
+    size = sizeof rsp;
+    ASSERT_EQ(HBA_SendRPS(h, own, wwn_of(DISKS), 0, none, disks->number, rsp, &size), HBA_STATUS_OK);
+    EXPECT_EQ(hex(rsp, 12), "020000000000000100000014");
+    // An object the agent does not know: its LS_RJT (unable to perform).
+    memset(rsp, 0xEE, sizeof rsp);
+    size = sizeof rsp;
+    EXPECT_EQ(HBA_SendRPS(h, own, wwn_of(DISKS), 0, none, disks->number + 100, rsp, &size),
+              HBA_STATUS_ERROR_ELS_REJECT);
+    EXPECT_EQ(size, 8u);
+    EXPECT_EQ(hex(rsp, 9), "0100000000090000ee");
+    // A switch agent named by its domain is not served.
+    size = sizeof rsp;
+    EXPECT_EQ(HBA_SendRPS(h, own, none, 1, wwn_of(DISKS), 0, rsp, &size), HBA_STATUS_ERROR_NOT_SUPPORTED);
+
+    // RNID, topology discovery format, by port name and by node name.
+    for (HBA_WWNTYPE type : {PORT_WWN, NODE_WWN}) {
+        SCOPED_TRACE(type);
+        size = sizeof rsp;
+        ASSERT_EQ(HBA_SendRNID(h, wwn_of(type == PORT_WWN ? disks->wwpn : disks->wwnn), type, rsp, &size),
+                  HBA_STATUS_OK);
+        ASSERT_EQ(size, 76u);
+        EXPECT_EQ(hex(rsp, 8), "02000000df100034");
+        EXPECT_EQ(be(rsp + 8, 8), disks->wwpn);
+        EXPECT_EQ(be(rsp + 16, 8), disks->wwnn);
+    }
+    EXPECT_EQ(HBA_SendRNID(h, wwn_of(DISKS), static_cast<HBA_WWNTYPE>(2), rsp, &size), HBA_STATUS_ERROR_ARG);
+
+    // Names nobody has, and the adapter's port named wrongly.
+    size = sizeof rsp;
+    EXPECT_EQ(HBA_SendRLS(h, own, unknown, rsp, &size), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    EXPECT_EQ(HBA_SendRPS(h, own, unknown, 0, wwn_of(DISKS), 0, rsp, &size), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    EXPECT_EQ(HBA_SendRNID(h, unknown, PORT_WWN, rsp, &size), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    EXPECT_EQ(HBA_SendRNID(h, wwn_of(DISKS), NODE_WWN, rsp, &size), HBA_STATUS_ERROR_ILLEGAL_WWN) << "not a node name";
+    EXPECT_EQ(HBA_SendRLS(h, wwn_of(DISKS), wwn_of(DISKS), rsp, &size), HBA_STATUS_ERROR_ILLEGAL_WWN);
+    EXPECT_EQ(HBA_SendRLS(h, own, wwn_of(DISKS), rsp, nullptr), HBA_STATUS_ERROR_ARG);
+    size = 0;
+    EXPECT_EQ(HBA_SendRLS(h, own, wwn_of(DISKS), rsp, &size), HBA_STATUS_ERROR_ARG);
+
+    // RNID management data: the port's own until set, then what was set.
+    HBA_MGMTINFO info;
+    memset(&info, 0xEE, sizeof info);
+    ASSERT_EQ(HBA_GetRNIDMgmtInfo(h, &info), HBA_STATUS_OK);
+    EXPECT_EQ(wwn_value(info.wwn), wwn_value(v->attrs.NodeWWN));
+    EXPECT_EQ(info.unittype, 0x0Au);
+    EXPECT_EQ(info.PortId, v->port.PortFcId);
+    EXPECT_EQ(info.NumberOfAttachedNodes, v->port.NumberofDiscoveredPorts);
+    EXPECT_EQ(info.IPVersion, 0);
+    EXPECT_EQ(info.TopologyDiscoveryFlags, 0);
+    HBA_MGMTINFO set;
+    memset(&set, 0, sizeof set);
+    set.wwn = wwn_of(0x2000001d5a7777ull);
+    set.unittype = 0x07;
+    set.PortId = 0x123456;
+    set.NumberOfAttachedNodes = 3;
+    set.IPVersion = 4;
+    set.UDPPort = 161;
+    memcpy(set.IPAddress, "\xc0\xa8\x01\x02", 4);
+    set.TopologyDiscoveryFlags = 0x8000;
+    ASSERT_EQ(HBA_SetRNIDMgmtInfo(h, &set), HBA_STATUS_OK);
+    memset(&info, 0xEE, sizeof info);
+    ASSERT_EQ(HBA_GetRNIDMgmtInfo(h, &info), HBA_STATUS_OK);
+    EXPECT_EQ(memcmp(&info, &set, sizeof set), 0);
+    // Another port keeps its own.
+    const auto other = std::find_if(views.begin(), views.end(), [&](const adapter_view& a) { return a.handle != h; });
+    ASSERT_NE(other, views.end());
+    ASSERT_EQ(HBA_GetRNIDMgmtInfo(other->handle, &info), HBA_STATUS_OK);
+    EXPECT_EQ(wwn_value(info.wwn), wwn_value(other->attrs.NodeWWN));
+    EXPECT_EQ(HBA_GetRNIDMgmtInfo(h, nullptr), HBA_STATUS_ERROR_ARG);
+    EXPECT_EQ(HBA_SetRNIDMgmtInfo(h, nullptr), HBA_STATUS_ERROR_ARG);
+
+    // A closed handle is refused by every one of them.
+    close_all(views);
+    size = sizeof rsp;
+    EXPECT_EQ(HBA_SendRLS(h, own, wwn_of(DISKS), rsp, &size), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(HBA_SendRPS(h, own, wwn_of(DISKS), 0, none, 0, rsp, &size), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(HBA_SendRNID(h, wwn_of(DISKS), PORT_WWN, rsp, &size), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(HBA_GetRNIDMgmtInfo(h, &info), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(HBA_SetRNIDMgmtInfo(h, &set), HBA_STATUS_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(HBA_FreeLibrary(), HBA_STATUS_OK);
+}
+
+SIM_TEST(HbaApiWrapper, SysfsLinkServices, "default.json") { check_link_services(); }
+
+SIM_TEST(HbaApiWrapper, IoctlLinkServices, "ioctl.json") { check_link_services(); }
 
 }  // namespace

@@ -160,8 +160,13 @@ public:
         return e.result;
     }
 
-    // The bytes of the last update served.
+    // The bytes of the last update served, or of the last request kept.
     const std::vector<uint8_t>& written() const { return written_; }
+    static void keep(const void* data, uint32_t len) {
+        channel* self = current();
+        if (self && data)
+            self->written_.assign(static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + len);
+    }
 
 private:
     std::vector<uint8_t> written_;
@@ -262,7 +267,8 @@ inline const vxapi_channel_ops channel::table = {
     [](int, vxapi_priv_database*, const void*, uint32_t, void* resp, uint32_t size, uint32_t* st) {
         return channel::serve(slot::send_ct_passthru, resp, size, st, nullptr, std::nullopt, size);
     },
-    [](int, vxapi_priv_database*, const void*, uint32_t, void* resp, uint32_t size, uint32_t* st) {
+    [](int, vxapi_priv_database*, const void* req, uint32_t req_size, void* resp, uint32_t size, uint32_t* st) {
+        channel::keep(req, req_size);
         return channel::serve(slot::send_els_passthru, resp, size, st, nullptr, std::nullopt, size);
     },
     [](int, vxapi_priv_database*, EXT_HBA_PORT_STAT* r, uint32_t* st, uint32_t* dst) {

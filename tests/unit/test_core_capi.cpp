@@ -687,4 +687,124 @@ TEST_F(Capi, CtPassThroughStatus) {
     EXPECT_EQ(vxhba_SendCTPassThru(h, req, sizeof req, rsp, sizeof rsp), HBA_STATUS_ERROR);
 }
 
+// ---- Link services ----
+
+// A discovered port the link-service handlers find at index 0.
+EXT_DISC_PORT els_target() {
+    EXT_DISC_PORT d{};
+    memcpy(d.WWNN, "\x50\x06\x01\x60\x88\x60\x1a\x00", 8);
+    memcpy(d.WWPN, "\x50\x06\x01\x60\x08\x60\x1a\x00", 8);
+    d.Id[1] = 0x01;
+    d.Id[2] = 0x04;
+    d.Id[3] = 0x00;
+    return d;
+}
+
+std::string hex_of(const std::vector<uint8_t>& b, size_t from, size_t n) {
+    std::string out;
+    char two[3];
+    for (size_t i = from; i < from + n && i < b.size(); ++i) {
+        snprintf(two, sizeof two, "%02x", b[i]);
+        out += two;
+    }
+    return out;
+}
+
+// What each handler hands the ELS leaf: the head naming the destination by
+// all three of its names, then the command with its flags and selection.
+TEST_F(Capi, LinkServiceRequests) {
+    HBA_WWN own, target, node, none{};
+    memcpy(own.wwn, port->wwpn, 8);
+    const EXT_DISC_PORT d = els_target();
+    memcpy(target.wwn, d.WWPN, 8);
+    memcpy(node.wwn, d.WWNN, 8);
+    HBA_WWN object = target;
+    object.wwn[7] = 0x77;
+    uint8_t rsp[64];
+    HBA_UINT32 size = 0;
+    const struct {
+        const char* what;
+        std::function<HBA_STATUS()> call;
+        std::string payload;
+    } rows[] = {
+        {"rls", [&] { return vxhba_SendRLS(h, own, target, rsp, &size); }, "0f00000000010400"},
+        {"rnid by port", [&] { return vxhba_SendRNID(h, target, PORT_WWN, rsp, &size); }, "78000000df000000"},
+        {"rnid by node", [&] { return vxhba_SendRNID(h, node, NODE_WWN, rsp, &size); }, "78000000df000000"},
+        {"rps by name", [&] { return vxhba_SendRPS(h, own, target, 0, object, 9, rsp, &size); },
+         "5600000000000002500601600860" "1a77"},
+        {"rps by number", [&] { return vxhba_SendRPS(h, own, target, 0, none, 0x0102, rsp, &size); },
+         "56000000000000010000000000000102"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.what);
+        mock.expect(slot::query_discport).with_arg(0).answer(d);
+        mock.expect(slot::send_els_passthru).answer_bytes({0x02, 0, 0, 0});
+        size = sizeof rsp;
+        ASSERT_EQ(r.call(), HBA_STATUS_OK);
+        const std::vector<uint8_t>& sent = mock.written();
+        ASSERT_EQ(sent.size(), sizeof(EXT_ELS_PT_REQ) + r.payload.size() / 2);
+        EXT_ELS_PT_REQ head;
+        memcpy(&head, sent.data(), sizeof head);
+        EXPECT_EQ(memcmp(head.WWPN, d.WWPN, 8), 0);
+        EXPECT_EQ(memcmp(head.WWNN, d.WWNN, 8), 0);
+        EXPECT_EQ(memcmp(head.Id, d.Id, 4), 0);
+        EXPECT_EQ(head.ValidMask, EXT_DEF_ELS_VALID_WWNN | EXT_DEF_ELS_VALID_WWPN | EXT_DEF_ELS_VALID_PORTID);
+        EXPECT_EQ(hex_of(sent, sizeof head, sent.size()), r.payload);
+    }
+}
+
+// How an answer becomes a status and what reaches the caller's buffer:
+// an LS_RJT is a reject with its payload, a driver failure leaves the
+// buffer and size as they were, so does an answer that is neither.
+TEST_F(Capi, LinkServiceAnswers) {
+    HBA_WWN own, target;
+    memcpy(own.wwn, port->wwpn, 8);
+    const EXT_DISC_PORT d = els_target();
+    memcpy(target.wwn, d.WWPN, 8);
+    std::vector<uint8_t> acc(28, 0);
+    acc[0] = 0x02;
+    acc[27] = 0x31;
+    const std::vector<uint8_t> rjt{0x01, 0, 0, 0, 0, 0x0B, 0, 0};
+    const struct {
+        const char* what;
+        std::vector<uint8_t> answer;
+        uint32_t stat;
+        int32_t rc;
+        HBA_STATUS want;
+        HBA_UINT32 size;  // back in *rsp_size; 99: left as it was
+    } rows[] = {
+        {"accept", acc, EXT_STATUS_OK, 0, HBA_STATUS_OK, 28},
+        {"reject", rjt, EXT_STATUS_OK, 0, HBA_STATUS_ERROR_ELS_REJECT, 8},
+        {"busy", acc, EXT_STATUS_BUSY, 0, HBA_STATUS_ERROR_BUSY, 99},
+        {"gone", acc, EXT_STATUS_DEV_NOT_FOUND, 0, HBA_STATUS_ERROR_ILLEGAL_INDEX, 99},
+        {"no driver status", acc, EXT_STATUS_OK, 1, HBA_STATUS_ERROR, 99},
+        {"no answer", {}, EXT_STATUS_OK, 0, HBA_STATUS_ERROR, 99},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.what);
+        mock.expect(slot::query_discport).with_arg(0).answer(d);
+        mock.expect(slot::send_els_passthru).answer_bytes(r.answer).status(r.stat).fails(r.rc, 0);
+        uint8_t rsp[99];
+        memset(rsp, 0xEE, sizeof rsp);
+        HBA_UINT32 size = sizeof rsp;
+        EXPECT_EQ(vxhba_SendRLS(h, own, target, rsp, &size), r.want);
+        EXPECT_EQ(size, r.size);
+        if (r.size != 99)
+            EXPECT_EQ(memcmp(rsp, r.answer.data(), r.size), 0);
+        else
+            EXPECT_EQ(rsp[0], 0xEE);
+        EXPECT_EQ(rsp[r.size == 99 ? 0 : r.size], 0xEE) << "nothing past the answer";
+    }
+}
+
+// Before any Set the record comes from the port: a failed query leaves
+// the caller's record alone.
+TEST_F(Capi, RnidManagementDataFromAFailedQuery) {
+    mock.expect(slot::query_hbaport).status(EXT_STATUS_BUSY);
+    HBA_MGMTINFO info;
+    memset(&info, 0xEE, sizeof info);
+    EXPECT_EQ(vxhba_GetRNIDMgmtInfo(h, &info), HBA_STATUS_ERROR_BUSY);
+    EXPECT_EQ(info.unittype, 0xEEEEEEEEu);
+}
+
 }  // namespace

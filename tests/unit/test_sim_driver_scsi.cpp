@@ -226,12 +226,12 @@ TEST_F(Scsi, NameServerAcceptsAndRejects) {
 TEST_F(Scsi, ElsAnswers) {
     const RemotePort& t = target(0);
     const Bytes echo{ELS_ECHO, 0, 0, 0, 'p', 'i', 'n', 'g'};
-    ElsAnswer a = els_answer(t, echo.data(), echo.size());
+    ElsAnswer a = els_answer(host(1), t, echo.data(), echo.size());
     EXPECT_TRUE(a.accepted);
     EXPECT_EQ(a.bytes, (Bytes{ELS_LS_ACC, 0, 0, 0, 'p', 'i', 'n', 'g'}));
     for (uint8_t format : {uint8_t(0x00), uint8_t(0x10), uint8_t(RNID_FORMAT_TOPOLOGY)}) {
         const Bytes rnid{ELS_RNID, 0, 0, 0, format, 0, 0, 0};
-        a = els_answer(t, rnid.data(), rnid.size());
+        a = els_answer(host(1), t, rnid.data(), rnid.size());
         const bool topology = format == RNID_FORMAT_TOPOLOGY;
         ASSERT_EQ(a.bytes.size(), topology ? 76u : 24u) << int(format);
         EXPECT_EQ(Bytes(a.bytes.begin(), a.bytes.begin() + 8), (Bytes{ELS_LS_ACC, 0, 0, 0, topology ? format : uint8_t(0), 16, 0,
@@ -239,10 +239,44 @@ TEST_F(Scsi, ElsAnswers) {
         EXPECT_EQ(Bytes(a.bytes.begin() + 8, a.bytes.begin() + 16), (Bytes{0x50, 0x06, 0x01, 0x60, 0, 0, 0, 0x0A}));
     }
     const Bytes plogi{0x03, 0, 0, 0};
-    a = els_answer(t, plogi.data(), plogi.size());
+    a = els_answer(host(1), t, plogi.data(), plogi.size());
     EXPECT_FALSE(a.accepted);
     EXPECT_EQ(a.bytes, (Bytes{ELS_LS_RJT, 0, 0, 0, 0, LS_RJT_NOT_SUPPORTED, 0, 0}));
-    EXPECT_EQ(els_answer(t, plogi.data(), 2).reason, LS_RJT_LOGICAL_ERROR);
+    EXPECT_EQ(els_answer(host(1), t, plogi.data(), 2).reason, LS_RJT_LOGICAL_ERROR);
+}
+
+// RLS and RPS answer only for the port they name, and only well-formed
+// requests (the accepted answers are compared end to end); RPS reports a
+// loop port as such.
+TEST_F(Scsi, LinkStatusRefusalsAndLoopStatus) {
+    const RemotePort& t = target(0);
+    auto request = [](uint8_t code, uint8_t flag, uint64_t selection) {
+        Bytes r{code, 0, 0, 0, 0, 0, 0, flag};
+        for (int i = 7; i >= 0; --i)
+            r.push_back(uint8_t(selection >> (8 * i)));
+        return r;
+    };
+    const uint32_t other_id = t.port_id ^ 1;
+    const struct {
+        Bytes req;
+        size_t len;
+        uint8_t reason;
+    } cases[] = {
+        {{ELS_RLS, 0, 0, 0, 0, uint8_t(other_id >> 16), uint8_t(other_id >> 8), uint8_t(other_id)}, 8,
+         LS_RJT_UNABLE_TO_PERFORM},
+        {{ELS_RLS, 0, 0, 0}, 4, LS_RJT_LOGICAL_ERROR},
+        {request(ELS_RPS, RPS_BY_PORT_NAME, t.wwpn ^ 1), 16, LS_RJT_UNABLE_TO_PERFORM},
+        {request(ELS_RPS, 3, t.wwpn), 16, LS_RJT_LOGICAL_ERROR},
+        {request(ELS_RPS, 0, 0), 12, LS_RJT_LOGICAL_ERROR},
+    };
+    for (const auto& c : cases) {
+        const ElsAnswer a = els_answer(host(1), t, c.req.data(), c.len);
+        EXPECT_EQ(a.bytes, (Bytes{ELS_LS_RJT, 0, 0, 0, 0, c.reason, 0, 0})) << int(c.req[0]) << "/" << c.len;
+    }
+    const Bytes itself = request(ELS_RPS, 0, 0);
+    const ElsAnswer looped = els_answer(host(3), host(3).remote_ports.at(0), itself.data(), itself.size());
+    ASSERT_EQ(looped.bytes.size(), RPS_ACC_SIZE);
+    EXPECT_EQ(looped.bytes[11], 0x08) << "on a loop, no fabric";
 }
 
 // ---- extended-ioctl framing ----
