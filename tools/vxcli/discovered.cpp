@@ -53,13 +53,17 @@ std::vector<Target> targets_of(Context& ctx, const SelectedPort& port) {
 uint32_t target_luns(int handle, uint16_t target, std::vector<uint16_t>& luns) {
     if (target == NO_TARGET)
         return SDM_STATUS_SUCCESS;
-    SD_UINT32 count = 0;
-    uint32_t status = SDGetTargetLunList(handle, target, nullptr, &count);
+    // Each call reads the port's whole list, so room for most targets is
+    // given at once; a larger target is asked again with its own count.
+    constexpr SD_UINT32 FIRST_ROOM = 256;
+    luns.resize(FIRST_ROOM);
+    SD_UINT32 count = FIRST_ROOM;
+    uint32_t status = SDGetTargetLunList(handle, target, luns.data(), &count);
     if (status == SDM_STATUS_BUFFER_TOO_SMALL) {
         luns.resize(count);
         status = SDGetTargetLunList(handle, target, luns.data(), &count);
-        luns.resize(status == SDM_STATUS_SUCCESS ? std::min<size_t>(count, luns.size()) : 0);
     }
+    luns.resize(status == SDM_STATUS_SUCCESS ? std::min<size_t>(count, luns.size()) : 0);
     return status == SDM_STATUS_DEVICE_NOT_FOUND ? SDM_STATUS_SUCCESS : status;
 }
 
