@@ -13,6 +13,28 @@
 #include "vx_event.h"
 #include "vx_sddbg.h"
 
+// ---- Helpers of the handler files ----
+
+void vxcapi_trace(uint32_t guard, const char* name, HBA_HANDLE handle, const char* text, uint64_t number,
+                  uint8_t radix) {
+    if (!vxdbg_on(guard))
+        return;
+    vxdbg_print(name, 0, VXDBG_NONE, 0);
+    vxdbg_print("(", handle, VXDBG_DEC, 0);
+    vxdbg_print(text, number, radix, 1);
+}
+
+vxapi_priv_database* vxcapi_resolve(const char* name, HBA_HANDLE handle) {
+    vxapi_priv_database* inst = check_handle(handle);
+    if (!inst && vxdbg_on(VXDBG_ERROR | VXDBG_HBAAPI)) {
+        vxdbg_print(name, 0, VXDBG_NONE, 0);
+        vxdbg_print(": check_handle failed. handle=", handle, VXDBG_DEC, 1);
+    }
+    return inst;
+}
+
+bool vxcapi_same_wwn(const HBA_WWN& wwn, const uint8_t* name) { return memcmp(wwn.wwn, name, sizeof wwn.wwn) == 0; }
+
 namespace {
 
 constexpr uint32_t TRC = VXDBG_TRACE | VXDBG_HBAAPI;
@@ -21,34 +43,16 @@ constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_HBAAPI;
 constexpr size_t ADAPTER_NAME_LEN = 256;  // the wrapper's name buffers
 constexpr uint32_t MAX_DISC_INDEX = 0x10000;  // the driver numbers discovered ports in 16 bits
 
-// "<name>(<handle>)<text>" with an optional number.
-void trace_call(uint32_t guard, const char* name, uint32_t handle, const char* text, uint64_t number = 0,
-                uint8_t radix = VXDBG_NONE) {
-    if (!vxdbg_on(guard))
-        return;
-    vxdbg_print(name, 0, VXDBG_NONE, 0);
-    vxdbg_print("(", handle, VXDBG_DEC, 0);
-    vxdbg_print(text, number, radix, 1);
-}
 
-void trace_entry(const char* name, uint32_t handle) { trace_call(TRC, name, handle, "): entered."); }
+void trace_entry(const char* name, uint32_t handle) { vxcapi_trace(TRC, name, handle, "): entered."); }
 
 HBA_STATUS trace_exit(const char* name, uint32_t handle, HBA_STATUS status) {
-    trace_call(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+    vxcapi_trace(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
     return status;
 }
 
-vxapi_priv_database* resolve(const char* name, HBA_HANDLE handle) {
-    vxapi_priv_database* inst = check_handle(handle);
-    if (!inst && vxdbg_on(ERR)) {
-        vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": check_handle failed. handle=", handle, VXDBG_DEC, 1);
-    }
-    return inst;
-}
-
 HBA_STATUS null_record(const char* name, HBA_HANDLE handle) {
-    trace_call(ERR, name, handle, "): null record.");
+    vxcapi_trace(ERR, name, handle, "): null record.");
     return HBA_STATUS_ERROR_ARG;
 }
 
@@ -60,11 +64,11 @@ bool tolerated(uint32_t ext_stat) {
 // status is translated, a query that failed without one is an error.
 HBA_STATUS query_status(const char* name, HBA_HANDLE handle, int32_t rc, uint32_t ext_stat, uint32_t ext_dstat = 0) {
     if (!tolerated(ext_stat)) {
-        trace_call(ERR, name, handle, "): bad stat ", ext_stat, VXDBG_DEC);
+        vxcapi_trace(ERR, name, handle, "): bad stat ", ext_stat, VXDBG_DEC);
         return vxapi_translate_to_capi_status(ext_stat, ext_dstat);
     }
     if (rc != 0) {
-        trace_call(ERR, name, handle, "): query failed ", static_cast<uint64_t>(static_cast<uint32_t>(rc)), VXDBG_DEC);
+        vxcapi_trace(ERR, name, handle, "): query failed ", static_cast<uint64_t>(static_cast<uint32_t>(rc)), VXDBG_DEC);
         return HBA_STATUS_ERROR;
     }
     return HBA_STATUS_OK;
@@ -74,7 +78,7 @@ HBA_STATUS query_status(const char* name, HBA_HANDLE handle, int32_t rc, uint32_
 HBA_STATUS port_index(const char* name, HBA_HANDLE handle, HBA_UINT32 port) {
     if (port == 0)
         return HBA_STATUS_OK;
-    trace_call(ERR, name, handle, "): bad port index ", port, VXDBG_DEC);
+    vxcapi_trace(ERR, name, handle, "): bad port index ", port, VXDBG_DEC);
     return HBA_STATUS_ERROR_ILLEGAL_INDEX;
 }
 
@@ -83,7 +87,6 @@ HBA_STATUS not_supported(const char* name) {
     return HBA_STATUS_ERROR_NOT_SUPPORTED;
 }
 
-bool same_wwn(const HBA_WWN& wwn, const uint8_t* name) { return memcmp(wwn.wwn, name, sizeof wwn.wwn) == 0; }
 
 // The slots both table versions share, in slot order.
 template <typename Table>
@@ -247,12 +250,12 @@ HBA_STATUS vxhba_GetAdapterName(HBA_UINT32 index, char* name) {
     static constexpr const char* fn = "vxhba_GetAdapterName";
     trace_entry(fn, index);
     if (!vxapi_lib_valid()) {
-        trace_call(ERR, fn, index, "): library not loaded.");
+        vxcapi_trace(ERR, fn, index, "): library not loaded.");
         return HBA_STATUS_ERROR;
     }
     const vxapi_priv_database* inst = vxapi_get_api_priv_inst_from_user_instance(index);
     if (!inst) {
-        trace_call(ERR, fn, index, "): no such adapter.");
+        vxcapi_trace(ERR, fn, index, "): no such adapter.");
         return HBA_STATUS_ERROR;
     }
     if (!name)
@@ -303,7 +306,7 @@ HBA_HANDLE vxhba_OpenAdapter(char* name) {
 void vxhba_CloseAdapter(HBA_HANDLE handle) {
     static constexpr const char* fn = "vxhba_CloseAdapter";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return;
     if (inst->open_cnt == 1) {
@@ -312,12 +315,12 @@ void vxhba_CloseAdapter(HBA_HANDLE handle) {
         vxapi_unreg_all_events(inst);
         uint32_t ev_stat = 0;
         if (vxapi_async_event_reg(inst->oshandle, inst, 0, nullptr, &ev_stat) != 0 || ev_stat != EXT_STATUS_OK)
-            trace_call(ERR, fn, handle, "): event deregistration failed. stat=", ev_stat, VXDBG_DEC);
+            vxcapi_trace(ERR, fn, handle, "): event deregistration failed. stat=", ev_stat, VXDBG_DEC);
     }
     uint32_t status = 0;
     if (vxapi_close_adapter(inst, &status) != 0)
-        trace_call(ERR, fn, handle, "): close error=", status, VXDBG_DEC);
-    trace_call(TRC, fn, handle, "): exiting.");
+        vxcapi_trace(ERR, fn, handle, "): close error=", status, VXDBG_DEC);
+    vxcapi_trace(TRC, fn, handle, "): exiting.");
 }
 
 // ---- Attributes ----
@@ -325,7 +328,7 @@ void vxhba_CloseAdapter(HBA_HANDLE handle) {
 HBA_STATUS vxhba_GetAdapterAttributes(HBA_HANDLE handle, HBA_ADAPTERATTRIBUTES* attrs) {
     static constexpr const char* fn = "vxhba_GetAdapterAttributes";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!attrs)
@@ -344,7 +347,7 @@ HBA_STATUS vxhba_GetAdapterAttributes(HBA_HANDLE handle, HBA_ADAPTERATTRIBUTES* 
 HBA_STATUS vxhba_GetAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, HBA_PORTATTRIBUTES* attrs) {
     static constexpr const char* fn = "vxhba_GetAdapterPortAttributes";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!attrs)
@@ -365,7 +368,7 @@ HBA_STATUS vxhba_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port,
                                              HBA_PORTATTRIBUTES* attrs) {
     static constexpr const char* fn = "vxhba_GetDiscoveredPortAttributes";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!attrs)
@@ -386,12 +389,12 @@ HBA_STATUS vxhba_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port,
 HBA_STATUS vxhba_GetPortAttributesByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTATTRIBUTES* attrs) {
     static constexpr const char* fn = "vxhba_GetPortAttributesByWWN";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!attrs)
         return null_record(fn, handle);
-    if (!same_wwn(wwn, inst->wwpn))
+    if (!vxcapi_same_wwn(wwn, inst->wwpn))
         return trace_exit(fn, handle, vxhba_GetDiscPortAttrByWWN(handle, wwn, attrs));
     return trace_exit(fn, handle, vxhba_GetAdapterPortAttributes(handle, 0, attrs));
 }
@@ -399,7 +402,7 @@ HBA_STATUS vxhba_GetPortAttributesByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORT
 HBA_STATUS vxhba_GetDiscPortAttrByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTATTRIBUTES* attrs) {
     static constexpr const char* fn = "vxhba_GetDiscPortAttrByWWN";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!attrs)
@@ -424,12 +427,12 @@ HBA_STATUS vxcapi_find_discport(const char* name, HBA_HANDLE handle, vxapi_priv_
         const HBA_STATUS status = query_status(name, handle, rc, ext_stat);
         if (status != HBA_STATUS_OK)
             return status;
-        if (same_wwn(wwn, type == NODE_WWN ? record.WWNN : record.WWPN)) {
+        if (vxcapi_same_wwn(wwn, type == NODE_WWN ? record.WWNN : record.WWPN)) {
             *found = record;
             return HBA_STATUS_OK;
         }
     }
-    trace_call(ERR, name, handle, "): no discovered port of that name.");
+    vxcapi_trace(ERR, name, handle, "): no discovered port of that name.");
     return HBA_STATUS_ERROR_ILLEGAL_WWN;
 }
 
@@ -469,7 +472,7 @@ void vxcapi_copy_port_statistics(const vxapi_priv_database* inst, const EXT_HBA_
 HBA_STATUS vxhba_GetPortStatistics(HBA_HANDLE handle, HBA_UINT32, HBA_PORTSTATISTICS* stats) {
     static constexpr const char* fn = "vxhba_GetPortStatistics";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!stats)
@@ -486,17 +489,17 @@ HBA_STATUS vxhba_GetFC4Statistics(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT8
                                   HBA_FC4STATISTICS* stats) {
     static constexpr const char* fn = "vxhba_GetFC4Statistics";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!stats)
         return null_record(fn, handle);
-    if (!same_wwn(port_wwn, inst->wwpn)) {
-        trace_call(ERR, fn, handle, "): not this adapter's port.");
+    if (!vxcapi_same_wwn(port_wwn, inst->wwpn)) {
+        vxcapi_trace(ERR, fn, handle, "): not this adapter's port.");
         return HBA_STATUS_ERROR_ILLEGAL_WWN;
     }
     if (fc4_type != VX_FC4_TYPE_FCP) {
-        trace_call(ERR, fn, handle, "): FC-4 type not counted ", fc4_type, VXDBG_HEX);
+        vxcapi_trace(ERR, fn, handle, "): FC-4 type not counted ", fc4_type, VXDBG_HEX);
         return HBA_STATUS_ERROR_UNSUPPORTED_FC4;
     }
     EXT_HBA_PORT_STAT stat{};
@@ -554,7 +557,7 @@ void copy_mgmt(const HBA_MGMTINFO& from, HBA_MGMTINFO* to) {
 HBA_STATUS vxhba_SetRNIDMgmtInfo(HBA_HANDLE handle, HBA_MGMTINFO* info) {
     static constexpr const char* fn = "vxhba_SetRNIDMgmtInfo";
     trace_entry(fn, handle);
-    const vxapi_priv_database* inst = resolve(fn, handle);
+    const vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!info)
@@ -564,7 +567,7 @@ HBA_STATUS vxhba_SetRNIDMgmtInfo(HBA_HANDLE handle, HBA_MGMTINFO* info) {
     if (!e) {
         std::unique_ptr<mgmt_entry> made(new (std::nothrow) mgmt_entry{});
         if (!made) {
-            trace_call(ERR, fn, handle, "): out of memory.");
+            vxcapi_trace(ERR, fn, handle, "): out of memory.");
             return trace_exit(fn, handle, HBA_STATUS_ERROR);
         }
         memcpy(made->wwpn, inst->wwpn, sizeof made->wwpn);
@@ -580,7 +583,7 @@ HBA_STATUS vxhba_SetRNIDMgmtInfo(HBA_HANDLE handle, HBA_MGMTINFO* info) {
 HBA_STATUS vxhba_GetRNIDMgmtInfo(HBA_HANDLE handle, HBA_MGMTINFO* info) {
     static constexpr const char* fn = "vxhba_GetRNIDMgmtInfo";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!info)
@@ -624,7 +627,7 @@ void vxhba_RefreshAdapterConfiguration() { vxdbg_line(TRC, "vxhba_RefreshAdapter
 HBA_STATUS vxhba_GetEventBuffer(HBA_HANDLE handle, HBA_EVENTINFO* info, HBA_UINT32* count) {
     static constexpr const char* fn = "vxhba_GetEventBuffer";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!count || (!info && *count != 0))
@@ -650,7 +653,7 @@ HBA_STATUS vxhba_GetEventBuffer(HBA_HANDLE handle, HBA_EVENTINFO* info, HBA_UINT
         }
     }
     *count = taken;
-    trace_call(TRC, fn, handle, "): exiting. events=", taken, VXDBG_DEC);
+    vxcapi_trace(TRC, fn, handle, "): exiting. events=", taken, VXDBG_DEC);
     return HBA_STATUS_OK;
 }
 
@@ -668,13 +671,13 @@ HBA_STATUS vxhba_RegisterForAdapterPortEvents(void (*cb)(void*, HBA_WWN, HBA_UIN
                                               HBA_HANDLE handle, HBA_WWN port_wwn, HBA_CALLBACKHANDLE* cbh) {
     static constexpr const char* fn = "vxhba_RegisterForAdapterPortEvents";
     trace_entry(fn, handle);
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!cb || !cbh)
         return null_record(fn, handle);
-    if (!same_wwn(port_wwn, inst->wwpn)) {
-        trace_call(ERR, fn, handle, "): not this adapter's port.");
+    if (!vxcapi_same_wwn(port_wwn, inst->wwpn)) {
+        vxcapi_trace(ERR, fn, handle, "): not this adapter's port.");
         return HBA_STATUS_ERROR_ILLEGAL_WWN;
     }
     void* reg = nullptr;

@@ -14,6 +14,7 @@
 
 #include "exioct.h"
 #include "vx_core.h"
+#include "vx_sddbg.h"
 
 // Slots of the two tables as the wrapper's header lays them out.
 inline constexpr size_t VXHBA_SLOTS_V1 = sizeof(HBA_ENTRYPOINTS) / sizeof(void*);
@@ -59,6 +60,16 @@ HBA_UINT32 vxcapi_fcid(const uint8_t id[4]);
 // query gives its status, traced under `name`.
 HBA_STATUS vxcapi_find_discport(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, const HBA_WWN& wwn,
                                 HBA_WWNTYPE type, EXT_DISC_PORT* found);
+
+// ---- Helpers of the handler files ----
+// "<name>(<handle>)<text>" with an optional number, under the trace mask
+// `guard`.
+void vxcapi_trace(uint32_t guard, const char* name, HBA_HANDLE handle, const char* text, uint64_t number = 0,
+                  uint8_t radix = VXDBG_NONE);
+// The open port a handle names, or null (traced under `name`).
+vxapi_priv_database* vxcapi_resolve(const char* name, HBA_HANDLE handle);
+// Whether `wwn` is the 8-byte name `name`.
+bool vxcapi_same_wwn(const HBA_WWN& wwn, const uint8_t* name);
 
 // The operating system's name of the SCSI target `target_id` behind the port
 // ("targetH:0:T", the kernel's device of a target), `len` bytes at most.

@@ -22,25 +22,6 @@ constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_HBAAPI;
 
 constexpr uint32_t FIRST_SUMMARY_ROOM = 256;  // remote ports asked for before the driver says how many
 
-// "<name>(<handle>)<text>" with an optional number.
-void trace_status(uint32_t guard, const char* name, HBA_HANDLE handle, const char* text, uint64_t number = 0,
-                  uint8_t radix = VXDBG_NONE) {
-    if (!vxdbg_on(guard))
-        return;
-    vxdbg_print(name, 0, VXDBG_NONE, 0);
-    vxdbg_print("(", handle, VXDBG_DEC, 0);
-    vxdbg_print(text, number, radix, 1);
-}
-
-vxapi_priv_database* resolve(const char* name, HBA_HANDLE handle) {
-    vxapi_priv_database* inst = check_handle(handle);
-    if (!inst && vxdbg_on(ERR)) {
-        vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": check_handle failed. handle=", handle, VXDBG_DEC, 1);
-    }
-    return inst;
-}
-
 // One LUN of the host as the SCSI midlayer names it (H:C:T:L).
 struct host_lun {
     uint32_t channel;
@@ -109,7 +90,7 @@ HBA_STATUS read_targets(const char* name, HBA_HANDLE handle, vxapi_priv_database
         const int32_t rc = vxapi_get_port_summary(inst->oshandle, inst, &mask, data, static_cast<uint32_t>(size),
                                                   &ext_stat, &ext_dstat);
         if (rc != 0 || ext_stat != EXT_STATUS_OK) {
-            trace_status(ERR, name, handle, "): port summary failed. stat=", ext_stat, VXDBG_DEC);
+            vxcapi_trace(ERR, name, handle, "): port summary failed. stat=", ext_stat, VXDBG_DEC);
             return ext_stat != EXT_STATUS_OK ? vxapi_translate_to_capi_status(ext_stat, ext_dstat) : HBA_STATUS_ERROR;
         }
         list->count = std::min(data->ReturnListEntryCount, room);
@@ -151,12 +132,12 @@ void fill_entry(const vxapi_priv_database* inst, const host_lun& l, const EXT_DE
 // made room for, and comes back as the number of all of them.
 template <typename Mapping>
 HBA_STATUS target_mapping(const char* name, HBA_HANDLE handle, Mapping* mapping) {
-    trace_status(TRC, name, handle, "): entered.");
-    vxapi_priv_database* inst = resolve(name, handle);
+    vxcapi_trace(TRC, name, handle, "): entered.");
+    vxapi_priv_database* inst = vxcapi_resolve(name, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (!mapping) {
-        trace_status(ERR, name, handle, "): null mapping.");
+        vxcapi_trace(ERR, name, handle, "): null mapping.");
         return HBA_STATUS_ERROR_ARG;
     }
     target_list targets;
@@ -180,7 +161,7 @@ HBA_STATUS target_mapping(const char* name, HBA_HANDLE handle, Mapping* mapping)
     }
     mapping->NumberOfEntries = total;
     const HBA_STATUS result = total > room ? HBA_STATUS_ERROR_MORE_DATA : HBA_STATUS_OK;
-    trace_status(TRC, name, handle, "): exiting. entries=", total, VXDBG_DEC);
+    vxcapi_trace(TRC, name, handle, "): exiting. entries=", total, VXDBG_DEC);
     return result;
 }
 
@@ -192,12 +173,12 @@ HBA_STATUS vxhba_GetFcpTargetMapping(HBA_HANDLE handle, HBA_FCPTARGETMAPPING* ma
 
 HBA_STATUS vxhba_FcpTargetMappingV2(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_FCPTARGETMAPPINGV2* mapping) {
     static constexpr const char* fn = "vxhba_FcpTargetMappingV2";
-    vxapi_priv_database* inst = resolve(fn, handle);
+    vxapi_priv_database* inst = vxcapi_resolve(fn, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     // The handle's one port is the only port that can be named.
-    if (memcmp(port_wwn.wwn, inst->wwpn, sizeof port_wwn.wwn) != 0) {
-        trace_status(ERR, fn, handle, "): not this adapter's port.");
+    if (!vxcapi_same_wwn(port_wwn, inst->wwpn)) {
+        vxcapi_trace(ERR, fn, handle, "): not this adapter's port.");
         return HBA_STATUS_ERROR_ILLEGAL_WWN;
     }
     return target_mapping(fn, handle, mapping);
@@ -229,9 +210,7 @@ struct scsi_request {
     HBA_UINT8* scsi_status;
 };
 
-bool own_port(const vxapi_priv_database* inst, const HBA_WWN& wwn) {
-    return memcmp(wwn.wwn, inst->wwpn, sizeof wwn.wwn) == 0;
-}
+bool own_port(const vxapi_priv_database* inst, const HBA_WWN& wwn) { return vxcapi_same_wwn(wwn, inst->wwpn); }
 
 // The midlayer's LUN number of an FCP LUN given as its eight bytes, most
 // significant first (the form the target mapping hands out): peripheral
@@ -249,7 +228,7 @@ bool lun_number(uint64_t fc_lun, uint16_t* lun) {
 HBA_STATUS send_scsi(const char* name, HBA_HANDLE handle, vxapi_priv_database* inst, const scsi_request& r) {
     uint16_t lun = 0;
     if (!lun_number(r.fc_lun, &lun)) {
-        trace_status(ERR, name, handle, "): LUN addressing not served.");
+        vxcapi_trace(ERR, name, handle, "): LUN addressing not served.");
         return HBA_STATUS_ERROR_INVALID_LUN;
     }
     const uint32_t room = r.sense && r.sense_size ? std::min<uint32_t>(*r.sense_size, EXT_MAX_SENSE_LEN) : 0;
@@ -279,22 +258,22 @@ HBA_STATUS send_scsi(const char* name, HBA_HANDLE handle, vxapi_priv_database* i
     if (status == HBA_STATUS_OK && rc != 0)
         status = HBA_STATUS_ERROR;  // failed without a driver status
     if (status != HBA_STATUS_OK)
-        trace_status(ERR, name, handle, "): failed. stat=", ext_stat, VXDBG_DEC);
-    trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+        vxcapi_trace(ERR, name, handle, "): failed. stat=", ext_stat, VXDBG_DEC);
+    vxcapi_trace(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
     return status;
 }
 
 // The checks every SCSI handler makes; the instance, or null with *status set.
 vxapi_priv_database* scsi_checks(const char* name, HBA_HANDLE handle, const void* rsp, uint32_t rsp_size,
                                  HBA_STATUS* status) {
-    trace_status(TRC, name, handle, "): entered.");
-    vxapi_priv_database* inst = resolve(name, handle);
+    vxcapi_trace(TRC, name, handle, "): entered.");
+    vxapi_priv_database* inst = vxcapi_resolve(name, handle);
     if (!inst) {
         *status = HBA_STATUS_ERROR_INVALID_HANDLE;
         return nullptr;
     }
     if (!rsp || rsp_size == 0) {
-        trace_status(ERR, name, handle, "): no response buffer.");
+        vxcapi_trace(ERR, name, handle, "): no response buffer.");
         *status = HBA_STATUS_ERROR_ARG;
         return nullptr;
     }
@@ -348,13 +327,13 @@ scsi_request read_capacity(const HBA_WWN& target, uint64_t lun, void* rsp, uint3
 vxapi_priv_database* sized_checks(const char* name, HBA_HANDLE handle, const HBA_WWN* port_wwn, const void* rsp,
                                   const HBA_UINT32* rsp_size, bool pointers_ok, HBA_STATUS* status) {
     if (!rsp_size || !pointers_ok) {
-        trace_status(ERR, name, handle, "): null size or status.");
+        vxcapi_trace(ERR, name, handle, "): null size or status.");
         *status = check_handle(handle) ? HBA_STATUS_ERROR_ARG : HBA_STATUS_ERROR_INVALID_HANDLE;
         return nullptr;
     }
     vxapi_priv_database* inst = scsi_checks(name, handle, rsp, *rsp_size, status);
     if (inst && port_wwn && !own_port(inst, *port_wwn)) {
-        trace_status(ERR, name, handle, "): not this adapter's port.");
+        vxcapi_trace(ERR, name, handle, "): not this adapter's port.");
         *status = HBA_STATUS_ERROR_ILLEGAL_WWN;
         return nullptr;
     }
@@ -370,16 +349,16 @@ vxapi_priv_database* v2_checks(const char* name, HBA_HANDLE handle, const HBA_WW
 
 HBA_STATUS send_ct(const char* name, HBA_HANDLE handle, void* req, HBA_UINT32 req_size, void* rsp,
                    HBA_UINT32 rsp_size, const HBA_WWN* port_wwn) {
-    trace_status(TRC, name, handle, "): entered.");
-    vxapi_priv_database* inst = resolve(name, handle);
+    vxcapi_trace(TRC, name, handle, "): entered.");
+    vxapi_priv_database* inst = vxcapi_resolve(name, handle);
     if (!inst)
         return HBA_STATUS_ERROR_INVALID_HANDLE;
     if (port_wwn && !own_port(inst, *port_wwn)) {
-        trace_status(ERR, name, handle, "): not this adapter's port.");
+        vxcapi_trace(ERR, name, handle, "): not this adapter's port.");
         return HBA_STATUS_ERROR_ILLEGAL_WWN;
     }
     if (!req || !rsp || rsp_size == 0 || req_size < CT_IU_HEADER) {
-        trace_status(ERR, name, handle, "): bad request or response buffer. size=", req_size, VXDBG_DEC);
+        vxcapi_trace(ERR, name, handle, "): bad request or response buffer. size=", req_size, VXDBG_DEC);
         return HBA_STATUS_ERROR_ARG;
     }
     uint32_t ext_stat = 0;
@@ -387,7 +366,7 @@ HBA_STATUS send_ct(const char* name, HBA_HANDLE handle, void* req, HBA_UINT32 re
     HBA_STATUS status = vxapi_translate_to_capi_status(ext_stat, 0);
     if (status == HBA_STATUS_OK && rc != 0)
         status = HBA_STATUS_ERROR;
-    trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+    vxcapi_trace(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
     return status;
 }
 
@@ -555,18 +534,18 @@ HBA_STATUS send_els(const char* name, HBA_HANDLE handle, vxapi_priv_database* in
     if (status == HBA_STATUS_OK && answer[0] != ELS_LS_ACC && answer[0] != ELS_LS_RJT)
         status = HBA_STATUS_ERROR;  // no answer at all
     if (status != HBA_STATUS_OK) {
-        trace_status(ERR, name, handle, "): failed. stat=", ext_stat, VXDBG_DEC);
-        trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+        vxcapi_trace(ERR, name, handle, "): failed. stat=", ext_stat, VXDBG_DEC);
+        vxcapi_trace(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
         return status;
     }
     const uint32_t length = std::min(answer_length(payload[0], answer), ELS_MAX_PAYLOAD);
     memcpy(rsp, answer, std::min(length, *rsp_size));
     *rsp_size = length;
     if (answer[0] == ELS_LS_RJT) {
-        trace_status(ERR, name, handle, "): rejected. reason=", answer[5], VXDBG_HEX);
+        vxcapi_trace(ERR, name, handle, "): rejected. reason=", answer[5], VXDBG_HEX);
         status = HBA_STATUS_ERROR_ELS_REJECT;
     }
-    trace_status(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
+    vxcapi_trace(TRC, name, handle, "): exiting. ret=", status, VXDBG_DEC);
     return status;
 }
 
@@ -579,7 +558,7 @@ HBA_STATUS vxhba_SendRNID(HBA_HANDLE handle, HBA_WWN wwn, HBA_WWNTYPE type, void
     if (!inst)
         return status;
     if (type != NODE_WWN && type != PORT_WWN) {
-        trace_status(ERR, fn, handle, "): bad name type ", static_cast<uint32_t>(type), VXDBG_DEC);
+        vxcapi_trace(ERR, fn, handle, "): bad name type ", static_cast<uint32_t>(type), VXDBG_DEC);
         return HBA_STATUS_ERROR_ARG;
     }
     EXT_DISC_PORT to{};
@@ -601,7 +580,7 @@ HBA_STATUS vxhba_SendRPS(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_WWN agent_wwn,
     if (!inst)
         return status;
     if (zero_wwn(agent_wwn)) {
-        trace_status(ERR, fn, handle, "): agent by domain not supported. domain=", agent_domain, VXDBG_DEC);
+        vxcapi_trace(ERR, fn, handle, "): agent by domain not supported. domain=", agent_domain, VXDBG_DEC);
         return HBA_STATUS_ERROR_NOT_SUPPORTED;
     }
     EXT_DISC_PORT agent{};
