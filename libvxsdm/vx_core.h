@@ -526,6 +526,13 @@ int vxapi_send_ext_ioctl(int handle, const vxapi_priv_database* record, uint8_t 
                          uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len,
                          uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer = nullptr,
                          uint32_t reserved1 = 0);
+// vxapi_send_ext_ioctl traced under the leaf's `name`: a request that cannot
+// be framed, and the result with the driver status on the way out. A null
+// `pext_stat` drops the driver status.
+int32_t vxapi_send_ext_traced(const char* name, int handle, vxapi_priv_database* inst, uint8_t command,
+                              uint16_t subcode, uint16_t instance, const void* req, uint32_t req_len, void* resp,
+                              uint32_t resp_len, uint32_t* pext_stat, uint32_t* pext_dstat,
+                              vxapi_ext_answer* answer = nullptr);
 // The same for a request record that the driver writes back into (the
 // pass-through records, whose sense comes back in them); instance 0.
 int vxapi_send_ext_ioctl_inout(int handle, const vxapi_priv_database* record, uint8_t command, uint16_t subcode,

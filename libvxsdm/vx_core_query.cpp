@@ -29,34 +29,14 @@ constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_TRACE;
 // The driver status lands in the caller's word, or nowhere when it gave none.
 uint32_t& status_word(uint32_t* pext_stat, uint32_t& local) { return pext_stat ? *pext_stat : local; }
 
-// One request on an ioctl port; a request that cannot be framed is traced
-// as such and reported as 1.
-int32_t send(const char* name, int handle, vxapi_priv_database* inst, uint8_t command, uint16_t subcode,
-             uint16_t instance, const void* req, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t* pext_stat,
-             uint32_t* pext_dstat) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = status_word(pext_stat, local);
-    const int rc = vxapi_send_ext_ioctl(handle, inst, command, subcode, instance, req, req_len, resp, resp_len,
-                                        &ext_stat, pext_dstat);
-    if (rc == 1 && vxdbg_on(ERR)) {
-        vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": init_ext_ioctl error ", 0, VXDBG_NONE, 1);
-    }
-    if (vxdbg_on(TRC)) {
-        vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 0);
-        vxdbg_print(" stat=", ext_stat, VXDBG_DEC, 1);
-    }
-    return rc;
-}
-
 int32_t query(const char* name, int handle, vxapi_priv_database* inst, uint16_t subcode, uint16_t index, void* rec,
               uint32_t len, uint32_t* pext_stat) {
     if (vxdbg_on(TRC)) {
         vxdbg_print(name, 0, VXDBG_NONE, 0);
         vxdbg_print(": entered. subcode=", subcode, VXDBG_DEC, 1);
     }
-    return send(name, handle, inst, EXT_CC_QUERY, subcode, index, nullptr, 0, rec, len, pext_stat, nullptr);
+    return vxapi_send_ext_traced(name, handle, inst, EXT_CC_QUERY, subcode, index, nullptr, 0, rec, len, pext_stat,
+                                 nullptr);
 }
 
 bool contains(const uint8_t* text, size_t size, const char* word) {
@@ -69,6 +49,25 @@ bool contains(const uint8_t* text, size_t size, const char* word) {
 }
 
 }  // namespace
+
+int32_t vxapi_send_ext_traced(const char* name, int handle, vxapi_priv_database* inst, uint8_t command,
+                              uint16_t subcode, uint16_t instance, const void* req, uint32_t req_len, void* resp,
+                              uint32_t resp_len, uint32_t* pext_stat, uint32_t* pext_dstat, vxapi_ext_answer* answer) {
+    uint32_t local = 0;
+    uint32_t& ext_stat = status_word(pext_stat, local);
+    const int rc = vxapi_send_ext_ioctl(handle, inst, command, subcode, instance, req, req_len, resp, resp_len,
+                                        &ext_stat, pext_dstat, answer);
+    if (rc == 1 && vxdbg_on(ERR)) {
+        vxdbg_print(name, 0, VXDBG_NONE, 0);
+        vxdbg_print(": init_ext_ioctl error ", 0, VXDBG_NONE, 1);
+    }
+    if (vxdbg_on(TRC)) {
+        vxdbg_print(name, 0, VXDBG_NONE, 0);
+        vxdbg_print(": exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 0);
+        vxdbg_print(" stat=", ext_stat, VXDBG_DEC, 1);
+    }
+    return rc;
+}
 
 bool vxapi_leaf_ready(const char* name, const vxapi_priv_database* inst, bool args_ok, uint32_t* pext_stat) {
     if (inst && inst->channel && args_ok)
@@ -129,30 +128,30 @@ int32_t vxapi_ioctl_get_port_summary(int handle, vxapi_priv_database* inst, uint
                                      EXT_DEVICEDATA* data, uint32_t size, uint32_t* pext_stat,
                                      uint32_t* pext_dstat) {
     vxdbg_num(TRC, "vxapi_get_port_summary: entered. type mask=", *type_mask, VXDBG_HEX, 1);
-    return send("vxapi_get_port_summary", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_PORT_SUMMARY, 0, type_mask,
-                sizeof *type_mask, data, size, pext_stat, pext_dstat);
+    return vxapi_send_ext_traced("vxapi_get_port_summary", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_PORT_SUMMARY, 0,
+                                 type_mask, sizeof *type_mask, data, size, pext_stat, pext_dstat);
 }
 
 int32_t vxapi_ioctl_get_tgt_lun_data_list(int handle, vxapi_priv_database* inst, TGT_LUN_DATA_LIST* list,
                                           uint32_t list_len, uint32_t* pext_stat) {
     vxdbg_num(TRC, "vxapi_get_tgt_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
-    return send("vxapi_get_tgt_lun_data_list", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_TGT_LUN_DATA_LIST, 0,
-                nullptr, 0, list, list_len, pext_stat, nullptr);
+    return vxapi_send_ext_traced("vxapi_get_tgt_lun_data_list", handle, inst, EXT_CC_GET_DATA,
+                                 EXT_SC_GET_TGT_LUN_DATA_LIST, 0, nullptr, 0, list, list_len, pext_stat, nullptr);
 }
 
 int32_t vxapi_ioctl_wwpn_to_scsiaddr(int handle, vxapi_priv_database* inst, const uint8_t* wwpn, uint32_t wwpn_len,
                                      EXT_SCSI_ADDR* addr, uint32_t* pext_stat) {
     vxdbg_line(TRC, "vxapi_wwpn_to_scsiaddr: entered.");
     memset(addr, 0, sizeof *addr);
-    return send("vxapi_wwpn_to_scsiaddr", handle, inst, EXT_CC_WWPN_TO_SCSIADDR, 0, 0, wwpn, wwpn_len, addr,
-                sizeof *addr, pext_stat, nullptr);
+    return vxapi_send_ext_traced("vxapi_wwpn_to_scsiaddr", handle, inst, EXT_CC_WWPN_TO_SCSIADDR, 0, 0, wwpn, wwpn_len,
+                                 addr, sizeof *addr, pext_stat, nullptr);
 }
 
 int32_t vxapi_ioctl_get_dcbx_param(int handle, vxapi_priv_database* inst, uint8_t* buf, uint32_t size,
                                    uint32_t* pext_stat) {
     vxdbg_num(TRC, "vxapi_get_dcbx_param: entered. size=", size, VXDBG_DEC, 1);
-    return send("vxapi_get_dcbx_param", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_DCBX_PARAM, 0, nullptr, 0, buf, size,
-                pext_stat, nullptr);
+    return vxapi_send_ext_traced("vxapi_get_dcbx_param", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_DCBX_PARAM, 0,
+                                 nullptr, 0, buf, size, pext_stat, nullptr);
 }
 
 // ---- Leaves: the common checks, then the port's channel ----
@@ -248,8 +247,8 @@ int32_t vxapi_get_lun_data_list(int handle, vxapi_priv_database* inst, FO_LUN_DA
     }
     vxdbg_num(TRC, "vxapi_get_lun_data_list: entered. len=", list_len, VXDBG_DEC, 1);
     FO_LUN_DATA_INPUT input{};
-    return send("vxapi_get_lun_data_list", handle, inst, EXT_CC_GET_LUN_DATA, 0, 0, &input, sizeof input, list,
-                list_len, pext_stat, nullptr);
+    return vxapi_send_ext_traced("vxapi_get_lun_data_list", handle, inst, EXT_CC_GET_LUN_DATA, 0, 0, &input,
+                                 sizeof input, list, list_len, pext_stat, nullptr);
 }
 
 uint32_t vxapi_get_lun_addr(const uint8_t* lun) {

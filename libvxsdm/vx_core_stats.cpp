@@ -10,26 +10,6 @@
 namespace {
 
 constexpr uint32_t TRC = VXDBG_TRACE;
-constexpr uint32_t ERR = VXDBG_ERROR | VXDBG_TRACE;
-
-int32_t send(const char* name, int handle, vxapi_priv_database* inst, uint8_t command, uint16_t subcode,
-             const void* req, uint32_t req_len, void* resp, uint32_t resp_len, uint32_t* pext_stat,
-             uint32_t* pext_dstat, vxapi_ext_answer* answer = nullptr) {
-    uint32_t local = 0;
-    uint32_t& ext_stat = pext_stat ? *pext_stat : local;
-    const int rc = vxapi_send_ext_ioctl(handle, inst, command, subcode, 0, req, req_len, resp, resp_len, &ext_stat,
-                                        pext_dstat, answer);
-    if (rc == 1 && vxdbg_on(ERR)) {
-        vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": init_ext_ioctl error ", 0, VXDBG_NONE, 1);
-    }
-    if (vxdbg_on(TRC)) {
-        vxdbg_print(name, 0, VXDBG_NONE, 0);
-        vxdbg_print(": exiting. ret=", static_cast<uint32_t>(rc), VXDBG_INT, 0);
-        vxdbg_print(" stat=", ext_stat, VXDBG_DEC, 1);
-    }
-    return rc;
-}
 
 }  // namespace
 
@@ -37,19 +17,19 @@ int32_t send(const char* name, int handle, vxapi_priv_database* inst, uint8_t co
 
 int32_t vxapi_ioctl_get_statistics(int handle, vxapi_priv_database* inst, EXT_HBA_PORT_STAT* stat,
                                    uint32_t* pext_stat, uint32_t* pext_dstat) {
-    return send("vxapi_get_statistics", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_STATISTICS, nullptr, 0, stat,
-                sizeof *stat, pext_stat, pext_dstat);
+    return vxapi_send_ext_traced("vxapi_get_statistics", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_STATISTICS, 0,
+                                 nullptr, 0, stat, sizeof *stat, pext_stat, pext_dstat);
 }
 
 int32_t vxapi_ioctl_get_port_statistics(int handle, vxapi_priv_database* inst, const EXT_DEST_ADDR* dest,
                                         EXT_HBA_PORT_STAT* stat, uint32_t* pext_stat, uint32_t* pext_dstat) {
-    return send("vxapi_get_port_statistics", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_FC_STATISTICS, dest,
-                sizeof *dest, stat, sizeof *stat, pext_stat, pext_dstat);
+    return vxapi_send_ext_traced("vxapi_get_port_statistics", handle, inst, EXT_CC_GET_DATA, EXT_SC_GET_FC_STATISTICS,
+                                 0, dest, sizeof *dest, stat, sizeof *stat, pext_stat, pext_dstat);
 }
 
 int32_t vxapi_ioctl_reset_stats(int handle, vxapi_priv_database* inst, uint32_t* pext_stat) {
-    return send("vxapi_reset_stats", handle, inst, EXT_CC_SET_DATA, EXT_SC_RESET_STATISTICS, nullptr, 0, nullptr, 0,
-                pext_stat, nullptr);
+    return vxapi_send_ext_traced("vxapi_reset_stats", handle, inst, EXT_CC_SET_DATA, EXT_SC_RESET_STATISTICS, 0,
+                                 nullptr, 0, nullptr, 0, pext_stat, nullptr);
 }
 
 int32_t vxapi_ioctl_async_event_reg(int handle, vxapi_priv_database* inst, uint32_t enable, void* reserved,
@@ -57,16 +37,16 @@ int32_t vxapi_ioctl_async_event_reg(int handle, vxapi_priv_database* inst, uint3
     (void)reserved;
     EXT_REG_AEN reg{};
     reg.Enable = enable ? 1 : 0;
-    return send("vxapi_async_event_reg", handle, inst, EXT_CC_REG_AEN, EXT_SC_REG_AEN, &reg, sizeof reg, nullptr, 0,
-                pext_stat, nullptr);
+    return vxapi_send_ext_traced("vxapi_async_event_reg", handle, inst, EXT_CC_REG_AEN, EXT_SC_REG_AEN, 0, &reg,
+                                 sizeof reg, nullptr, 0, pext_stat, nullptr);
 }
 
 int32_t vxapi_ioctl_async_event_get(int handle, vxapi_priv_database* inst, EXT_ASYNC_EVENT* buf, uint32_t* plen,
                                     uint32_t* pext_stat) {
     const uint32_t room = *plen;
     vxapi_ext_answer answer{};
-    const int32_t rc = send("vxapi_async_event_get", handle, inst, EXT_CC_GET_AEN, EXT_SC_GET_AEN, nullptr, 0, buf,
-                            room, pext_stat, nullptr, &answer);
+    const int32_t rc = vxapi_send_ext_traced("vxapi_async_event_get", handle, inst, EXT_CC_GET_AEN, EXT_SC_GET_AEN, 0,
+                                             nullptr, 0, buf, room, pext_stat, nullptr, &answer);
     // The driver says how much it wrote; never more than the buffer holds.
     *plen = rc == 0 ? (answer.response_len < room ? answer.response_len : room) : 0;
     return rc;
